@@ -1,0 +1,204 @@
+#include "core/health/device_health.hpp"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+namespace virela {
+
+namespace health {
+
+std::string sizeText(std::int64_t bytes) {
+    const double gigabytes = static_cast<double>(bytes) / 1'000'000'000.0;
+    if (gigabytes >= 1.0) {
+        char buffer[64];
+        std::snprintf(buffer, sizeof buffer, "%.1f GB free", gigabytes);
+        return buffer;
+    }
+    return std::to_string(bytes / 1'000'000) + " MB free";
+}
+
+std::optional<std::string> batteryText(double level) {
+    if (!(level >= 0)) return std::nullopt;  // negative or NaN: unknown
+    // The epsilon absorbs binary representation error (0.29 * 100 = 28.999...) without
+    // rounding a genuine fraction up.
+    double percent = std::floor(std::fmin(level, 1e6) * 100.0 + 1e-9);
+    return std::to_string(static_cast<long long>(percent)) + "%";
+}
+
+std::optional<std::string> batteryStateText(int state) {
+    switch (state) {
+        case 0:
+            return "unknown";
+        case 1:
+            return "unplugged";
+        case 2:
+            return "charging";
+        case 3:
+            return "full";
+        default:
+            return std::nullopt;
+    }
+}
+
+std::optional<std::string> appearanceText(Appearance appearance) {
+    switch (appearance) {
+        case Appearance::light:
+            return "light";
+        case Appearance::dark:
+            return "dark";
+        case Appearance::unspecified:
+            return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> textSizeName(ContentSizeCategory category) {
+    // One step behind the platform's own names: its "large" default reads "Default".
+    switch (category) {
+        case ContentSizeCategory::extraSmall:
+            return "Extra Small";
+        case ContentSizeCategory::small:
+            return "Small";
+        case ContentSizeCategory::medium:
+            return "Medium";
+        case ContentSizeCategory::large:
+            return "Default";
+        case ContentSizeCategory::extraLarge:
+            return "Large (XL)";
+        case ContentSizeCategory::extraExtraLarge:
+            return "Extra Large (XXL)";
+        case ContentSizeCategory::extraExtraExtraLarge:
+            return "Extra Extra Large (XXXL)";
+        case ContentSizeCategory::accessibilityMedium:
+            return "Accessibility Medium";
+        case ContentSizeCategory::accessibilityLarge:
+            return "Accessibility Large";
+        case ContentSizeCategory::accessibilityExtraLarge:
+            return "Accessibility Extra Large";
+        case ContentSizeCategory::accessibilityExtraExtraLarge:
+            return "Accessibility Extra Extra Large";
+        case ContentSizeCategory::accessibilityExtraExtraExtraLarge:
+            return "Accessibility Extra Extra Extra Large";
+        case ContentSizeCategory::unspecified:
+            return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+std::string accessibilityText(const AssistiveTechnologies& running) {
+    std::string text;
+    auto add = [&text](bool on, const char* name) {
+        if (!on) return;
+        if (!text.empty()) text += ", ";
+        text += name;
+    };
+    add(running.voiceOver, "VoiceOver");
+    add(running.switchControl, "Switch Control");
+    add(running.assistiveTouch, "AssistiveTouch");
+    return text;
+}
+
+std::optional<std::string> networkName(const NetworkPath& path) {
+    if (!path.satisfied) return "Offline";
+    if (path.usesWifi) return "Wi-Fi";
+    if (path.usesCellular) return "Cellular";
+    return std::nullopt;
+}
+
+std::string modelIdentifier(const std::string& machine) {
+    if (const char* simulated = std::getenv("SIMULATOR_MODEL_IDENTIFIER")) return simulated;
+    return machine;
+}
+
+JsonFields reportBody(const DeviceHealthSnapshot& s) {
+    auto text = [](const std::optional<std::string>& value) -> std::optional<nlohmann::json> {
+        if (!value) return std::nullopt;
+        return nlohmann::json(*value);
+    };
+    return JsonFields{
+        {"battery", text(s.battery)},   {"batteryState", text(s.batteryState)},
+        {"network", text(s.network)},   {"storage", text(s.storage)},
+        {"memory", text(s.memory)},     {"appearance", text(s.appearance)},
+        {"textSize", text(s.textSize)}, {"accessibility", text(s.accessibility)},
+    };
+}
+
+}  // namespace health
+
+DeviceHealth::DeviceHealth(std::shared_ptr<const Platform> platform)
+    : platform_(std::move(platform)) {}
+
+DeviceHealth::UIKitFields DeviceHealth::readUIKitFields() const {
+    const MainThreadFacts facts = platform_->device->readMainThreadFacts();
+    return UIKitFields{
+        health::batteryText(facts.batteryLevel),    health::batteryStateText(facts.batteryState),
+        health::appearanceText(facts.appearance),   health::textSizeName(facts.textSize),
+        health::accessibilityText(facts.assistive),
+    };
+}
+
+void DeviceHealth::collectNetwork(std::function<void(std::optional<std::string>)> done) const {
+    auto queue = platform_->makeSerialQueue("com.virela.deviceHealth.network");
+    auto monitor = platform_->makePathMonitor();
+    // Shared by the first update and the time-out, both on `queue`; whichever comes first
+    // answers, cancels the monitor and releases everything.
+    struct Probe {
+        ProbeState state;
+        std::shared_ptr<PathMonitor> monitor;
+        std::unique_ptr<ScheduledWork> timeout;
+        std::function<void(std::optional<std::string>)> done;
+
+        void answer(std::optional<std::string> name) {
+            if (state.resumed) return;
+            state.resumed = true;
+            if (monitor) monitor->cancel();
+            if (timeout) timeout->cancel();
+            auto callback = std::move(done);
+            monitor.reset();
+            timeout.reset();
+            callback(std::move(name));
+        }
+    };
+    auto probe = std::make_shared<Probe>();
+    probe->monitor = monitor;
+    probe->done = std::move(done);
+    queue->post([probe, queue, monitor] {
+        if (probe->state.resumed) return;
+        probe->timeout = queue->postAfter(1.0, [probe] { probe->answer(std::nullopt); });
+        monitor->start(
+            queue, [probe](const NetworkPath& path) { probe->answer(health::networkName(path)); });
+    });
+}
+
+void DeviceHealth::collect(std::function<void(Snapshot)> done) const {
+    Snapshot snapshot;
+    const DeviceFacts& device = *platform_->device;
+    snapshot.modelIdentifier = health::modelIdentifier(device.machine());
+    if (auto bytes = device.availableStorageBytes(); bytes && *bytes >= 0) {
+        snapshot.storage = health::sizeText(*bytes);
+    }
+    if (auto bytes = device.availableMemoryBytes(); bytes > 0) {
+        snapshot.memory = health::sizeText(bytes);
+    }
+    auto self = *this;
+    auto main = platform_->main;
+    main->post([self, main, snapshot, done = std::move(done)]() mutable {
+        UIKitFields fields = self.readUIKitFields();
+        snapshot.battery = std::move(fields.battery);
+        snapshot.batteryState = std::move(fields.batteryState);
+        snapshot.appearance = std::move(fields.appearance);
+        snapshot.textSize = std::move(fields.textSize);
+        snapshot.accessibility = std::move(fields.accessibility);
+        self.collectNetwork(
+            [main, snapshot, done = std::move(done)](std::optional<std::string> network) mutable {
+                snapshot.network = std::move(network);
+                main->post([snapshot = std::move(snapshot), done = std::move(done)]() mutable {
+                    done(std::move(snapshot));
+                });
+            });
+    });
+}
+
+}  // namespace virela
