@@ -70,13 +70,13 @@ struct VirelaRedaction {
 using VirelaErrorValue = std::exception_ptr;
 
 struct VirelaCallbacks {
-    std::function<void()> onRequestShown;
-    std::function<void(const CaptureResult&)> onAllowed;
-    std::function<void()> onDenied;
-    std::function<void()> onExpired;
-    std::function<void(const VirelaErrorValue&)> onError;
-    std::function<void(bool)> onRemoteControl;
-    std::function<void(const LiveSession&)> onLiveEnded;
+    std::function<void()> onRequestShown{};
+    std::function<void(const CaptureResult&)> onAllowed{};
+    std::function<void()> onDenied{};
+    std::function<void()> onExpired{};
+    std::function<void(const VirelaErrorValue&)> onError{};
+    std::function<void(bool)> onRemoteControl{};
+    std::function<void(const LiveSession&)> onLiveEnded{};
 };
 
 }  // namespace virela
