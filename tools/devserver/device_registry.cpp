@@ -1,0 +1,132 @@
+#include "tools/devserver/device_registry.hpp"
+
+#include <algorithm>
+#include <cstdint>
+#include <utility>
+
+namespace virela::devserver {
+
+DeviceRegistry::DeviceRegistry() {
+    std::random_device device;
+    std::seed_seq seed{device(), device(), device(), device(), device(), device()};
+    random_.seed(seed);
+}
+
+DeviceInfo DeviceRegistry::registerDevice(const std::string& apiKey,
+                                          const std::optional<std::string>& installId,
+                                          std::string body) {
+    std::lock_guard lock(mutex_);
+    auto existing = devices_.end();
+    if (installId) {
+        existing = std::find_if(devices_.begin(), devices_.end(), [&](const DeviceInfo& d) {
+            return d.apiKey == apiKey && d.installId == installId;
+        });
+    }
+    if (existing == devices_.end()) {
+        DeviceInfo created;
+        created.deviceId = freshDeviceId();
+        created.apiKey = apiKey;
+        created.installId = installId;
+        created.supportCode = freshSupportCode();
+        devices_.push_back(std::move(created));
+        existing = devices_.end() - 1;
+    }
+    std::string token;
+    do {
+        token = randomHex(40);
+    } while (byToken(token) != nullptr);
+    existing->token = token;
+    existing->tokens.push_back(std::move(token));
+    existing->registration = std::move(body);
+    return *existing;
+}
+
+bool DeviceRegistry::knowsToken(std::string_view token) const {
+    std::lock_guard lock(mutex_);
+    return byToken(token) != nullptr;
+}
+
+bool DeviceRegistry::identify(std::string_view token, IdentifiedUser user) {
+    std::lock_guard lock(mutex_);
+    DeviceInfo* device = byToken(token);
+    if (device == nullptr) return false;
+    device->user = std::move(user);
+    return true;
+}
+
+bool DeviceRegistry::storeHealth(std::string_view token, std::string body) {
+    std::lock_guard lock(mutex_);
+    DeviceInfo* device = byToken(token);
+    if (device == nullptr) return false;
+    device->lastHealth = std::move(body);
+    return true;
+}
+
+std::optional<std::string> DeviceRegistry::resetSupportCode(std::string_view token) {
+    std::lock_guard lock(mutex_);
+    DeviceInfo* device = byToken(token);
+    if (device == nullptr) return std::nullopt;
+    // The current code is still taken while the new one is drawn, so the two always differ.
+    device->supportCode = freshSupportCode();
+    return device->supportCode;
+}
+
+std::optional<DeviceInfo> DeviceRegistry::find(std::string_view idTokenOrCode) const {
+    std::lock_guard lock(mutex_);
+    for (const DeviceInfo& device : devices_) {
+        if (device.deviceId == idTokenOrCode || device.supportCode == idTokenOrCode) return device;
+    }
+    if (const DeviceInfo* device = byToken(idTokenOrCode)) return *device;
+    return std::nullopt;
+}
+
+std::vector<DeviceInfo> DeviceRegistry::all() const {
+    std::lock_guard lock(mutex_);
+    return devices_;
+}
+
+DeviceInfo* DeviceRegistry::byToken(std::string_view token) {
+    return const_cast<DeviceInfo*>(std::as_const(*this).byToken(token));
+}
+
+const DeviceInfo* DeviceRegistry::byToken(std::string_view token) const {
+    if (token.empty()) return nullptr;
+    for (const DeviceInfo& device : devices_) {
+        if (std::find(device.tokens.begin(), device.tokens.end(), token) != device.tokens.end()) {
+            return &device;
+        }
+    }
+    return nullptr;
+}
+
+std::string DeviceRegistry::randomHex(std::size_t digits) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(digits);
+    while (text.size() < digits) {
+        std::uint64_t word = random_();
+        for (int i = 0; i < 16 && text.size() < digits; ++i, word >>= 4) text += kHex[word & 0xF];
+    }
+    return text;
+}
+
+std::string DeviceRegistry::freshDeviceId() {
+    std::string id;
+    do {
+        id = "dev_" + randomHex(16);
+    } while (std::any_of(devices_.begin(), devices_.end(),
+                         [&](const DeviceInfo& d) { return d.deviceId == id; }));
+    return id;
+}
+
+std::string DeviceRegistry::freshSupportCode() {
+    std::uniform_int_distribution<int> digit(0, 9);
+    std::string code(7, '-');
+    do {
+        for (std::size_t i : {0, 1, 2, 4, 5, 6}) code[i] = static_cast<char>('0' + digit(random_));
+    } while (std::any_of(devices_.begin(), devices_.end(),
+                         [&](const DeviceInfo& d) { return d.supportCode == code; }));
+    return code;
+}
+
+}  // namespace virela::devserver

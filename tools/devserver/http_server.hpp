@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "tools/devserver/exchange.hpp"
+
+namespace virela::devserver {
+
+// A listening socket and the thread that serves it. Construction binds and starts serving;
+// destruction stops the thread and drops every open connection. The handler runs on the
+// server thread, one request at a time.
+class HttpServer {
+  public:
+    // Throws std::invalid_argument for a host that is not a loopback address and
+    // std::runtime_error when the address cannot be bound.
+    HttpServer(const std::string& host, std::uint16_t port, RequestHandler handler);
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+    std::uint16_t port() const;
+    std::string url() const;
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace virela::devserver

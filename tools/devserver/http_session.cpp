@@ -1,0 +1,202 @@
+#include "tools/devserver/http_session.hpp"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <utility>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/beast/core/string.hpp>
+#include <boost/beast/http/empty_body.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/write.hpp>
+
+namespace virela::devserver {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint32_t kHeaderLimit = 16 * 1024;
+constexpr std::uint64_t kBodyLimit = std::uint64_t{32} * 1024 * 1024;
+// Long enough for a client that keeps idle connections in a pool.
+constexpr auto kIdleTimeout = 120s;
+constexpr auto kWriteTimeout = 30s;
+constexpr auto kLingerTimeout = 2s;
+
+bool isParseError(const beast::error_code& ec) {
+    return ec.category() == http::make_error_code(http::error::bad_method).category() &&
+           ec != http::error::end_of_stream && ec != http::error::partial_message;
+}
+
+bool hasNoBody(int status) {
+    return status < 200 || status == 204 || status == 304;
+}
+
+}  // namespace
+
+void RecordingParser::on_request_impl(http::verb, beast::string_view method,
+                                      beast::string_view target, int version, beast::error_code&) {
+    request_.method.assign(method.data(), method.size());
+    request_.target.assign(target.data(), target.size());
+    request_.path = request_.target.substr(0, request_.target.find('?'));
+    version_ = version;
+}
+
+void RecordingParser::on_field_impl(http::field, beast::string_view name, beast::string_view value,
+                                    beast::error_code&) {
+    request_.headers.push_back(
+        {std::string(name.data(), name.size()), std::string(value.data(), value.size())});
+}
+
+void RecordingParser::on_body_init_impl(const boost::optional<std::uint64_t>& length,
+                                        beast::error_code&) {
+    if (length) request_.body.reserve(static_cast<std::size_t>(std::min(*length, kBodyLimit)));
+}
+
+std::size_t RecordingParser::on_body_impl(beast::string_view body, beast::error_code&) {
+    request_.body.append(body.data(), body.size());
+    return body.size();
+}
+
+std::size_t RecordingParser::on_chunk_body_impl(std::uint64_t, beast::string_view body,
+                                                beast::error_code&) {
+    request_.body.append(body.data(), body.size());
+    return body.size();
+}
+
+HttpSession::HttpSession(boost::asio::ip::tcp::socket socket, const RequestHandler& handler)
+    : stream_(std::move(socket)), handler_(handler) {}
+
+void HttpSession::run() {
+    readHeader();
+}
+
+void HttpSession::readHeader() {
+    parser_.emplace();
+    parser_->header_limit(kHeaderLimit);
+    parser_->body_limit(kBodyLimit);
+    stream_.expires_after(kIdleTimeout);
+    http::async_read_header(
+        stream_, buffer_, *parser_,
+        [self = shared_from_this()](beast::error_code ec, std::size_t) { self->onHeader(ec); });
+}
+
+void HttpSession::onHeader(beast::error_code ec) {
+    if (ec) return failRead(ec);
+    std::optional<std::string> expect = parser_->request().header("Expect");
+    if (!expect || !beast::iequals(*expect, "100-continue") || parser_->is_done()) {
+        return readBody();
+    }
+    // Clients that ask first (curl does for larger bodies) would otherwise stall.
+    auto interim = std::make_shared<http::response<http::empty_body>>(http::status::continue_,
+                                                                      parser_->version());
+    pending_ = interim;
+    stream_.expires_after(kWriteTimeout);
+    http::async_write(stream_, *interim,
+                      [self = shared_from_this()](beast::error_code writeEc, std::size_t) {
+                          self->pending_.reset();
+                          if (writeEc) return self->close();
+                          self->readBody();
+                      });
+}
+
+void HttpSession::readBody() {
+    if (parser_->is_done()) return respond();
+    stream_.expires_after(kIdleTimeout);
+    http::async_read(
+        stream_, buffer_, *parser_,
+        [self = shared_from_this()](beast::error_code ec, std::size_t) { self->onBody(ec); });
+}
+
+void HttpSession::onBody(beast::error_code ec) {
+    if (ec) return failRead(ec);
+    respond();
+}
+
+void HttpSession::respond() {
+    // HEAD replies would need their body suppressed; closing afterwards keeps framing simple.
+    const bool keepAlive = parser_->keep_alive() && parser_->request().method != "HEAD";
+    const int version = parser_->version();
+    Outcome outcome;
+    try {
+        outcome = handler_(std::move(parser_->request()));
+    } catch (const std::exception&) {
+        outcome.reply = jsonError(500, "internal", "The server failed to handle the request.");
+    }
+    parser_.reset();
+    if (outcome.kind == Outcome::Kind::close) return close();
+    write(std::move(outcome.reply), keepAlive, version);
+}
+
+void HttpSession::write(Reply reply, bool keepAlive, int version) {
+    auto response = std::make_shared<http::response<http::string_body>>();
+    try {
+        const int status = reply.status >= 100 && reply.status <= 999 ? reply.status : 500;
+        response->version(version);
+        response->result(static_cast<unsigned>(status));
+        for (const Header& header : reply.headers) response->insert(header.name, header.value);
+        if (!reply.contentType.empty()) {
+            response->set(http::field::content_type, reply.contentType);
+        }
+        if (!hasNoBody(status)) {
+            response->content_length(reply.body.size());
+            response->body() = std::move(reply.body);
+        }
+        response->keep_alive(keepAlive);
+    } catch (const std::exception&) {
+        return close();
+    }
+    pending_ = response;
+    stream_.expires_after(kWriteTimeout);
+    http::async_write(stream_, *response,
+                      [self = shared_from_this(), keepAlive](beast::error_code ec, std::size_t) {
+                          self->onWrite(keepAlive, ec);
+                      });
+}
+
+void HttpSession::onWrite(bool keepAlive, beast::error_code ec) {
+    pending_.reset();
+    if (ec) return close();
+    if (keepAlive) return readHeader();
+    lingerAndClose();
+}
+
+void HttpSession::failRead(beast::error_code ec) {
+    if (!isParseError(ec)) return close();
+    if (ec == http::error::header_limit) {
+        return write(jsonError(431, "headers_too_large", "The request headers are too large."),
+                     false, 11);
+    }
+    if (ec == http::error::body_limit) {
+        return write(jsonError(413, "body_too_large", "The request body is too large."), false, 11);
+    }
+    write(jsonError(400, "bad_request", "Malformed HTTP request."), false, 11);
+}
+
+void HttpSession::lingerAndClose() {
+    // Closing while the peer's bytes are still unread makes the kernel send a reset, which can
+    // destroy the reply we just wrote before the client reads it. Stop sending and drain first.
+    beast::error_code ignored;
+    stream_.socket().shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);
+    stream_.expires_after(kLingerTimeout);
+    drain();
+}
+
+void HttpSession::drain() {
+    auto scratch = std::make_shared<std::array<char, 4096>>();
+    stream_.async_read_some(boost::asio::buffer(*scratch), [self = shared_from_this(), scratch](
+                                                               beast::error_code ec, std::size_t) {
+        if (ec) return self->close();
+        self->drain();
+    });
+}
+
+void HttpSession::close() {
+    beast::error_code ignored;
+    stream_.socket().shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
+    stream_.close();
+}
+
+}  // namespace virela::devserver
