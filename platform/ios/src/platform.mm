@@ -1,0 +1,31 @@
+// The iOS platform bundle, installed once for the facade's shared client.
+
+#import <Foundation/Foundation.h>
+
+#include "platform/ios/src/ports.h"
+
+namespace virela::ios {
+
+std::shared_ptr<const Platform> makePlatform() {
+    auto platform = std::make_shared<Platform>();
+    platform->main = makeMainExecutor();
+    platform->http = makeHttpClient();
+    platform->defaults = makeKeyValueStore();
+    platform->device = makeDeviceFacts();
+    platform->lifecycle = makeAppLifecycle();
+    platform->log = makeLog();
+    platform->makeSerialQueue = [](const std::string& label) {
+        return ios::makeSerialQueue(label);
+    };
+    platform->makePathMonitor = [] { return ios::makePathMonitor(); };
+    return platform;
+}
+
+void ensurePlatformInstalled() {
+    static dispatch_once_t once;
+    dispatch_once(&once, ^{
+      if (!installedPlatform()) installPlatform(makePlatform());
+    });
+}
+
+}  // namespace virela::ios

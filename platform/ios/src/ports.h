@@ -1,0 +1,37 @@
+#pragma once
+
+// The iOS implementations of the core's ports. Objective-C++ only, built with ARC: several
+// classes keep Objective-C objects as strong members.
+
+#if !__has_feature(objc_arc)
+#error "platform/ios is built with -fobjc-arc"
+#endif
+
+#include <dispatch/dispatch.h>
+
+#include <memory>
+#include <string>
+
+#include "core/client/platform.hpp"
+#include "core/transport/http.hpp"
+
+namespace virela::ios {
+
+std::shared_ptr<MainExecutor> makeMainExecutor();
+std::shared_ptr<SerialQueue> makeSerialQueue(const std::string& label);
+// The dispatch queue behind a queue made by makeSerialQueue(); nullptr for any other kind.
+dispatch_queue_t _Nullable dispatchQueueOf(const SerialQueue& queue);
+
+std::shared_ptr<HttpClient> makeHttpClient();
+std::shared_ptr<KeyValueStore> makeKeyValueStore();
+std::shared_ptr<Log> makeLog();
+std::shared_ptr<DeviceFacts> makeDeviceFacts();
+std::shared_ptr<PathMonitor> makePathMonitor();
+std::shared_ptr<AppLifecycle> makeAppLifecycle();
+
+std::shared_ptr<const Platform> makePlatform();
+// Installs makePlatform() the first time it is called, unless a platform is already in place
+// (a test harness may have put its own there). Safe from any thread.
+void ensurePlatformInstalled();
+
+}  // namespace virela::ios
