@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Builds and runs the demo: a whole support session against the embedded local backend.
+# Arguments go to virela-demo (try --help).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/deps.sh
+ensure_packages "${BUILD_PACKAGES[@]}"
+
+cmake -S . -B build/demo -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DVIRELA_TESTS=OFF -DVIRELA_BENCH=OFF >/dev/null
+cmake --build build/demo --target virela-demo -- -j"$(nproc)"
+exec build/demo/apps/demo/virela-demo "$@"

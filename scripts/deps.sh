@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build needs, only when some are missing.
+# Sourced by demo.sh and test.sh; pass the package names to ensure_packages.
+
+ensure_packages() {
+    local missing=()
+    local pkg
+    for pkg in "$@"; do
+        dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" ||
+            missing+=("$pkg")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "installing: ${missing[*]}"
+    local sudo=""
+    if [ "$(id -u)" -ne 0 ]; then
+        if command -v sudo >/dev/null 2>&1; then
+            sudo="sudo"
+        else
+            echo "missing packages (${missing[*]}) and no root rights to install them" >&2
+            return 1
+        fi
+    fi
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+# What the library, the local backend and the demo need to build.
+BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libboost1.81-dev nlohmann-json3-dev libssl-dev
+                libpng-dev libjpeg62-turbo-dev ca-certificates)
+# What the checks add: tests, benchmarks, clang for the fuzzers and the iOS type-check.
+CHECK_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev)

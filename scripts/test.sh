@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Builds everything and runs every check: unit and integration tests, a short benchmark run,
+# and the iOS type-check (skipped, with a message, when VIRELA_IOS_SDK is not set).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/deps.sh
+ensure_packages "${BUILD_PACKAGES[@]}" "${CHECK_PACKAGES[@]}"
+
+jobs="$(nproc)"
+cmake -S . -B build/test -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build/test -- -j"$jobs"
+
+echo "== benchmarks (short run; see README for a full one)"
+build/test/bench/virela_bench --benchmark_min_time=0.01 >/dev/null
+
+echo "== iOS type-check"
+scripts/check-ios.sh
+
+echo "== tests"
+ctest --test-dir build/test --output-on-failure -j"$jobs"

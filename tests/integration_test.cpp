@@ -1,0 +1,198 @@
+// The real clients over real loopback sockets against the local backend.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <future>
+
+#include <nlohmann/json.hpp>
+
+#include "core/api/errors.hpp"
+#include "core/api/virela.hpp"
+#include "core/client/client.hpp"
+#include "core/transport/transport.hpp"
+#include "platform/headless/runtime.hpp"
+#include "tools/devserver/server.hpp"
+
+namespace virela {
+namespace {
+
+using nlohmann::json;
+
+std::filesystem::path freshStateDir() {
+    auto dir = std::filesystem::temp_directory_path() /
+               ("virela-it-" + std::to_string(::getpid()) + "-" +
+                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::remove_all(dir);
+    return dir;
+}
+
+class Integration : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        stateDir = freshStateDir();
+        headless::RuntimeOptions options;
+        options.stateDirectory = stateDir;
+        runtime = std::make_unique<headless::Runtime>(options);
+        backend.start();
+        base = *Url::parse(backend.url());
+        client = runtime->runOnMain([&] { return VirelaClient::create(runtime->platform()); });
+    }
+    void TearDown() override {
+        runtime->runOnMain([&] { client.reset(); });
+        backend.stop();
+        runtime.reset();
+        std::filesystem::remove_all(stateDir);
+    }
+
+    std::exception_ptr configure(const std::string& key = "vk_demo_local",
+                                 std::optional<VirelaUser> user = std::nullopt) {
+        std::promise<std::exception_ptr> done;
+        runtime->runOnMain([&] {
+            client->configure(base, key, user, true,
+                              [&](std::exception_ptr e) { done.set_value(e); });
+        });
+        return done.get_future().get();
+    }
+    SendResult post(const std::string& path) {
+        std::promise<SendResult> done;
+        runtime->runOnMain([&] {
+            client->transport()->postJson(path, {}, false,
+                                          [&](SendResult r) { done.set_value(r); });
+        });
+        return done.get_future().get();
+    }
+    static VirelaError virelaError(const std::exception_ptr& error) {
+        try {
+            std::rethrow_exception(error);
+        } catch (const VirelaError& e) {
+            return e;
+        }
+    }
+
+    std::filesystem::path stateDir;
+    std::unique_ptr<headless::Runtime> runtime;
+    devserver::Server backend;
+    Url base;
+    std::shared_ptr<VirelaClient> client;
+};
+
+TEST_F(Integration, ConfigureRegistersOverHttpWithTheKeyThenUsesTheToken) {
+    ASSERT_EQ(configure("vk_demo_local", VirelaUser("u1", "Ana")), nullptr);
+    auto registration = backend.requests("/v1/sdk/devices").at(0);
+    EXPECT_EQ(registration.method, "POST");
+    EXPECT_EQ(registration.header("X-Virela-Key"), "vk_demo_local");
+    EXPECT_EQ(registration.header("Content-Type"), "application/json");
+    EXPECT_FALSE(registration.header("X-Virela-Device"));
+    auto body = json::parse(registration.body);
+    EXPECT_EQ(body.size(), 20u);
+    EXPECT_EQ(body["userName"], "Ana");
+    EXPECT_EQ(body["os"].get<std::string>().rfind("Linux ", 0), 0u);
+    EXPECT_TRUE(body["vendorId"].is_string() || body["vendorId"].is_null());
+
+    auto device =
+        backend.device(runtime->runOnMain([&] { return client->registration()->deviceId; }));
+    ASSERT_TRUE(device);
+    EXPECT_EQ(client->supportCode(), device->supportCode);
+
+    std::promise<void> identified;
+    runtime->runOnMain(
+        [&] { client->identify("u1", "Ana", std::nullopt, [&] { identified.set_value(); }); });
+    identified.get_future().get();
+    auto identify = backend.requests("/v1/sdk/devices/identify").at(0);
+    EXPECT_FALSE(identify.header("X-Virela-Key"));
+    EXPECT_EQ(identify.header("X-Virela-Device"), device->token);
+    EXPECT_EQ(backend.device(device->deviceId)->user->name, "Ana");
+
+    std::promise<void> reset;
+    runtime->runOnMain([&] { client->reset([&] { reset.set_value(); }); });
+    reset.get_future().get();
+    EXPECT_NE(client->supportCode(), device->supportCode);
+    EXPECT_EQ(client->supportCode(), backend.device(device->deviceId)->supportCode);
+}
+
+TEST_F(Integration, ErrorModelOverRealHttp) {
+    ASSERT_EQ(configure(), nullptr);
+    backend.queueReply("/v1/sdk/x", {204, "", ""});
+    auto empty = post("/v1/sdk/x");
+    ASSERT_TRUE(empty);
+    EXPECT_EQ(empty.body, "");
+
+    backend.queueReply("/v1/sdk/x", {500, R"({"message":"x"})"});
+    EXPECT_EQ(virelaError(post("/v1/sdk/x").error), VirelaError(500, "unknown", "x"));
+
+    backend.queueReply("/v1/sdk/x", {401, "<html><body>Unauthorized</body></html>", "text/html"});
+    EXPECT_EQ(virelaError(post("/v1/sdk/x").error), VirelaError(401, "unknown", "Request failed."));
+
+    auto rejected = virelaError(configure("not-a-key"));
+    EXPECT_EQ(rejected.status(), 401);
+    EXPECT_EQ(rejected.code(), "invalid_key");
+
+    // Nothing listens on the port once the backend stops: the platform's refusal passes through.
+    backend.stop();
+    try {
+        std::rethrow_exception(configure());
+        FAIL() << "configure succeeded without a backend";
+    } catch (const NetworkError& e) {
+        EXPECT_EQ(e.kind(), NetworkError::Kind::refused);
+    }
+}
+
+TEST_F(Integration, FailedReconfigureKeepsTheRegistration) {
+    ASSERT_EQ(configure(), nullptr);
+    auto first = runtime->runOnMain([&] { return *client->registration(); });
+    backend.queueReply("/v1/sdk/devices", {200, R"({"deviceId":"d","deviceToken":"t"})"});
+    EXPECT_THROW(std::rethrow_exception(configure()), DecodingError);
+    runtime->runOnMain([&] {
+        EXPECT_EQ(client->registration()->deviceId, first.deviceId);
+        EXPECT_EQ(client->registration()->deviceToken, first.deviceToken);
+    });
+}
+
+TEST_F(Integration, InstallIdentifierSurvivesARestartAndHealthIsReported) {
+    ASSERT_EQ(configure(), nullptr);
+    auto installId = json::parse(backend.requests("/v1/sdk/devices").at(0).body)["installId"];
+
+    // A new runtime and client on the same state directory: the next launch of the app.
+    runtime->runOnMain([&] { client.reset(); });
+    runtime.reset();
+    headless::RuntimeOptions options;
+    options.stateDirectory = stateDir;
+    runtime = std::make_unique<headless::Runtime>(options);
+    client = runtime->runOnMain([&] { return VirelaClient::create(runtime->platform()); });
+    ASSERT_EQ(configure(), nullptr);
+    auto registrations = backend.requests("/v1/sdk/devices");
+    ASSERT_EQ(registrations.size(), 2u);
+    EXPECT_EQ(json::parse(registrations[1].body)["installId"], installId);
+    EXPECT_EQ(backend.devices().size(), 1u);
+
+    // The path watch's first update sends the first health report.
+    for (int i = 0; i < 200 && backend.requests("/v1/sdk/devices/health").empty(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    auto health = backend.requests("/v1/sdk/devices/health");
+    ASSERT_FALSE(health.empty());
+    EXPECT_EQ(json::parse(health[0].body).size(), 8u);
+}
+
+TEST_F(Integration, FacadeConfiguresInBothForms) {
+    auto environment = VirelaEnvironment::custom(base);
+    EXPECT_NO_THROW(Virela::configure("vk_demo_local", environment).get());
+    EXPECT_TRUE(Virela::supportCode());
+
+    std::promise<std::pair<std::exception_ptr, bool>> completed;
+    Virela::configure("wrong-key", environment, std::nullopt, false, [&](std::exception_ptr e) {
+        completed.set_value({e, runtime->executor()->isCurrent()});
+    });
+    auto [error, onMain] = completed.get_future().get();
+    EXPECT_FALSE(onMain);
+    EXPECT_EQ(virelaError(error).status(), 401);
+
+    Virela::stop();
+    runtime->runOnMain([] {});
+    EXPECT_TRUE(Virela::sharedClient()->stopped());
+    EXPECT_TRUE(Virela::supportCode());
+}
+
+}  // namespace
+}  // namespace virela
