@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds everything and runs every check: unit and integration tests, a short benchmark run,
-# and the iOS type-check (skipped, with a message, when VIRELA_IOS_SDK is not set).
+# Builds everything and runs every check: unit and integration tests (plainly and under the
+# address and undefined-behaviour sanitizers), a short benchmark run, and the iOS type-check
+# (skipped, with a message, when VIRELA_IOS_SDK is not set).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -18,3 +19,9 @@ scripts/check-ios.sh
 
 echo "== tests"
 ctest --test-dir build/test --output-on-failure -j"$jobs"
+
+echo "== tests under address and undefined-behaviour sanitizers"
+cmake -S . -B build/sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVIRELA_SANITIZE=ON \
+      -DVIRELA_BENCH=OFF -DVIRELA_DEMO=OFF >/dev/null
+cmake --build build/sanitize -- -j"$jobs"
+ctest --test-dir build/sanitize --output-on-failure -j"$jobs"

@@ -143,6 +143,13 @@ TEST_F(ClientTest, FirstFailedConfigureOpensNothing) {
     EXPECT_FALSE(client->observersInstalled());
     EXPECT_FALSE(client->watchingNetwork());
     EXPECT_EQ(fake.lifecycle->observerCount(), 0u);
+
+    // A base URL that nothing could be sent to fails without replacing the transport.
+    auto transport = client->transport();
+    base = *Url::parse("api.example.com/v1");
+    EXPECT_THROW(std::rethrow_exception(configure()), NetworkError);
+    EXPECT_EQ(client->transport(), transport);
+    EXPECT_EQ(fake.http->requests.size(), 1u);
 }
 
 TEST_F(ClientTest, InstallIdentifierIsOnePerKeyAndKept) {

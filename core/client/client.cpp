@@ -55,6 +55,13 @@ std::string VirelaClient::installId(const std::string& key) {
 void VirelaClient::configure(const Url& baseUrl, const std::string& key,
                              const std::optional<VirelaUser>& user, bool collectVendorId,
                              Completion done) {
+    if (!baseUrl.isAbsolute() || !baseUrl.hasAuthority()) {
+        // Nothing could be sent to it; fail the way the HTTP client would, changing nothing.
+        auto error = std::make_exception_ptr(NetworkError(
+            NetworkError::Kind::other, "base URL is not an absolute URL: " + baseUrl.str()));
+        platform_->main->post([error, done = std::move(done)] { done(error); });
+        return;
+    }
     stopped_ = false;
     transport_ = transportFactory_(baseUrl, key);
     const std::uint64_t attempt = ++configureAttempt_;
