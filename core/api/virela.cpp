@@ -37,31 +37,32 @@ std::shared_ptr<VirelaClient> Virela::sharedClient() {
     return client;
 }
 
-std::future<void> Virela::configure(std::string key, VirelaEnvironment environment,
+std::future<void> Virela::configure(std::string key, const VirelaEnvironment& environment,
                                     std::optional<VirelaUser> user, bool collectVendorId) {
     auto promise = std::make_shared<std::promise<void>>();
     auto future = promise->get_future();
     onMain([promise, key = std::move(key), url = environment.url(), user = std::move(user),
             collectVendorId](VirelaClient& client) {
-        client.configure(url, key, user, collectVendorId, [promise](std::exception_ptr error) {
-            if (error) {
-                promise->set_exception(error);
-            } else {
-                promise->set_value();
-            }
-        });
+        client.configure(url, key, user, collectVendorId,
+                         [promise](const std::exception_ptr& error) {
+                             if (error) {
+                                 promise->set_exception(error);
+                             } else {
+                                 promise->set_value();
+                             }
+                         });
     });
     return future;
 }
 
-void Virela::configure(std::string key, VirelaEnvironment environment,
+void Virela::configure(std::string key, const VirelaEnvironment& environment,
                        std::optional<VirelaUser> user, bool collectVendorId,
                        std::function<void(std::exception_ptr)> completion) {
     onMain([key = std::move(key), url = environment.url(), user = std::move(user), collectVendorId,
             completion = std::move(completion)](VirelaClient& client) {
         auto main = client.platform().main;
         client.configure(url, key, user, collectVendorId,
-                         [main, completion](std::exception_ptr error) {
+                         [main, completion](const std::exception_ptr& error) {
                              if (!completion) return;
                              main->postBackground([completion, error] { completion(error); });
                          });

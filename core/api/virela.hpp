@@ -23,12 +23,12 @@ class Virela {
     // Registers the device and opens the realtime channel. The future carries the failure
     // (VirelaError, NetworkError, DecodingError). Never wait on it from the main executor:
     // the work it waits for runs there.
-    static std::future<void> configure(std::string key, VirelaEnvironment environment,
+    static std::future<void> configure(std::string key, const VirelaEnvironment& environment,
                                        std::optional<VirelaUser> user = std::nullopt,
                                        bool collectVendorId = false);
     // The same, reporting through `completion` (nullptr on success). The completion runs on a
     // background thread, not on the main executor.
-    static void configure(std::string key, VirelaEnvironment environment,
+    static void configure(std::string key, const VirelaEnvironment& environment,
                           std::optional<VirelaUser> user, bool collectVendorId,
                           std::function<void(std::exception_ptr)> completion);
 

@@ -88,16 +88,17 @@ void VirelaClient::configure(const Url& baseUrl, const std::string& key,
             return;
         }
         facts.health = std::move(health);
-        self->transport_->postJson(kDevicesPath, registrationBody(user, facts), true,
-                                   [weak, attempt, done = std::move(done)](SendResult result) {
-                                       if (auto client = weak.lock())
-                                           client->finishRegistration(attempt, std::move(result),
-                                                                      done);
-                                   });
+        self->transport_->postJson(
+            kDevicesPath, registrationBody(user, facts), true,
+            [weak, attempt, done = std::move(done)](const SendResult& result) {
+                if (auto client = weak.lock()) {
+                    client->finishRegistration(attempt, result, done);
+                }
+            });
     });
 }
 
-void VirelaClient::finishRegistration(std::uint64_t attempt, SendResult result,
+void VirelaClient::finishRegistration(std::uint64_t attempt, const SendResult& result,
                                       const Completion& done) {
     if (attempt != configureAttempt_) {
         done(supersededError());
@@ -218,7 +219,8 @@ void VirelaClient::reportHealth(std::function<void()> done) {
         return;
     }
     std::weak_ptr<VirelaClient> weak = weak_from_this();
-    DeviceHealth(platform_).collect([weak, done = std::move(done)](DeviceHealthSnapshot snapshot) {
+    DeviceHealth(platform_).collect([weak,
+                                     done = std::move(done)](const DeviceHealthSnapshot& snapshot) {
         auto self = weak.lock();
         if (!self || !self->transport_) {
             if (done) done();

@@ -76,7 +76,8 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient> {
 
     void registerDevice(std::uint64_t attempt, std::optional<VirelaUser> user, bool collectVendorId,
                         std::string key, Completion done);
-    void finishRegistration(std::uint64_t attempt, SendResult result, const Completion& done);
+    void finishRegistration(std::uint64_t attempt, const SendResult& result,
+                            const Completion& done);
     void setRegistration(std::optional<RegisterResult> registration);
     void installObservers();
     void removeObservers();

@@ -212,7 +212,7 @@ std::optional<Url> Url::resolve(std::string_view reference) const {
     return target;
 }
 
-Url Url::withScheme(std::string scheme) const {
+Url Url::withScheme(std::string_view scheme) const {
     Url copy = *this;
     copy.scheme_ = lower(scheme);
     return copy;

@@ -20,7 +20,7 @@ class Url {
     // does not parse or this URL has no scheme.
     std::optional<Url> resolve(std::string_view reference) const;
 
-    Url withScheme(std::string scheme) const;
+    Url withScheme(std::string_view scheme) const;
 
     const std::string& scheme() const noexcept { return scheme_; }
     bool hasAuthority() const noexcept { return hasAuthority_; }
