@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything and runs every check: unit and integration tests (plainly and under the
-# address and undefined-behaviour sanitizers), a short benchmark run, and the iOS type-check
-# (skipped, with a message, when VIRELA_IOS_SDK is not set).
+# address and undefined-behaviour sanitizers), a short fuzzing run, a short benchmark run, and
+# the iOS type-check (skipped, with a message, when VIRELA_IOS_SDK is not set).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -19,6 +19,14 @@ scripts/check-ios.sh
 
 echo "== tests"
 ctest --test-dir build/test --output-on-failure -j"$jobs"
+
+echo "== fuzzing the realtime dispatcher (a fixed, short run; see README for a longer one)"
+CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVIRELA_FUZZ=ON \
+      -DVIRELA_TESTS=OFF -DVIRELA_BENCH=OFF -DVIRELA_DEMO=OFF >/dev/null
+cmake --build build/fuzz --target virela_dispatch_fuzz -- -j"$jobs"
+mkdir -p build/fuzz/corpus
+build/fuzz/fuzz/virela_dispatch_fuzz -runs=100000 -seed=1 -dict=fuzz/dispatch.dict \
+    build/fuzz/corpus fuzz/corpus/dispatch 2>&1 | tail -n 1
 
 echo "== tests under address and undefined-behaviour sanitizers"
 cmake -S . -B build/sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVIRELA_SANITIZE=ON \

@@ -4,6 +4,7 @@
 #include "core/client/fatal.hpp"
 #include "core/client/uuid.hpp"
 #include "core/health/device_health.hpp"
+#include "core/transport/socket_url.hpp"
 
 namespace virela {
 
@@ -12,6 +13,11 @@ constexpr const char* kDevicesPath = "/v1/sdk/devices";
 constexpr const char* kIdentifyPath = "/v1/sdk/devices/identify";
 constexpr const char* kResetPath = "/v1/sdk/devices/reset";
 constexpr const char* kHealthPath = "/v1/sdk/devices/health";
+constexpr double kHeartbeatSeconds = 25;
+constexpr double kMaxReconnectDelay = 30;
+constexpr int kNormalClosure = 1000;
+constexpr const char* kBackgroundState = R"({"type":"state","state":"background"})";
+constexpr const char* kForegroundState = R"({"type":"state","state":"foreground"})";
 
 std::exception_ptr supersededError() {
     return std::make_exception_ptr(NetworkError(
@@ -181,6 +187,17 @@ void VirelaClient::stop() {
     heartbeat_.reset();
     if (reconnectWork_) reconnectWork_->cancel();
     reconnectWork_.reset();
+    if (socket_) {
+        socket_->cancel(kNormalClosure, std::nullopt);
+        socket_.reset();
+    }
+    std::weak_ptr<VirelaClient> weak = weak_from_this();
+    platform_->main->post([weak] {
+        auto self = weak.lock();
+        if (!self) return;
+        self->closePrompt();
+        self->hideSessionBanner();
+    });
 }
 
 void VirelaClient::installObservers() {
@@ -247,26 +264,205 @@ void VirelaClient::reportHealth(std::function<void()> done) {
 }
 
 void VirelaClient::connect() {
-    if (!transport_ || !registration_ || stopped_) return;
-    // The realtime channel attaches here.
+    if (!transport_ || !registration_ || stopped_ || !platform_->makeSocket) return;
+    auto url = socketUrl(transport_->baseUrl());
+    if (!url) return;
+    if (events_.onConnecting) events_.onConnecting(*url);
+
+    // A socket being replaced is already dead or dying; closing it makes sure it never lingers
+    // as a second connection. Its late results are ignored by the receive loop.
+    if (socket_) socket_->cancel(kNormalClosure, std::nullopt);
+    auto connection =
+        platform_->makeSocket(*url, socketSession_, {socketProtocol(registration_->deviceToken)},
+                              std::weak_ptr<SocketDelegate>(weak_from_this()));
+    socket_ = connection.socket;
+    socketSession_ = connection.session;
+    if (!socket_) return;
+    socket_->resume();
+    armReceive(socket_);
+
+    std::weak_ptr<VirelaClient> weak = weak_from_this();
+    platform_->main->post([weak] {
+        if (auto self = weak.lock()) self->startHeartbeat();
+    });
+}
+
+void VirelaClient::armReceive(const std::shared_ptr<VirelaSocket>& socket) {
+    std::weak_ptr<VirelaClient> weak = weak_from_this();
+    std::weak_ptr<VirelaSocket> weakSocket = socket;
+    auto main = platform_->main;
+    socket->receive([weak, weakSocket, main](SocketReceiveResult result) {
+        // Decoding happens on the delivering thread; everything else on the main executor.
+        std::optional<Push> push;
+        std::exception_ptr error;
+        if (auto* message = std::get_if<SocketMessage>(&result)) {
+            if (message->kind == SocketMessage::Kind::text) push = decodePush(message->data);
+        } else {
+            error = std::get<std::exception_ptr>(result);
+            if (!error)
+                error = std::make_exception_ptr(
+                    NetworkError(NetworkError::Kind::other, "socket failed"));
+        }
+        main->post([weak, weakSocket, push = std::move(push), error]() mutable {
+            auto self = weak.lock();
+            auto completed = weakSocket.lock();
+            if (self && completed) self->handleReceived(completed, std::move(push), error);
+        });
+    });
+}
+
+void VirelaClient::handleReceived(const std::shared_ptr<VirelaSocket>& socket,
+                                  std::optional<Push> push, std::exception_ptr error) {
+    // A replaced socket dies quietly: no routing, no re-arming, no reconnection.
+    if (socket != socket_) return;
+    if (error) {
+        if (events_.onLost) events_.onLost(error);
+        scheduleReconnect();
+        return;
+    }
+    if (push) route(std::move(*push));
+    if (socket == socket_) armReceive(socket);
+}
+
+void VirelaClient::dispatch(std::string_view text) {
+    auto push = decodePush(text);
+    if (!push) return;
+    std::weak_ptr<VirelaClient> weak = weak_from_this();
+    platform_->main->post([weak, push = std::move(*push)]() mutable {
+        if (auto self = weak.lock()) self->route(std::move(push));
+    });
+}
+
+void VirelaClient::route(Push push) {
+    if (events_.onPush) events_.onPush(push);
+    auto router = router_;
+    struct Visitor {
+        VirelaClient& client;
+        const std::shared_ptr<PushRouter>& router;
+        void operator()(const ConsentPush& p) const { router->consent(client, p); }
+        void operator()(const CapturePush& p) const {
+            auto self = client.shared_from_this();
+            client.platform_->main->postBackground(
+                [self, router = router, p] { router->capture(self, p); });
+        }
+        void operator()(const LivePush& p) const { router->live(client, p); }
+        void operator()(const LiveNotePush& p) const { router->liveNote(client, p); }
+        void operator()(const GuidePush& p) const { router->guide(client, p); }
+        void operator()(const ControlPush& p) const { router->control(client, p); }
+        void operator()(const ControlInputPush& p) const { router->controlInput(client, p); }
+        void operator()(const SessionPush& p) const {
+            if (p.state == "ended") client.hideSessionBanner();
+        }
+        void operator()(const ExpiredPush&) const {
+            client.closePrompt();
+            if (client.callbacks_.onExpired) client.callbacks_.onExpired();
+        }
+        void operator()(const DeniedPush&) const {
+            client.closePrompt();
+            if (client.callbacks_.onDenied) client.callbacks_.onDenied();
+        }
+    };
+    std::visit(Visitor{*this, router}, push);
+}
+
+void VirelaClient::setRouter(std::shared_ptr<PushRouter> router) {
+    router_ = router ? std::move(router) : std::make_shared<PushRouter>();
+}
+
+void VirelaClient::setPromptExpiryTask(std::shared_ptr<VirelaCancellable> task) {
+    if (promptExpiryTask_) promptExpiryTask_->cancel();
+    promptExpiryTask_ = std::move(task);
+}
+
+void VirelaClient::closePrompt() {
+    if (promptExpiryTask_) promptExpiryTask_->cancel();
+    promptExpiryTask_.reset();
+    dismissPrompt();
+}
+
+void VirelaClient::dismissPrompt() {
+    // The consent sheet attaches here.
+}
+
+void VirelaClient::hideSessionBanner() {
+    // The session banner attaches here.
+}
+
+void VirelaClient::scheduleReconnect() {
+    if (stopped_ || reconnectWork_) return;
+    if (heartbeat_) heartbeat_->cancel();
+    heartbeat_.reset();
+    // 1, 2, 4, 8, 16, then 30 seconds, for as long as it takes.
+    const double delay = reconnectAttempts_ >= 5
+                             ? kMaxReconnectDelay
+                             : std::min(kMaxReconnectDelay, double(1 << reconnectAttempts_));
+    ++reconnectAttempts_;
+    if (events_.onReconnectScheduled) events_.onReconnectScheduled(delay, reconnectAttempts_);
+    std::weak_ptr<VirelaClient> weak = weak_from_this();
+    reconnectWork_ = clock_->after(delay, [weak] {
+        auto self = weak.lock();
+        if (!self) return;
+        self->reconnectWork_.reset();
+        self->connect();
+    });
+}
+
+void VirelaClient::startHeartbeat() {
+    if (heartbeat_) heartbeat_->cancel();
+    std::weak_ptr<VirelaClient> weak = weak_from_this();
+    heartbeat_ = clock_->every(kHeartbeatSeconds, [weak] {
+        if (auto self = weak.lock()) self->sendText("ping");
+    });
+}
+
+void VirelaClient::sendText(std::string text) {
+    if (socket_) socket_->send(SocketMessage::text(std::move(text)), [](std::exception_ptr) {});
+}
+
+void VirelaClient::socketDidOpen(const VirelaSocket& socket, const std::optional<std::string>&) {
+    std::weak_ptr<VirelaClient> weak = weak_from_this();
+    const VirelaSocket* opened = &socket;
+    platform_->main->post([weak, opened] {
+        auto self = weak.lock();
+        if (!self || self->socket_.get() != opened) return;
+        self->reconnectAttempts_ = 0;
+        if (self->events_.onOpen) self->events_.onOpen();
+    });
 }
 
 void VirelaClient::onEnterBackground() {
-    // Keeps the process alive long enough for the realtime channel to say it went to the
-    // background; without a socket the task is left to its expiration handler.
+    // Keeps the process alive until the backend has been told; without a socket nothing is
+    // sent and the task is left to its expiration handler.
     auto lifecycle = platform_->lifecycle;
     auto box =
         std::make_shared<AppLifecycle::BackgroundTaskId>(AppLifecycle::invalidBackgroundTask);
-    *box = lifecycle->beginBackgroundTask([lifecycle, box] {
+    auto endOnce = [lifecycle, box] {
         if (*box == AppLifecycle::invalidBackgroundTask) return;
         lifecycle->endBackgroundTask(*box);
         *box = AppLifecycle::invalidBackgroundTask;
-    });
+    };
+    *box = lifecycle->beginBackgroundTask(endOnce);
+    if (!socket_) return;
+    auto main = platform_->main;
+    socket_->send(SocketMessage::text(kBackgroundState),
+                  [main, endOnce](const std::exception_ptr&) { main->post(endOnce); });
 }
 
 void VirelaClient::onEnterForeground() {
     if (stopped_) return;
+    if (pendingControl_) {
+        ControlPush held = std::move(*pendingControl_);
+        pendingControl_.reset();
+        std::weak_ptr<VirelaClient> weak = weak_from_this();
+        platform_->main->post([weak, held = std::move(held)] {
+            if (auto self = weak.lock()) self->router_->control(*self, held);
+        });
+    }
     reconnectAttempts_ = 0;
+    if (socket_ && socket_->state() == SocketState::running) {
+        sendText(kForegroundState);
+        return;
+    }
     if (reconnectWork_) reconnectWork_->cancel();
     reconnectWork_.reset();
     connect();

@@ -11,13 +11,26 @@
 #include "core/client/clock.hpp"
 #include "core/client/platform.hpp"
 #include "core/client/registration.hpp"
+#include "core/transport/socket.hpp"
 #include "core/transport/transport.hpp"
+#include "core/wire/push_records.hpp"
+#include "core/wire/push_router.hpp"
 
 namespace virela {
 
+// What happens on the realtime channel, for diagnostics (the demo prints it). Every callback
+// runs on the main executor.
+struct ChannelEvents {
+    std::function<void(const Url& url)> onConnecting;
+    std::function<void()> onOpen;
+    std::function<void(std::exception_ptr error)> onLost;
+    std::function<void(double delaySeconds, int attempt)> onReconnectScheduled;
+    std::function<void(const Push& push)> onPush;
+};
+
 // The single object that holds all session state. Confined to the main executor: every member
 // function except supportCode() must be called there.
-class VirelaClient : public std::enable_shared_from_this<VirelaClient> {
+class VirelaClient : public std::enable_shared_from_this<VirelaClient>, public SocketDelegate {
   public:
     using TransportFactory =
         std::function<std::shared_ptr<Transport>(const Url& baseUrl, const std::string& apiKey)>;
@@ -56,8 +69,31 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient> {
     // on the main executor when the report was sent, skipped or failed.
     void reportHealth(std::function<void()> done = {});
 
-    // Opens the realtime channel for the stored registration.
+    // Opens the realtime channel for the stored registration (replacing any earlier socket).
     void connect();
+    // After a failure: schedules connect() with back-off, unless stopped or already scheduled.
+    void scheduleReconnect();
+    // (Re)starts the 25-second heartbeat.
+    void startHeartbeat();
+    // Sends a text message when a socket exists; the outcome is ignored.
+    void sendText(std::string text);
+    // Decodes one text frame and routes it on the main executor; drops it silently when it
+    // does not decode. Safe from any thread.
+    void dispatch(std::string_view text);
+
+    // The application-state handlers the lifecycle observers run.
+    void onEnterBackground();
+    void onEnterForeground();
+
+    void socketDidOpen(const VirelaSocket& socket,
+                       const std::optional<std::string>& protocol) override;
+
+    void setRouter(std::shared_ptr<PushRouter> router);
+    void setChannelEvents(ChannelEvents events) { events_ = std::move(events); }
+    // A control request held back while in the background; replayed on the next foreground.
+    void holdControlRequest(ControlPush push) { pendingControl_ = std::move(push); }
+    // The prompt-expiry wait of the consent flow; cancelled when a prompt is closed.
+    void setPromptExpiryTask(std::shared_ptr<VirelaCancellable> task);
 
     const std::shared_ptr<Transport>& transport() const noexcept { return transport_; }
     const std::optional<RegisterResult>& registration() const noexcept { return registration_; }
@@ -65,6 +101,10 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient> {
     const std::optional<std::string>& lastNetworkSent() const noexcept { return lastNetworkSent_; }
     bool observersInstalled() const noexcept { return backgroundObserver_ != nullptr; }
     bool watchingNetwork() const noexcept { return pathMonitor_ != nullptr; }
+    const std::shared_ptr<VirelaSocket>& socket() const noexcept { return socket_; }
+    int reconnectAttempts() const noexcept { return reconnectAttempts_; }
+    bool reconnectPending() const noexcept { return reconnectWork_ != nullptr; }
+    bool heartbeatRunning() const noexcept { return heartbeat_ != nullptr; }
     VirelaClock& clock() const noexcept { return *clock_; }
     const Platform& platform() const noexcept { return *platform_; }
 
@@ -82,26 +122,37 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient> {
     void installObservers();
     void removeObservers();
     void startNetworkWatch();
-    void onEnterBackground();
-    void onEnterForeground();
+    void armReceive(const std::shared_ptr<VirelaSocket>& socket);
+    void handleReceived(const std::shared_ptr<VirelaSocket>& socket, std::optional<Push> push,
+                        std::exception_ptr error);
+    void route(Push push);
+    void closePrompt();
+    void dismissPrompt();
+    void hideSessionBanner();
 
     std::shared_ptr<const Platform> platform_;
 
     // Session state, in the order the rest of the library reads it.
     std::shared_ptr<Transport> transport_;
     std::optional<RegisterResult> registration_;
+    std::shared_ptr<VirelaSocket> socket_;
+    std::shared_ptr<SocketSession> socketSession_;
     std::shared_ptr<VirelaCancellable> heartbeat_;
     std::shared_ptr<VirelaCancellable> reconnectWork_;
+    std::shared_ptr<VirelaCancellable> promptExpiryTask_;
     int reconnectAttempts_ = 0;
     bool stopped_ = false;
     VirelaCallbacks callbacks_;
     std::unique_ptr<Subscription> backgroundObserver_;
     std::unique_ptr<Subscription> foregroundObserver_;
+    std::optional<ControlPush> pendingControl_;
     std::optional<std::string> lastNetworkSent_;
     std::optional<std::string> networkInFlight_;
     std::shared_ptr<PathMonitor> pathMonitor_;
     std::shared_ptr<VirelaClock> clock_;
     TransportFactory transportFactory_;
+    std::shared_ptr<PushRouter> router_ = std::make_shared<PushRouter>();
+    ChannelEvents events_;
 
     // Bumped by every configure; a registration reply for an older one is not applied.
     std::uint64_t configureAttempt_ = 0;

@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/transport/socket.hpp"
+
 namespace virela {
 
 class HttpClient;
@@ -160,6 +162,7 @@ struct Platform {
     std::shared_ptr<Log> log;
     std::function<std::shared_ptr<SerialQueue>(const std::string& label)> makeSerialQueue;
     std::function<std::shared_ptr<PathMonitor>()> makePathMonitor;
+    SocketFactory makeSocket;
 };
 
 // The platform binding installs its ports once at start-up; the facade's shared client takes

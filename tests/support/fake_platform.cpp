@@ -1,6 +1,7 @@
 #include "tests/support/fake_platform.hpp"
 
 #include <algorithm>
+#include <utility>
 
 #include "core/api/errors.hpp"
 
@@ -159,10 +160,55 @@ std::unique_ptr<Subscription> FakeLifecycle::observe(AppEvent event,
 }
 
 AppLifecycle::BackgroundTaskId FakeLifecycle::beginBackgroundTask(std::function<void()>) {
+    begun.push_back(nextTask_);
     return nextTask_++;
 }
 
-void FakeLifecycle::endBackgroundTask(BackgroundTaskId) {}
+void FakeLifecycle::endBackgroundTask(BackgroundTaskId id) {
+    ended.push_back(id);
+}
+
+void FakeSocket::cancel(int code, std::optional<std::string>) {
+    if (closeCode) return;
+    closeCode = code;
+    state_ = SocketState::completed;
+    if (pendingReceive_) {
+        fail(std::make_exception_ptr(NetworkError(NetworkError::Kind::cancelled, "cancelled")));
+    }
+}
+
+void FakeSocket::send(SocketMessage message, std::function<void(std::exception_ptr)> completion) {
+    sent.push_back(message.data);
+    if (holdSends) {
+        pendingSends_.push_back(std::move(completion));
+    } else {
+        completion(nullptr);
+    }
+}
+
+void FakeSocket::receive(std::function<void(SocketReceiveResult)> completion) {
+    ++receiveCalls;
+    pendingReceive_ = std::move(completion);
+}
+
+void FakeSocket::deliver(SocketMessage message) {
+    auto completion = std::exchange(pendingReceive_, nullptr);
+    if (completion) completion(std::move(message));
+}
+
+void FakeSocket::fail(std::exception_ptr error) {
+    if (!error) error = std::make_exception_ptr(NetworkError(NetworkError::Kind::other, "reset"));
+    state_ = SocketState::completed;
+    auto completion = std::exchange(pendingReceive_, nullptr);
+    if (completion) completion(error);
+}
+
+void FakeSocket::completeSend(std::exception_ptr error) {
+    if (pendingSends_.empty()) return;
+    auto completion = std::move(pendingSends_.front());
+    pendingSends_.erase(pendingSends_.begin());
+    completion(error);
+}
 
 void FakeLifecycle::send(AppEvent event) {
     auto handlers = observers_->handlers;
@@ -188,6 +234,16 @@ FakePlatform::FakePlatform() : platform(std::make_shared<Platform>()) {
     };
     auto monitors = paths;
     platform->makePathMonitor = [monitors] { return monitors->make(); };
+    platform->makeSocket = [this](const Url& url, const std::shared_ptr<SocketSession>&,
+                                  const std::vector<std::string>& protocols,
+                                  std::weak_ptr<SocketDelegate> delegate) {
+        auto socket = std::make_shared<FakeSocket>();
+        socket->url = url;
+        socket->protocols = protocols;
+        socket->delegate = std::move(delegate);
+        sockets.push_back(socket);
+        return SocketConnection{socket, nullptr};
+    };
 }
 
 }  // namespace virela::testing

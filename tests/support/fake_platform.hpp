@@ -107,6 +107,36 @@ class FakePaths {
     std::vector<std::weak_ptr<Monitor>> monitors_;
 };
 
+// A socket the test drives by hand: it opens, delivers and fails when told to.
+class FakeSocket final : public VirelaSocket {
+  public:
+    SocketState state() const override { return state_; }
+    void resume() override { state_ = SocketState::running; }
+    void cancel(int closeCode, std::optional<std::string> reason) override;
+    void send(SocketMessage message, std::function<void(std::exception_ptr)> completion) override;
+    void receive(std::function<void(SocketReceiveResult)> completion) override;
+
+    bool receiving() const { return static_cast<bool>(pendingReceive_); }
+    void deliver(SocketMessage message);
+    void fail(std::exception_ptr error = nullptr);
+    // Completes the oldest send still waiting.
+    void completeSend(std::exception_ptr error = nullptr);
+    void setState(SocketState state) { state_ = state; }
+
+    Url url;
+    std::vector<std::string> protocols;
+    std::weak_ptr<SocketDelegate> delegate;
+    std::vector<std::string> sent;
+    std::optional<int> closeCode;
+    int receiveCalls = 0;
+    bool holdSends = false;
+
+  private:
+    SocketState state_ = SocketState::suspended;
+    std::function<void(SocketReceiveResult)> pendingReceive_;
+    std::vector<std::function<void(std::exception_ptr)>> pendingSends_;
+};
+
 class FakeLifecycle final : public AppLifecycle {
   public:
     std::unique_ptr<Subscription> observe(AppEvent event, std::function<void()> handler) override;
@@ -114,6 +144,8 @@ class FakeLifecycle final : public AppLifecycle {
     void endBackgroundTask(BackgroundTaskId id) override;
     void send(AppEvent event);
     std::size_t observerCount() const;
+    std::vector<BackgroundTaskId> begun;
+    std::vector<BackgroundTaskId> ended;
 
   private:
     struct Observers {
@@ -142,6 +174,7 @@ struct FakePlatform {
     std::shared_ptr<FakeLifecycle> lifecycle = std::make_shared<FakeLifecycle>();
     std::shared_ptr<RecordingLog> log = std::make_shared<RecordingLog>();
     std::shared_ptr<FakePaths> paths = std::make_shared<FakePaths>();
+    std::vector<std::shared_ptr<FakeSocket>> sockets;  // every socket made, oldest first
     std::shared_ptr<Platform> platform;
 };
 

@@ -1,0 +1,99 @@
+// Realtime frames decoded and routed per second, over a mix of every kind of push (including
+// a few that are dropped).
+
+#include <benchmark/benchmark.h>
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/client/client.hpp"
+#include "core/client/platform.hpp"
+
+namespace virela {
+namespace {
+
+class QueueExecutor final : public MainExecutor {
+  public:
+    void post(std::function<void()> work) override { queue.push_back(std::move(work)); }
+    std::unique_ptr<ScheduledWork> postAfter(double, std::function<void()>) override {
+        return nullptr;
+    }
+    std::unique_ptr<ScheduledWork> repeat(double, std::function<void()>) override {
+        return nullptr;
+    }
+    bool isCurrent() const override { return true; }
+    void postBackground(std::function<void()> work) override { post(std::move(work)); }
+    void drain() {
+        while (!queue.empty()) {
+            auto work = std::move(queue.front());
+            queue.pop_front();
+            work();
+        }
+    }
+    std::deque<std::function<void()>> queue;
+};
+
+struct CountingRouter final : PushRouter {
+    std::size_t routed = 0;
+    void consent(VirelaClient&, const ConsentPush&) override { ++routed; }
+    void capture(const std::shared_ptr<VirelaClient>&, const CapturePush&) override { ++routed; }
+    void live(VirelaClient&, const LivePush&) override { ++routed; }
+    void liveNote(VirelaClient&, const LiveNotePush&) override { ++routed; }
+    void guide(VirelaClient&, const GuidePush&) override { ++routed; }
+    void control(VirelaClient&, const ControlPush&) override { ++routed; }
+    void controlInput(VirelaClient&, const ControlInputPush&) override { ++routed; }
+};
+
+const std::vector<std::string>& mixedFrames() {
+    static const std::vector<std::string> frames{
+        R"({"type":"consent","payload":{"requestId":"req-1","mode":"AskEveryTime","consentCopy":"{company} would like a screenshot.","promptId":"p-1","agentName":"Sam","workspaceName":"Acme","logoUrl":"https://cdn.example.com/logo.png","expiresAt":"2026-11-21T10:00:00Z"}})",
+        R"({"type":"capture","payload":{"requestId":"req-3"}})",
+        R"({"type":"live","payload":{"sessionId":"live-1","state":"active","generation":"4"}})",
+        R"({"type":"live-note","payload":{"sessionId":"live-1","kind":"frameSaved","generation":"5"}})",
+        R"({"type":"guide","payload":{"sessionId":"live-1","kind":"laser","x":0.42,"y":0.61}})",
+        R"({"type":"guide","payload":{"sessionId":"live-1","kind":"arrow","x":0.1,"y":0.2,"x2":0.8,"y2":0.9,"color":"#FF3B30"}})",
+        R"({"type":"control","payload":{"sessionId":"live-1","state":"active","generation":"9"}})",
+        R"({"type":"control-input","payload":{"sessionId":"live-1","action":"tap","x":120.5,"y":300}})",
+        R"({"type":"control-input","payload":{"sessionId":"live-1","action":"scroll","dx":0,"dy":-40}})",
+        R"({"type":"session","payload":{"state":"ended"}})",
+        R"({"type":"expired","payload":{}})",
+        R"({"type":"live-note","payload":{"sessionId":"live-1","kind":"frameSaved","generation":5}})",
+    };
+    return frames;
+}
+
+void BM_DispatchMixedFrames(benchmark::State& state) {
+    auto executor = std::make_shared<QueueExecutor>();
+    auto platform = std::make_shared<Platform>();
+    platform->main = executor;
+    auto client = VirelaClient::create(platform);
+    auto router = std::make_shared<CountingRouter>();
+    client->setRouter(router);
+    const auto& frames = mixedFrames();
+    std::size_t i = 0;
+    for (auto _ : state) {
+        client->dispatch(frames[i]);
+        executor->drain();
+        if (++i == frames.size()) i = 0;
+    }
+    state.SetItemsProcessed(state.iterations());
+    state.counters["routed"] = static_cast<double>(router->routed);
+}
+BENCHMARK(BM_DispatchMixedFrames);
+
+void BM_DecodeOnly(benchmark::State& state) {
+    const auto& frames = mixedFrames();
+    std::size_t i = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(decodePush(frames[i]));
+        if (++i == frames.size()) i = 0;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_DecodeOnly);
+
+}  // namespace
+}  // namespace virela
