@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <numeric>
 #include <regex>
 #include <thread>
@@ -31,6 +32,8 @@
 #include "platform/headless/lifecycle.hpp"
 #include "platform/headless/path_monitor.hpp"
 #include "platform/headless/runtime.hpp"
+#include "platform/headless/web_socket.hpp"
+#include "tools/devserver/server.hpp"
 
 namespace virela::headless {
 namespace {
@@ -740,5 +743,354 @@ TEST(HeadlessLifecycleTest, NotifiesObserversOnMainAndExpiresBackgroundTasks) {
     EXPECT_TRUE(lifecycle.activeBackgroundTasks().empty());
 }
 
+// ---------------------------------------------------------------------------------------------
+// WebSocket client against the local backend
+
+// Collects the values a completion is called with; at(i) waits for the i-th.
+template <class T>
+class Results {
+  public:
+    std::function<void(T)> add() {
+        return [this](T value) {
+            std::lock_guard lock(mutex_);
+            values_.push_back(std::move(value));
+            changed_.notify_all();
+        };
+    }
+    T at(std::size_t index) {
+        std::unique_lock lock(mutex_);
+        if (!changed_.wait_for(lock, 10s, [&] { return values_.size() > index; })) {
+            throw std::runtime_error("completion never called");
+        }
+        return values_[index];
+    }
+    std::size_t size() {
+        std::lock_guard lock(mutex_);
+        return values_.size();
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<T> values_;
+};
+
+struct OpenRecorder : SocketDelegate {
+    void socketDidOpen(const VirelaSocket& socket,
+                       const std::optional<std::string>& protocol) override {
+        opened = &socket;
+        protocols.add()(protocol);
+    }
+    std::atomic<const VirelaSocket*> opened = nullptr;
+    Results<std::optional<std::string>> protocols;
+};
+
+std::optional<NetworkError> networkErrorIn(const std::exception_ptr& error) {
+    if (!error) return std::nullopt;
+    try {
+        std::rethrow_exception(error);
+    } catch (const NetworkError& e) {
+        return e;
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+std::optional<NetworkError> networkErrorIn(const SocketReceiveResult& result) {
+    const auto* error = std::get_if<std::exception_ptr>(&result);
+    return error ? networkErrorIn(*error) : std::nullopt;
+}
+
+std::optional<SocketMessage> messageIn(const SocketReceiveResult& result) {
+    const auto* message = std::get_if<SocketMessage>(&result);
+    return message ? std::optional(*message) : std::nullopt;
+}
+
+class BeastWebSocketTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        devserver::Options options;
+        options.onSocketEvent = [this](const devserver::SocketEvent& event) {
+            if (event.kind != devserver::SocketEvent::Kind::closed) return;
+            std::lock_guard lock(mutex_);
+            closeCodes_.push_back(event.closeCode);
+        };
+        server_.start(options);
+        token_ = registerDevice();
+    }
+
+    std::string registerDevice() {
+        auto request = post(*Url::parse(server_.url() + "/v1/sdk/devices"), R"({"installId":"x"})");
+        request.headers = {{"X-Virela-Key", "vk_demo_local"}, {"Content-Type", "application/json"}};
+        Completion completion;
+        client_.send(request, completion.callback());
+        auto outcome = completion.wait();
+        if (!outcome.response) throw std::runtime_error("registration failed");
+        return nlohmann::json::parse(outcome.response->body).at("deviceToken").get<std::string>();
+    }
+    Url socketUrl(const std::string& scheme = "ws") const {
+        return *Url::parse(scheme + "://127.0.0.1:" + std::to_string(server_.port()) +
+                           "/sdk/socket");
+    }
+    std::string credential() const { return "virela.device." + token_; }
+    std::shared_ptr<BeastWebSocket> open(std::vector<std::string> protocols,
+                                         std::weak_ptr<SocketDelegate> delegate = {},
+                                         WebSocketOptions options = {}, Url url = {}) {
+        if (url.str().empty()) url = socketUrl();
+        auto socket = BeastWebSocket::create(client_, url, std::move(protocols),
+                                             std::move(delegate), options);
+        socket->resume();
+        return socket;
+    }
+    // A socket whose opening handshake has completed on both ends.
+    std::shared_ptr<BeastWebSocket> openFully() {
+        auto delegate = std::make_shared<OpenRecorder>();
+        auto socket = open({credential()}, delegate);
+        delegate->protocols.at(0);
+        return socket;
+    }
+    std::vector<int> closeCodes() {
+        std::lock_guard lock(mutex_);
+        return closeCodes_;
+    }
+
+    std::mutex mutex_;
+    std::vector<int> closeCodes_;  // from the server's side
+    devserver::Server server_;
+    BeastHttpClient client_;
+    std::string token_;
+};
+
+TEST_F(BeastWebSocketTest, OpensWithTheOfferedProtocolAndCarriesMessagesBothWaysInOrder) {
+    TempDir dir;
+    RuntimeOptions options;
+    options.install = false;
+    options.stateDirectory = dir.path();
+    Runtime runtime(options);
+    auto delegate = std::make_shared<OpenRecorder>();
+    auto connection =
+        runtime.platform()->makeSocket(socketUrl(), nullptr, {credential()}, delegate);
+    ASSERT_TRUE(connection.socket);
+    auto& socket = *connection.socket;
+    EXPECT_EQ(socket.state(), SocketState::suspended);
+
+    // Before the opening: the receive waits for it and the send is held until then.
+    Results<SocketReceiveResult> received;
+    Results<std::exception_ptr> sent;
+    socket.receive(received.add());
+    socket.send(SocketMessage::text("early"), sent.add());
+    socket.resume();
+    EXPECT_EQ(socket.state(), SocketState::running);
+    EXPECT_EQ(delegate->protocols.at(0), credential());
+    EXPECT_EQ(delegate->opened.load(), &socket);
+    ASSERT_TRUE(server_.waitForConnection(token_, 5s));
+
+    const auto bytes = std::string("\0\x01\xff", 3);
+    ASSERT_TRUE(server_.pushText(token_, "one"));
+    ASSERT_TRUE(server_.pushBinary(token_, bytes));
+    ASSERT_TRUE(server_.pushText(token_, "three"));
+    EXPECT_EQ(messageIn(received.at(0)), SocketMessage::text("one"));
+    // The other two arrive while no receive is outstanding and must wait in order.
+    std::this_thread::sleep_for(100ms);
+    socket.receive(received.add());
+    EXPECT_EQ(messageIn(received.at(1)), SocketMessage::binary(bytes));
+    socket.receive(received.add());
+    EXPECT_EQ(messageIn(received.at(2)), SocketMessage::text("three"));
+
+    socket.send(SocketMessage::text("late"), sent.add());
+    EXPECT_EQ(sent.at(0), nullptr);
+    EXPECT_EQ(sent.at(1), nullptr);
+    ASSERT_TRUE(server_.waitForFrames(token_, 2, 5s));
+    EXPECT_EQ(server_.framesFrom(token_), (std::vector<std::string>{"early", "late"}));
+
+    // The credential is the one subprotocol offered, and no header of ours rides along.
+    auto upgrades = server_.requests("/sdk/socket");
+    ASSERT_EQ(upgrades.size(), 1u);
+    EXPECT_EQ(upgrades[0].header("Sec-WebSocket-Protocol"), credential());
+    const std::vector<std::string> standard = {"host",
+                                               "upgrade",
+                                               "connection",
+                                               "sec-websocket-key",
+                                               "sec-websocket-version",
+                                               "sec-websocket-protocol",
+                                               "user-agent"};
+    for (const auto& header : upgrades[0].headers) {
+        std::string name = header.name;
+        std::transform(name.begin(), name.end(), name.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        EXPECT_NE(std::find(standard.begin(), standard.end(), name), standard.end()) << name;
+    }
+}
+
+TEST_F(BeastWebSocketTest, FailedOpeningsReportTheirKindToEveryCallAndNeverOpen) {
+    using Kind = NetworkError::Kind;
+    auto delegate = std::make_shared<OpenRecorder>();
+    int closedPort = 0;
+    {
+        LoopbackServer gone([](int) {});
+        closedPort = gone.port();
+    }
+    LoopbackServer silent([&](int fd) { silent.hold(fd); });
+    WebSocketOptions quick;
+    quick.openTimeoutSeconds = 0.3;
+    auto closed = *Url::parse("ws://127.0.0.1:" + std::to_string(closedPort) + "/sdk/socket");
+    auto http = *Url::parse(server_.url() + "/sdk/socket");
+
+    struct Case {
+        std::string name;
+        std::shared_ptr<BeastWebSocket> socket;
+        Kind kind;
+        std::optional<long> platformCode;
+    };
+    std::vector<Case> cases;
+    cases.push_back({"wrong token", open({"virela.device.nope"}, delegate), Kind::other, 401});
+    cases.push_back({"refused", open({credential()}, delegate, {}, closed), Kind::refused, {}});
+    cases.push_back({"timed out",
+                     open({credential()}, delegate, quick, silent.url("/", "ws")),
+                     Kind::timedOut,
+                     {}});
+    cases.push_back({"TLS to a plain server",
+                     open({credential()}, delegate, {}, socketUrl("wss")),
+                     Kind::secureConnection,
+                     {}});
+    cases.push_back({"header injection", open({"a\r\nX-Evil: 1"}, delegate), Kind::other, 0});
+    cases.push_back({"not a socket URL", open({credential()}, delegate, {}, http), Kind::other, 0});
+
+    auto check = [&](const Case& c) {
+        SCOPED_TRACE(c.name);
+        Results<SocketReceiveResult> received;
+        Results<std::exception_ptr> sent;
+        c.socket->receive(received.add());
+        c.socket->send(SocketMessage::text("x"), sent.add());
+        auto error = networkErrorIn(received.at(0));
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->kind(), c.kind) << error->what();
+        if (c.platformCode) {
+            EXPECT_EQ(error->platformCode(), *c.platformCode);
+            if (*c.platformCode != 0) {
+                EXPECT_NE(std::string(error->what()).find(std::to_string(*c.platformCode)),
+                          std::string::npos)
+                    << error->what();
+            }
+        }
+        EXPECT_TRUE(networkErrorIn(sent.at(0)));
+        EXPECT_TRUE(waitFor([&] { return c.socket->state() == SocketState::completed; }));
+        c.socket->receive(received.add());
+        EXPECT_EQ(networkErrorIn(received.at(1))->kind(), c.kind);
+    };
+    for (const auto& c : cases) check(c);
+    server_.refuseConnections(10s);
+    check({"turned away", open({credential()}, delegate), Kind::other, 503});
+    server_.refuseConnections(0ms);
+    EXPECT_EQ(delegate->protocols.size(), 0u);
+    // Neither the injected header nor the http URL went out.
+    EXPECT_EQ(server_.requests("/sdk/socket").size(), 2u);
+}
+
+TEST_F(BeastWebSocketTest, TheConnectionEndingFailsTheReceiveOnlyAfterWhatArrivedBefore) {
+    using Kind = NetworkError::Kind;
+    // Dropped without a close frame.
+    auto dropped = open({credential()});
+    ASSERT_TRUE(server_.waitForConnection(token_, 5s));
+    Results<SocketReceiveResult> lost;
+    dropped->receive(lost.add());
+    server_.dropConnection(token_);
+    ASSERT_TRUE(networkErrorIn(lost.at(0)));
+    EXPECT_EQ(networkErrorIn(lost.at(0))->kind(), Kind::other);
+    EXPECT_TRUE(waitFor([&] { return dropped->state() == SocketState::completed; }));
+
+    // Closed with a code, after one more message.
+    auto closed = open({credential()});
+    ASSERT_TRUE(server_.waitForConnection(token_, 5s, 2));
+    ASSERT_TRUE(server_.pushText(token_, "last"));
+    server_.closeConnection(token_, 4001);
+    ASSERT_TRUE(waitFor([&] { return closed->state() == SocketState::completed; }));
+    Results<SocketReceiveResult> received;
+    for (int i = 0; i < 3; ++i) closed->receive(received.add());
+    EXPECT_EQ(messageIn(received.at(0)), SocketMessage::text("last"));
+    for (std::size_t i : {1u, 2u}) {
+        auto error = networkErrorIn(received.at(i));
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->kind(), Kind::other);
+        EXPECT_EQ(error->platformCode(), 4001);
+    }
+    Results<std::exception_ptr> sent;
+    closed->send(SocketMessage::text("x"), sent.add());
+    EXPECT_TRUE(networkErrorIn(sent.at(0)));
+
+    // A reader that stops taking messages does not make the queue grow without bound.
+    WebSocketOptions small;
+    small.maxQueuedMessages = 2;
+    auto flooded = open({credential()}, {}, small);
+    ASSERT_TRUE(server_.waitForConnection(token_, 5s, 3));
+    for (const char* text : {"a", "b", "c", "d"}) ASSERT_TRUE(server_.pushText(token_, text));
+    ASSERT_TRUE(waitFor([&] { return flooded->state() == SocketState::completed; }));
+    Results<SocketReceiveResult> backlog;
+    for (int i = 0; i < 3; ++i) flooded->receive(backlog.add());
+    EXPECT_EQ(messageIn(backlog.at(0)), SocketMessage::text("a"));
+    EXPECT_EQ(messageIn(backlog.at(1)), SocketMessage::text("b"));
+    EXPECT_TRUE(networkErrorIn(backlog.at(2)));
+    EXPECT_TRUE(waitFor([&] { return !server_.connected(token_); }));
+}
+
+TEST_F(BeastWebSocketTest, CancelClosesWithTheCodeAndFailsPendingAndLaterCallsAsCancelled) {
+    using Kind = NetworkError::Kind;
+    auto socket = openFully();
+    Results<SocketReceiveResult> received;
+    socket->receive(received.add());
+    socket->cancel(1000, "bye");
+    EXPECT_NE(socket->state(), SocketState::running);
+    EXPECT_EQ(networkErrorIn(received.at(0))->kind(), Kind::cancelled);
+    ASSERT_TRUE(waitFor([&] { return closeCodes().size() == 1; }));
+    EXPECT_EQ(closeCodes()[0], 1000);
+    EXPECT_TRUE(waitFor([&] { return socket->state() == SocketState::completed; }));
+    Results<std::exception_ptr> sent;
+    socket->send(SocketMessage::text("x"), sent.add());
+    socket->receive(received.add());
+    EXPECT_EQ(networkErrorIn(sent.at(0))->kind(), Kind::cancelled);
+    EXPECT_EQ(networkErrorIn(received.at(1))->kind(), Kind::cancelled);
+    socket->cancel(1000, std::nullopt);  // a second cancel is harmless
+
+    // A code no close frame may carry goes out as a normal closure, with an overlong reason cut.
+    auto odd = openFully();
+    odd->cancel(1006, std::string(500, 'x'));
+    ASSERT_TRUE(waitFor([&] { return closeCodes().size() == 2; }));
+    EXPECT_EQ(closeCodes()[1], 1000);
+
+    // Letting go of an open socket closes it as going away.
+    auto dropped = openFully();
+    dropped.reset();
+    ASSERT_TRUE(waitFor([&] { return closeCodes().size() == 3; }));
+    EXPECT_EQ(closeCodes()[2], 1001);
+}
+
+TEST_F(BeastWebSocketTest, ShutdownCompletesEverythingPendingOnceAsCancelled) {
+    using Kind = NetworkError::Kind;
+    auto live = open({credential()});
+    ASSERT_TRUE(server_.waitForConnection(token_, 5s));
+    auto suspended = BeastWebSocket::create(client_, socketUrl(), {credential()}, {});
+    Results<SocketReceiveResult> received;
+    Results<std::exception_ptr> sent;
+    live->receive(received.add());
+    suspended->receive(received.add());
+    suspended->send(SocketMessage::text("x"), sent.add());
+    client_.shutdown();
+
+    auto after = BeastWebSocket::create(client_, socketUrl(), {credential()}, {});
+    after->resume();
+    after->receive(received.add());
+    live->receive(received.add());
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(networkErrorIn(received.at(i))->kind(), Kind::cancelled) << i;
+    }
+    EXPECT_EQ(networkErrorIn(sent.at(0))->kind(), Kind::cancelled);
+    for (const auto& socket : {live, suspended, after}) {
+        EXPECT_EQ(socket->state(), SocketState::completed);
+    }
+    EXPECT_TRUE(waitFor([&] { return !server_.connected(token_); }));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(received.size(), 4u);
+    EXPECT_EQ(sent.size(), 1u);
+}
 }  // namespace
 }  // namespace virela::headless

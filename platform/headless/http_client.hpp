@@ -9,6 +9,10 @@
 
 namespace virela::headless {
 
+namespace detail {
+class Network;
+}
+
 struct HttpClientOptions {
     // Extra trust for TLS, added to the system's default roots: a PEM file and/or PEM text
     // (a local test server's own CA).
@@ -23,7 +27,8 @@ struct HttpClientOptions {
 
 // The HttpClient port on Boost.Beast, http and https, one connection per request, on its own
 // network thread. Transport failures complete with a NetworkError; a peer that answers with
-// something that is not HTTP completes with neither a response nor an error.
+// something that is not HTTP completes with neither a response nor an error. WebSockets made
+// from it (BeastWebSocket) share its thread, TLS trust and user agent.
 class BeastHttpClient final : public HttpClient {
   public:
     // Throws std::runtime_error when the TLS trust in `options` cannot be loaded.
@@ -33,13 +38,13 @@ class BeastHttpClient final : public HttpClient {
     std::shared_ptr<VirelaCancellable> send(HttpRequest request,
                                             std::function<void(HttpOutcome)> done) override;
 
-    // Stops the network thread; requests still in flight complete as cancelled, later ones at
-    // once. Idempotent.
+    // Stops the network thread; requests and sockets still in flight complete as cancelled,
+    // later ones at once. Idempotent.
     void shutdown();
 
   private:
-    struct Impl;
-    std::shared_ptr<Impl> impl_;
+    friend class BeastWebSocket;
+    std::shared_ptr<detail::Network> network_;
 };
 
 }  // namespace virela::headless

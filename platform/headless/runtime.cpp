@@ -37,13 +37,14 @@ Runtime::Runtime(RuntimeOptions options)
     platform->makePathMonitor = []() -> std::shared_ptr<PathMonitor> {
         return std::make_shared<InterfacePathMonitor>();
     };
+    platform->makeSocket = beastSocketFactory(http_, options.webSocket);
     platform_ = std::move(platform);
     if (options.install) installPlatform(platform_);
 }
 
 Runtime::~Runtime() {
-    // Network first, so no completion arrives half-way; the workers before main, because
-    // background work may be waiting for main.
+    // Network first, so no completion arrives half-way (requests and sockets in flight complete
+    // as cancelled); the workers before main, because background work may be waiting for main.
     http_->shutdown();
     workers_->shutdown();
     main_->shutdown();

@@ -15,6 +15,7 @@
 #include "platform/headless/executors.hpp"
 #include "platform/headless/http_client.hpp"
 #include "platform/headless/lifecycle.hpp"
+#include "platform/headless/web_socket.hpp"
 
 namespace virela::headless {
 
@@ -25,15 +26,17 @@ struct RuntimeOptions {
     std::optional<std::filesystem::path> stateDirectory;
     std::optional<LogLevel> logLevel;  // VIRELA_LOG when unset
     HeadlessSettings settings;
-    HttpClientOptions http;
+    HttpClientOptions http;  // also the sockets' TLS trust and user agent
+    WebSocketOptions webSocket;
     double backgroundTaskSeconds = 30;
     int workerThreads = 2;
     bool install = true;  // installPlatform() on construction
 };
 
-// Starts the main thread, the worker pool and the network thread, builds the ports and installs
-// them. Destruction stops and joins every thread; destroy it from a thread other than main. The
-// installed platform stays in place (its ports then drop work) until another is installed.
+// Starts the main thread, the worker pool and the network thread (shared by HTTP and WebSocket),
+// builds the ports and installs them. Destruction stops and joins every thread; destroy it from a
+// thread other than main. The installed platform stays in place (its ports then drop work) until
+// another is installed.
 class Runtime {
   public:
     explicit Runtime(RuntimeOptions options = {});

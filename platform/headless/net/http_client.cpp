@@ -1,10 +1,6 @@
 #include "platform/headless/http_client.hpp"
 
-#include <openssl/err.h>
-#include <openssl/ssl.h>
-
 #include <algorithm>
-#include <boost/asio/ip/address.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/ssl.hpp>
@@ -13,17 +9,13 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
 #include <cctype>
-#include <mutex>
 #include <sstream>
-#include <stdexcept>
-#include <unordered_map>
+#include <variant>
 
 #include "core/api/errors.hpp"
 #include "core/client/clock.hpp"
-#include "core/client/registration.hpp"
-#include "platform/headless/detail/io_threads.hpp"
 #include "platform/headless/detail/timer_set.hpp"
-#include "platform/headless/stderr_log.hpp"
+#include "platform/headless/net/network.hpp"
 
 namespace virela::headless {
 
@@ -34,30 +26,16 @@ namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
 using Kind = NetworkError::Kind;
+using detail::isToken;
+using detail::networkError;
 
 namespace {
 
 constexpr std::size_t kHeaderLimit = std::size_t{64} * 1024;
 
-std::exception_ptr networkError(Kind kind, const std::string& detail, long code) {
-    NetworkError error(kind, detail);
-    error.withPlatformCode(code);
-    return std::make_exception_ptr(error);
-}
-
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](unsigned char x, unsigned char y) {
         return std::tolower(x) == std::tolower(y);
-    });
-}
-
-// An HTTP token (method, header name).
-bool isToken(std::string_view text) {
-    if (text.empty()) return false;
-    return std::all_of(text.begin(), text.end(), [](unsigned char c) {
-        return std::isalnum(c) != 0 ||
-               std::string_view("!#$%&'*+-.^_`|~").find(static_cast<char>(c)) !=
-                   std::string_view::npos;
     });
 }
 
@@ -90,31 +68,24 @@ bool isMalformed(const error_code& ec) {
     }
 }
 
-// Requests in flight, so that shutdown can complete them.
-class Exchange;
-struct Registry {
-    std::mutex mutex;
-    bool closed = false;
-    std::unordered_map<const Exchange*, std::weak_ptr<Exchange>> live;
-};
-
 // One request on one connection. Runs on the network thread; after that thread has been joined,
 // shutdown may abort it from another.
-class Exchange : public std::enable_shared_from_this<Exchange> {
+class Exchange : public detail::NetworkJob, public std::enable_shared_from_this<Exchange> {
   public:
-    Exchange(asio::io_context& io, std::shared_ptr<ssl::context> tls,
-             std::shared_ptr<const HttpClientOptions> options, std::shared_ptr<Registry> registry,
-             HttpRequest request, std::function<void(HttpOutcome)> done)
-        : io_(io),
-          tlsContext_(std::move(tls)),
-          options_(std::move(options)),
-          registry_(std::move(registry)),
+    Exchange(detail::Network& network, HttpRequest request, std::function<void(HttpOutcome)> done)
+        : io_(network.context()),
+          tlsContext_(network.tls()),
+          options_(network.options()),
+          jobs_(network.jobs()),
+          userAgent_(network.userAgent()),
           request_(std::move(request)),
           done_(std::move(done)),
-          resolver_(io),
-          deadline_(io) {}
+          resolver_(io_),
+          deadline_(io_) {}
 
     void start();
+
+    void abandon() override { abort(Kind::cancelled); }
 
     void abort(Kind kind) {
         if (finished_) return;
@@ -153,7 +124,8 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     asio::io_context& io_;
     std::shared_ptr<ssl::context> tlsContext_;
     std::shared_ptr<const HttpClientOptions> options_;
-    std::shared_ptr<Registry> registry_;
+    std::shared_ptr<detail::NetworkJobs> jobs_;
+    std::string userAgent_;
     HttpRequest request_;
     std::function<void(HttpOutcome)> done_;
     tcp::resolver resolver_;
@@ -169,29 +141,20 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
 };
 
 bool Exchange::prepare() {
-    const Url& url = request_.url;
-    std::string scheme = url.scheme();
-    std::transform(scheme.begin(), scheme.end(), scheme.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     auto invalid = [this](const std::string& detail) {
         finish({std::nullopt, networkError(Kind::other, detail, 0)});
         return false;
     };
-    if (scheme != "http" && scheme != "https") {
-        return invalid("unsupported URL scheme \"" + url.scheme() + "\"");
-    }
-    host_ = url.host();
-    if (host_.size() >= 2 && host_.front() == '[' && host_.back() == ']') {
-        host_ = host_.substr(1, host_.size() - 2);
-    }
-    if (host_.empty()) return invalid("URL has no host");
-    port_ = url.effectivePort();
-    if (port_ <= 0 || port_ > 65535) return invalid("URL has an invalid port");
+    auto endpoint = detail::endpointOf(request_.url, "http", "https");
+    if (auto* problem = std::get_if<std::string>(&endpoint)) return invalid(*problem);
+    auto& where = std::get<detail::Endpoint>(endpoint);
+    host_ = where.host;
+    port_ = where.port;
     if (!isToken(request_.method)) return invalid("invalid HTTP method");
 
     message_.version(11);
     message_.method_string(request_.method);
-    message_.target(url.target());
+    message_.target(request_.url.target());
     bool hasHost = false;
     bool hasAgent = false;
     for (const auto& header : request_.headers) {
@@ -208,23 +171,15 @@ bool Exchange::prepare() {
         hasAgent = hasAgent || equalsIgnoringCase(header.name, "User-Agent");
         message_.insert(header.name, header.value);
     }
-    if (!hasHost) {
-        int defaultPort = scheme == "https" ? 443 : 80;
-        std::string value = url.host();
-        if (url.port() && *url.port() != defaultPort) value += ":" + std::to_string(*url.port());
-        message_.set(http::field::host, value);
-    }
-    if (!hasAgent) {
-        auto agent = options_->userAgent.value_or(std::string("VirelaAgent/") + kSdkVersion);
-        if (!agent.empty()) message_.set(http::field::user_agent, agent);
-    }
+    if (!hasHost) message_.set(http::field::host, where.hostHeader);
+    if (!hasAgent && !userAgent_.empty()) message_.set(http::field::user_agent, userAgent_);
     message_.set(http::field::connection, "close");
     bool bodyExpected =
         request_.method == "POST" || request_.method == "PUT" || request_.method == "PATCH";
     if (!request_.body.empty() || bodyExpected) message_.content_length(request_.body.size());
     message_.body() = std::move(request_.body);
 
-    if (scheme == "https") {
+    if (where.secure) {
         tls_.emplace(io_, *tlsContext_);
     } else {
         plain_.emplace(io_);
@@ -261,21 +216,8 @@ void Exchange::onConnected(const error_code& ec) {
     if (ec) return fail(Phase::connect, ec);
     if (!tls_) return write(*plain_);
 
-    error_code addressError;
-    asio::ip::make_address(host_, addressError);
-    if (addressError) {
-        // Server name indication, for host names only (never for address literals).
-        if (SSL_ctrl(tls_->native_handle(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
-                     host_.data()) != 1) {
-            return fail(Phase::handshake, error_code(static_cast<int>(::ERR_get_error()),
-                                                     asio::error::get_ssl_category()));
-        }
-    }
-    if (options_->verifyPeer) {
-        tls_->set_verify_mode(ssl::verify_peer);
-        tls_->set_verify_callback(ssl::host_name_verification(host_));
-    } else {
-        tls_->set_verify_mode(ssl::verify_none);
+    if (auto tlsError = detail::prepareTls(*tls_, host_, options_->verifyPeer)) {
+        return fail(Phase::handshake, tlsError);
     }
     tls_->async_handshake(ssl::stream_base::client,
                           [self = shared_from_this()](const error_code& e) {
@@ -374,10 +316,7 @@ void Exchange::finish(HttpOutcome outcome) {
     deadline_.cancel();
     resolver_.cancel();
     if (tls_ || plain_) tcp().socket().close(ignored);
-    {
-        std::lock_guard lock(registry_->mutex);
-        registry_->live.erase(this);
-    }
+    jobs_->remove(this);
     auto done = std::move(done_);
     done_ = nullptr;
     if (done) done(std::move(outcome));
@@ -385,20 +324,21 @@ void Exchange::finish(HttpOutcome outcome) {
 
 class RequestHandle final : public VirelaCancellable {
   public:
-    RequestHandle(std::weak_ptr<Exchange> exchange, std::weak_ptr<detail::IoThreads> net)
-        : exchange_(std::move(exchange)), net_(std::move(net)) {}
+    RequestHandle(std::weak_ptr<Exchange> exchange, std::weak_ptr<detail::Network> network)
+        : exchange_(std::move(exchange)), network_(std::move(network)) {}
 
     void cancel() override {
-        auto net = net_.lock();
-        if (!net || net->stopped()) return;  // shutdown completes it
-        asio::post(net->context(), [exchange = exchange_] {
+        // A stopped loop drops the post; shutdown has completed the request by then.
+        auto network = network_.lock();
+        if (!network) return;
+        asio::post(network->context(), [exchange = exchange_] {
             if (auto e = exchange.lock()) e->abort(Kind::cancelled);
         });
     }
 
   private:
     std::weak_ptr<Exchange> exchange_;
-    std::weak_ptr<detail::IoThreads> net_;
+    std::weak_ptr<detail::Network> network_;
 };
 
 class NothingToCancel final : public VirelaCancellable {
@@ -408,32 +348,8 @@ class NothingToCancel final : public VirelaCancellable {
 
 }  // namespace
 
-struct BeastHttpClient::Impl {
-    std::shared_ptr<const HttpClientOptions> options;
-    std::shared_ptr<ssl::context> tls;
-    std::shared_ptr<Registry> registry = std::make_shared<Registry>();
-    std::shared_ptr<detail::IoThreads> net;
-};
-
-BeastHttpClient::BeastHttpClient(HttpClientOptions options) : impl_(std::make_shared<Impl>()) {
-    impl_->options = std::make_shared<const HttpClientOptions>(std::move(options));
-    const auto& opts = *impl_->options;
-    auto tls = std::make_shared<ssl::context>(ssl::context::tls_client);
-    SSL_CTX_set_min_proto_version(tls->native_handle(), TLS1_2_VERSION);
-    error_code ec;
-    tls->set_default_verify_paths(ec);  // without system roots only the extra trust works
-    if (opts.caFile) {
-        tls->load_verify_file(opts.caFile->string(), ec);
-        if (ec) throw std::runtime_error("cannot load CA file " + opts.caFile->string());
-    }
-    if (opts.caPem) {
-        tls->add_certificate_authority(asio::buffer(*opts.caPem), ec);
-        if (ec) throw std::runtime_error("cannot load the given CA certificate");
-    }
-    tls->set_verify_mode(opts.verifyPeer ? ssl::verify_peer : ssl::verify_none);
-    impl_->tls = std::move(tls);
-    impl_->net = detail::IoThreads::start("virela-net", 1);
-}
+BeastHttpClient::BeastHttpClient(HttpClientOptions options)
+    : network_(std::make_shared<detail::Network>(std::move(options))) {}
 
 BeastHttpClient::~BeastHttpClient() {
     shutdown();
@@ -442,46 +358,17 @@ BeastHttpClient::~BeastHttpClient() {
 std::shared_ptr<VirelaCancellable> BeastHttpClient::send(HttpRequest request,
                                                          std::function<void(HttpOutcome)> done) {
     if (!done) done = [](const HttpOutcome&) {};
-    {
-        std::lock_guard lock(impl_->registry->mutex);
-        if (!impl_->registry->closed) {
-            auto exchange =
-                std::make_shared<Exchange>(impl_->net->context(), impl_->tls, impl_->options,
-                                           impl_->registry, std::move(request), std::move(done));
-            impl_->registry->live[exchange.get()] = exchange;
-            asio::post(impl_->net->context(), [exchange] { exchange->start(); });
-            return std::make_shared<RequestHandle>(exchange, impl_->net);
-        }
+    auto exchange = std::make_shared<Exchange>(*network_, std::move(request), std::move(done));
+    if (network_->jobs()->add(exchange)) {
+        asio::post(network_->context(), [exchange] { exchange->start(); });
+        return std::make_shared<RequestHandle>(exchange, network_);
     }
-    done({std::nullopt, networkError(Kind::cancelled, "HTTP client is shut down",
-                                     asio::error::operation_aborted)});
+    exchange->abort(Kind::cancelled);
     return std::make_shared<NothingToCancel>();
 }
 
 void BeastHttpClient::shutdown() {
-    {
-        std::lock_guard lock(impl_->registry->mutex);
-        impl_->registry->closed = true;
-    }
-    impl_->net->shutdown();
-    // The network thread is gone, so nothing else touches the exchanges now.
-    std::vector<std::shared_ptr<Exchange>> live;
-    {
-        std::lock_guard lock(impl_->registry->mutex);
-        for (auto& [key, weak] : impl_->registry->live) {
-            if (auto exchange = weak.lock()) live.push_back(std::move(exchange));
-        }
-    }
-    for (auto& exchange : live) {
-        try {
-            exchange->abort(Kind::cancelled);
-        } catch (const std::exception& e) {
-            // A throwing completion must not stop the others, nor escape a destructor.
-            writeStderrLine(LogLevel::error, std::string("HTTP completion threw: ") + e.what());
-        } catch (...) {
-            writeStderrLine(LogLevel::error, "HTTP completion threw");
-        }
-    }
+    network_->shutdown();
 }
 
 }  // namespace virela::headless
