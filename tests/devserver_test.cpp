@@ -6,10 +6,17 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -23,11 +30,24 @@ using virela::devserver::Header;
 using virela::devserver::Options;
 using virela::devserver::QueuedReply;
 using virela::devserver::Server;
+using virela::devserver::SocketEvent;
+using namespace std::chrono_literals;
 
 struct RawReply {
     int status = 0;
     std::string head;  // status line and headers
     std::string body;
+};
+
+struct Frame {
+    int opcode = 0;  // 1 text, 2 binary, 8 close, 9 ping, 10 pong
+    std::string payload;
+
+    int closeCode() const {
+        return payload.size() < 2 ? 0
+                                  : (static_cast<unsigned char>(payload[0]) << 8) |
+                                        static_cast<unsigned char>(payload[1]);
+    }
 };
 
 // One TCP connection to the server; reads replies framed by Content-Length.
@@ -74,19 +94,78 @@ class Connection {
         return reply;
     }
 
-    bool closedByPeer() { return buffer_.empty() && !fill(); }
+    // True only for an end of stream, not for a read that timed out.
+    bool closedByPeer() { return buffer_.empty() && !fill() && closed_; }
+
+    // One masked WebSocket frame, as a client must send it.
+    void sendFrame(int opcode, const std::string& payload, bool fin = true) {
+        std::string frame(1, static_cast<char>((fin ? 0x80 : 0) | opcode));
+        const std::size_t size = payload.size();
+        if (size < 126) {
+            frame += static_cast<char>(0x80 | size);
+        } else if (size < 65536) {
+            frame += static_cast<char>(0x80 | 126);
+            frame += static_cast<char>(size >> 8);
+            frame += static_cast<char>(size);
+        } else {
+            frame += static_cast<char>(0x80 | 127);
+            for (int shift = 56; shift >= 0; shift -= 8) frame += static_cast<char>(size >> shift);
+        }
+        const std::string mask = "\x12\x34\x56\x78";
+        frame += mask;
+        for (std::size_t i = 0; i < size; ++i) frame += static_cast<char>(payload[i] ^ mask[i % 4]);
+        send(frame);
+    }
+
+    // The next whole message, fragments joined, or a control frame; nullopt once the server
+    // has closed the connection or nothing came within the timeout.
+    std::optional<Frame> readMessage() {
+        Frame message;
+        for (;;) {
+            std::optional<Frame> frame;
+            bool fin = false;
+            while (!(frame = takeFrame(fin))) {
+                if (!fill()) return std::nullopt;
+            }
+            if (frame->opcode >= 8) return frame;
+            if (frame->opcode != 0) message.opcode = frame->opcode;
+            message.payload += frame->payload;
+            if (fin) return message;
+        }
+    }
 
   private:
     bool fill() {
-        char chunk[4096];
+        char chunk[65536];
         const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+        if (n == 0 || (n < 0 && errno == ECONNRESET)) closed_ = true;
         if (n <= 0) return false;
         buffer_.append(chunk, static_cast<std::size_t>(n));
         return true;
     }
 
+    // A server frame (never masked) from the front of the buffer, once it is all there.
+    std::optional<Frame> takeFrame(bool& fin) {
+        if (buffer_.size() < 2) return std::nullopt;
+        auto byte = [&](std::size_t i) { return static_cast<unsigned char>(buffer_[i]); };
+        std::size_t size = byte(1) & 0x7f;
+        std::size_t header = 2;
+        if (size >= 126) {
+            header = size == 126 ? 4 : 10;
+            if (buffer_.size() < header) return std::nullopt;
+            size = 0;
+            for (std::size_t i = 2; i < header; ++i) size = (size << 8) | byte(i);
+        }
+        if (buffer_.size() < header + size) return std::nullopt;
+        fin = (byte(0) & 0x80) != 0;
+        Frame frame{byte(0) & 0x0f, buffer_.substr(header, size)};
+        buffer_.erase(0, header + size);
+        return frame;
+    }
+
     int fd_;
     std::string buffer_;
+    bool closed_ = false;
 };
 
 std::string post(const std::string& path, const std::string& body,
@@ -103,6 +182,28 @@ std::optional<RawReply> roundTrip(std::uint16_t port, const std::string& request
 
 json errorOf(const std::optional<RawReply>& reply) {
     return reply ? json::parse(reply->body, nullptr, false) : json();
+}
+
+std::optional<std::string> headerOf(const RawReply& reply, const std::string& name) {
+    std::smatch value;
+    if (!std::regex_search(reply.head, value, std::regex("\r\n" + name + ": ([^\r]*)"))) {
+        return std::nullopt;
+    }
+    return value[1];
+}
+
+// The key of the handshake example in RFC 6455, whose accept value is known.
+const std::string kSocketKey = "dGhlIHNhbXBsZSBub25jZQ==";
+const std::string kSocketAccept = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=";
+
+std::string upgrade(const std::string& extraHeaders) {
+    return "GET /sdk/socket HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\n"
+           "Connection: Upgrade\r\nSec-WebSocket-Key: " +
+           kSocketKey + "\r\nSec-WebSocket-Version: 13\r\n" + extraHeaders + "\r\n";
+}
+
+std::string offering(const std::string& token) {
+    return "Sec-WebSocket-Protocol: virela.device." + token + "\r\n";
 }
 
 class DevServerTest : public ::testing::Test {
@@ -280,6 +381,272 @@ TEST_F(DevServerTest, SurvivesBrokenClientsAndRestartsOnTheSamePort) {
     Options outside;
     outside.host = "0.0.0.0";
     EXPECT_THROW(other.start(outside), std::invalid_argument);
+}
+
+// The same backend with the devices' sockets, watching the events it reports.
+class SocketTest : public DevServerTest {
+  protected:
+    void SetUp() override { server.start(recording()); }
+    // The server's callback reaches into this fixture, so it must stop before the fixture goes.
+    void TearDown() override { server.stop(); }
+
+    Options recording(std::uint16_t port = 0) {
+        Options options;
+        options.port = port;
+        options.onSocketEvent = [this](const SocketEvent& event) {
+            std::lock_guard lock(mutex_);
+            events_.push_back(event);
+            changed_.notify_all();
+        };
+        return options;
+    }
+
+    bool sawEvent(SocketEvent::Kind kind, const std::string& deviceId, int closeCode = 0) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, 5s, [&] {
+            return std::any_of(events_.begin(), events_.end(), [&](const SocketEvent& event) {
+                return event.kind == kind && event.deviceId == deviceId &&
+                       event.closeCode == closeCode;
+            });
+        });
+    }
+
+    std::unique_ptr<Connection> openSocket(const std::string& token) {
+        auto socket = std::make_unique<Connection>(server.port());
+        socket->send(upgrade(offering(token)));
+        auto reply = socket->read();
+        EXPECT_TRUE(reply && reply->status == 101) << (reply ? reply->head : "no reply");
+        return socket;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<SocketEvent> events_;
+};
+
+TEST_F(SocketTest, UpgradeIsRefusedBeforeTheHandshakeUnlessAnIssuedTokenIsOffered) {
+    const json registration = registerDevice("inst-1");
+    const std::string token = registration["deviceToken"];
+    const std::string deviceId = registration["deviceId"];
+
+    for (const std::string& headers :
+         {std::string(), offering("0123456789"), offering(deviceId),
+          "X-Virela-Device: " + token + "\r\n", "Sec-WebSocket-Protocol: " + token + "\r\n"}) {
+        auto refused = roundTrip(server.port(), upgrade(headers));
+        ASSERT_TRUE(refused) << headers;
+        EXPECT_EQ(refused->status, 401) << headers;
+        EXPECT_EQ(errorOf(refused)["error"], "unauthorized");
+        EXPECT_FALSE(headerOf(*refused, "Sec-WebSocket-Accept"));
+    }
+    // With the credential right, a broken handshake is still answered in JSON.
+    std::string noKey = upgrade(offering(token));
+    noKey.erase(noKey.find("Sec-WebSocket-Key"),
+                noKey.find("Sec-WebSocket-Version") - noKey.find("Sec-WebSocket-Key"));
+    auto broken = roundTrip(server.port(), noKey);
+    ASSERT_TRUE(broken);
+    EXPECT_EQ(broken->status, 400);
+    EXPECT_EQ(errorOf(broken)["error"], "bad_request");
+    EXPECT_EQ(server.connectionsAccepted(token), 0u);
+    EXPECT_FALSE(server.connected(deviceId));
+
+    Connection socket(server.port());
+    socket.send(upgrade("Sec-WebSocket-Protocol: chat, virela.device.nope\r\n" + offering(token)));
+    auto accepted = socket.read();
+    ASSERT_TRUE(accepted);
+    EXPECT_EQ(accepted->status, 101);
+    EXPECT_EQ(headerOf(*accepted, "Sec-WebSocket-Protocol"), "virela.device." + token);
+    EXPECT_EQ(headerOf(*accepted, "Sec-WebSocket-Accept"), kSocketAccept);
+    EXPECT_TRUE(server.waitForConnection(token, 5s));
+    EXPECT_TRUE(sawEvent(SocketEvent::Kind::connected, deviceId));
+    EXPECT_EQ(server.connectionsAccepted(deviceId), 1u);
+
+    auto recorded = server.requests("/sdk/socket");
+    ASSERT_EQ(recorded.size(), 7u);
+    EXPECT_EQ(recorded.back().method, "GET");
+    EXPECT_EQ(recorded.back().header("sec-websocket-protocol"), "chat, virela.device.nope");
+}
+
+TEST_F(SocketTest, PushesReachTheDeviceAndItsTextFramesAreKeptInOrder) {
+    const json registration = registerDevice("inst-1");
+    const std::string token = registration["deviceToken"];
+    const std::string deviceId = registration["deviceId"];
+    const std::string idle = registerDevice("inst-2")["deviceToken"];
+    EXPECT_FALSE(server.pushText(idle, "{}"));
+    EXPECT_FALSE(server.pushText("dev_unknown", "{}"));
+
+    auto socket = openSocket(token);
+    ASSERT_TRUE(server.waitForConnection(deviceId, 5s));
+    const std::string consent = R"({"type":"consent","payload":{"requestId":"r-1"}})";
+    const std::string large(200'000, 'x');
+    EXPECT_TRUE(server.pushText(token, consent));
+    EXPECT_TRUE(server.pushBinary(deviceId, std::string("\0\x01\xff", 3)));
+    EXPECT_TRUE(server.pushText(deviceId, large));
+    auto first = socket->readMessage();
+    auto second = socket->readMessage();
+    auto third = socket->readMessage();
+    ASSERT_TRUE(first && second && third);
+    EXPECT_EQ(first->opcode, 1);
+    EXPECT_EQ(first->payload, consent);
+    EXPECT_EQ(second->opcode, 2);
+    EXPECT_EQ(second->payload, std::string("\0\x01\xff", 3));
+    EXPECT_EQ(third->payload, large);
+
+    socket->sendFrame(1, "ping");
+    socket->sendFrame(9, "beat");
+    auto pong = socket->readMessage();
+    ASSERT_TRUE(pong);
+    EXPECT_EQ(pong->opcode, 10);
+    EXPECT_EQ(pong->payload, "beat");
+    socket->sendFrame(2, "binary is not kept");
+    socket->sendFrame(1, R"({"type":"state",)", false);
+    socket->sendFrame(0, R"("state":"background"})");
+    socket->sendFrame(1, "ping");
+    ASSERT_TRUE(server.waitForFrames(deviceId, 3, 5s));
+    const std::vector<std::string> expected{"ping", R"({"type":"state","state":"background"})",
+                                            "ping"};
+    EXPECT_EQ(server.framesFrom(token), expected);
+    EXPECT_TRUE(sawEvent(SocketEvent::Kind::binary, deviceId));
+    EXPECT_TRUE(server.framesFrom(idle).empty());
+}
+
+TEST_F(SocketTest, ANewerSocketReplacesTheOlderOneOfTheSameDevice) {
+    const json registration = registerDevice("inst-1");
+    const std::string deviceId = registration["deviceId"];
+    const std::string laterToken = registerDevice("inst-1")["deviceToken"];
+
+    auto older = openSocket(registration["deviceToken"]);
+    ASSERT_TRUE(server.waitForConnection(deviceId, 5s));
+    auto newer = openSocket(laterToken);
+    ASSERT_TRUE(server.waitForConnection(deviceId, 5s, 2));
+
+    auto close = older->readMessage();
+    ASSERT_TRUE(close);
+    EXPECT_EQ(close->opcode, 8);
+    EXPECT_EQ(close->closeCode(), virela::devserver::kReplacedCloseCode);
+    // The server closes the TCP connection first and waits for ours before it is done.
+    older->sendFrame(8, close->payload.substr(0, 2));
+    EXPECT_TRUE(older->closedByPeer());
+    older.reset();
+    EXPECT_TRUE(sawEvent(SocketEvent::Kind::closed, deviceId, 4000));
+
+    EXPECT_TRUE(server.connected(deviceId));
+    EXPECT_EQ(server.connectionsAccepted(deviceId), 2u);
+    EXPECT_TRUE(server.pushText(deviceId, "to the newer"));
+    auto pushed = newer->readMessage();
+    ASSERT_TRUE(pushed);
+    EXPECT_EQ(pushed->payload, "to the newer");
+}
+
+TEST_F(SocketTest, DropCloseAndRefusalEndOrKeepOutSockets) {
+    const json registration = registerDevice("inst-1");
+    const std::string token = registration["deviceToken"];
+    const std::string deviceId = registration["deviceId"];
+
+    auto dropped = openSocket(token);
+    ASSERT_TRUE(server.waitForConnection(deviceId, 5s));
+    server.dropConnection(token);
+    EXPECT_FALSE(server.connected(deviceId));
+    EXPECT_FALSE(server.pushText(deviceId, "too late"));
+    EXPECT_FALSE(dropped->readMessage());  // no close frame, just the end of the stream
+    EXPECT_TRUE(dropped->closedByPeer());
+    EXPECT_TRUE(sawEvent(SocketEvent::Kind::closed, deviceId, 1006));
+
+    server.refuseConnections(1h);
+    auto refused = roundTrip(server.port(), upgrade(offering(token)));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 503);
+    EXPECT_EQ(errorOf(refused)["error"], "unavailable");
+    EXPECT_EQ(server.connectionsAccepted(deviceId), 1u);
+    server.refuseConnections(0ms);
+
+    auto closed = openSocket(token);
+    ASSERT_TRUE(server.waitForConnection(deviceId, 5s, 2));
+    EXPECT_THROW(server.closeConnection(deviceId, 1006), std::invalid_argument);
+    EXPECT_TRUE(server.pushText(deviceId, "last words"));
+    server.closeConnection(deviceId, 4010);
+    EXPECT_FALSE(server.connected(deviceId));
+    auto last = closed->readMessage();
+    auto close = closed->readMessage();
+    ASSERT_TRUE(last && close);
+    EXPECT_EQ(last->payload, "last words");
+    EXPECT_EQ(close->opcode, 8);
+    EXPECT_EQ(close->closeCode(), 4010);
+    closed->sendFrame(8, close->payload.substr(0, 2));
+    EXPECT_TRUE(closed->closedByPeer());
+    closed.reset();
+    EXPECT_TRUE(sawEvent(SocketEvent::Kind::closed, deviceId, 4010));
+}
+
+TEST_F(SocketTest, StopClosesSocketsAndTheOldTokenConnectsAfterARestart) {
+    const json registration = registerDevice("inst-1");
+    const std::string token = registration["deviceToken"];
+    const std::string deviceId = registration["deviceId"];
+    auto before = openSocket(token);
+    before->sendFrame(1, "ping");
+    ASSERT_TRUE(server.waitForFrames(deviceId, 1, 5s));
+
+    const std::uint16_t port = server.port();
+    server.stop();
+    EXPECT_TRUE(before->closedByPeer());
+    EXPECT_FALSE(server.connected(deviceId));
+    EXPECT_FALSE(server.pushText(deviceId, "nobody"));
+    EXPECT_TRUE(sawEvent(SocketEvent::Kind::closed, deviceId, 1006));
+
+    server.start(recording(port));
+    auto after = openSocket(token);
+    ASSERT_TRUE(server.waitForConnection(deviceId, 5s, 2));
+    after->sendFrame(1, R"({"type":"state","state":"foreground"})");
+    ASSERT_TRUE(server.waitForFrames(deviceId, 2, 5s));
+    EXPECT_EQ(server.framesFrom(deviceId).front(), "ping");
+    EXPECT_TRUE(server.pushText(token, "again"));
+    auto pushed = after->readMessage();
+    ASSERT_TRUE(pushed);
+    EXPECT_EQ(pushed->payload, "again");
+}
+
+TEST_F(SocketTest, BrokenAndSlowSocketClientsDoNotDisturbOthers) {
+    std::vector<std::string> tokens;
+    for (const char* install : {"unmasked", "oversized", "cut", "slow", "healthy"}) {
+        tokens.push_back(registerDevice(install)["deviceToken"]);
+    }
+
+    auto unmasked = openSocket(tokens[0]);
+    unmasked->send(std::string("\x81\x04ping", 6));
+    auto protocolError = unmasked->readMessage();
+    ASSERT_TRUE(protocolError);
+    EXPECT_EQ(protocolError->closeCode(), 1002);
+
+    auto oversized = openSocket(tokens[1]);
+    // A text frame announcing 2 MiB, past the server's limit for a message.
+    oversized->send(std::string("\x81\xff\x00\x00\x00\x00\x00\x20\x00\x00", 10) + "abcd");
+    auto tooBig = oversized->readMessage();
+    ASSERT_TRUE(tooBig);
+    EXPECT_EQ(tooBig->closeCode(), 1009);
+
+    {
+        auto cut = openSocket(tokens[2]);
+        // 100 bytes announced, a few sent, then the connection goes.
+        cut->send(std::string("\x81\xe4") + "abcd" + "only part");
+        Connection halfHandshake(server.port());
+        halfHandshake.send("GET /sdk/socket HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: web");
+    }
+
+    // Nobody reads this socket; what is pushed to it piles up without holding anyone else.
+    auto slow = openSocket(tokens[3]);
+    ASSERT_TRUE(server.waitForConnection(tokens[3], 5s));
+    for (int i = 0; i < 16; ++i) EXPECT_TRUE(server.pushText(tokens[3], std::string(1 << 20, 's')));
+
+    auto healthy = openSocket(tokens[4]);
+    ASSERT_TRUE(server.waitForConnection(tokens[4], 5s));
+    EXPECT_TRUE(server.pushText(tokens[4], "still here"));
+    auto pushed = healthy->readMessage();
+    ASSERT_TRUE(pushed);
+    EXPECT_EQ(pushed->payload, "still here");
+    healthy->sendFrame(1, "ping");
+    EXPECT_TRUE(server.waitForFrames(tokens[4], 1, 5s));
+    EXPECT_TRUE(server.framesFrom(tokens[0]).empty());
+    EXPECT_TRUE(server.framesFrom(tokens[2]).empty());
 }
 
 }  // namespace

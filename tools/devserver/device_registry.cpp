@@ -73,16 +73,28 @@ std::optional<std::string> DeviceRegistry::resetSupportCode(std::string_view tok
 
 std::optional<DeviceInfo> DeviceRegistry::find(std::string_view idTokenOrCode) const {
     std::lock_guard lock(mutex_);
-    for (const DeviceInfo& device : devices_) {
-        if (device.deviceId == idTokenOrCode || device.supportCode == idTokenOrCode) return device;
-    }
-    if (const DeviceInfo* device = byToken(idTokenOrCode)) return *device;
+    if (const DeviceInfo* device = lookup(idTokenOrCode)) return *device;
+    return std::nullopt;
+}
+
+std::optional<std::string> DeviceRegistry::deviceIdOf(std::string_view idTokenOrCode) const {
+    std::lock_guard lock(mutex_);
+    if (const DeviceInfo* device = lookup(idTokenOrCode)) return device->deviceId;
     return std::nullopt;
 }
 
 std::vector<DeviceInfo> DeviceRegistry::all() const {
     std::lock_guard lock(mutex_);
     return devices_;
+}
+
+const DeviceInfo* DeviceRegistry::lookup(std::string_view idTokenOrCode) const {
+    for (const DeviceInfo& device : devices_) {
+        if (device.deviceId == idTokenOrCode || device.supportCode == idTokenOrCode) {
+            return &device;
+        }
+    }
+    return byToken(idTokenOrCode);
 }
 
 DeviceInfo* DeviceRegistry::byToken(std::string_view token) {

@@ -29,9 +29,11 @@ class DeviceRegistry {
     std::optional<std::string> resetSupportCode(std::string_view token);
 
     std::optional<DeviceInfo> find(std::string_view idTokenOrCode) const;
+    std::optional<std::string> deviceIdOf(std::string_view idTokenOrCode) const;
     std::vector<DeviceInfo> all() const;
 
   private:
+    const DeviceInfo* lookup(std::string_view idTokenOrCode) const;
     DeviceInfo* byToken(std::string_view token);
     const DeviceInfo* byToken(std::string_view token) const;
     std::string randomHex(std::size_t digits);

@@ -1,5 +1,8 @@
 #include "tools/devserver/exchange.hpp"
 
+#include <algorithm>
+#include <cctype>
+
 #include <nlohmann/json.hpp>
 
 namespace virela::devserver {
@@ -14,6 +17,13 @@ Reply jsonReply(const nlohmann::ordered_json& body, int status) {
     // Replace, never throw: a stored body with broken UTF-8 must not take the server down.
     reply.body = body.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
     return reply;
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) ==
+                      std::tolower(static_cast<unsigned char>(y));
+           });
 }
 
 }  // namespace virela::devserver

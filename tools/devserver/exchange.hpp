@@ -20,15 +20,22 @@ struct Reply {
 
 // What the connection does with one request.
 struct Outcome {
-    enum class Kind { reply, close };
+    enum class Kind { reply, close, upgrade };
     Kind kind = Kind::reply;
     Reply reply;
+    // For an upgrade: the device whose socket the connection becomes, and the subprotocol that
+    // the 101 reply selects.
+    std::string deviceId;
+    std::string subprotocol;
 };
 
-using RequestHandler = std::function<Outcome(RecordedRequest)>;
+// Takes the request and its HTTP version (10 or 11).
+using RequestHandler = std::function<Outcome(RecordedRequest, int version)>;
 
 // {"error": code, "message": message}, the shape every failure of the backend takes.
 Reply jsonError(int status, std::string_view code, std::string_view message);
 Reply jsonReply(const nlohmann::ordered_json& body, int status = 200);
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b);
 
 }  // namespace virela::devserver

@@ -19,6 +19,7 @@ using tcp = asio::ip::tcp;
 struct HttpServer::Impl {
     // Declared first so that it outlives the sessions, which io_context's destruction frees.
     RequestHandler handler;
+    SocketHub& sockets;
     asio::io_context io{1};
     tcp::acceptor acceptor{io};
     asio::steady_timer retry{io};
@@ -26,9 +27,11 @@ struct HttpServer::Impl {
     std::string url;
     std::thread thread;
 
-    explicit Impl(RequestHandler h) : handler(std::move(h)) {}
+    Impl(RequestHandler h, SocketHub& s) : handler(std::move(h)), sockets(s) {}
 
-    ~Impl() {
+    ~Impl() { halt(); }
+
+    void halt() {
         io.stop();
         if (thread.joinable()) thread.join();
     }
@@ -46,14 +49,15 @@ struct HttpServer::Impl {
             }
             boost::system::error_code ignored;
             socket.set_option(tcp::no_delay(true), ignored);
-            std::make_shared<HttpSession>(std::move(socket), handler)->run();
+            std::make_shared<HttpSession>(std::move(socket), handler, sockets)->run();
             accept();
         });
     }
 };
 
-HttpServer::HttpServer(const std::string& host, std::uint16_t port, RequestHandler handler)
-    : impl_(std::make_unique<Impl>(std::move(handler))) {
+HttpServer::HttpServer(const std::string& host, std::uint16_t port, RequestHandler handler,
+                       SocketHub& sockets)
+    : impl_(std::make_unique<Impl>(std::move(handler), sockets)) {
     boost::system::error_code ec;
     const asio::ip::address address = asio::ip::make_address(host, ec);
     if (ec || !address.is_loopback()) {
@@ -85,6 +89,10 @@ HttpServer::HttpServer(const std::string& host, std::uint16_t port, RequestHandl
 }
 
 HttpServer::~HttpServer() = default;
+
+void HttpServer::halt() {
+    impl_->halt();
+}
 
 std::uint16_t HttpServer::port() const {
     return impl_->port;

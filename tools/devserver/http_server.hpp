@@ -8,15 +8,22 @@
 
 namespace virela::devserver {
 
+class SocketHub;
+
 // A listening socket and the thread that serves it. Construction binds and starts serving;
 // destruction stops the thread and drops every open connection. The handler runs on the
-// server thread, one request at a time.
+// server thread, one request at a time; upgraded connections become sessions of `sockets`,
+// which must outlive the server.
 class HttpServer {
   public:
     // Throws std::invalid_argument for a host that is not a loopback address and
     // std::runtime_error when the address cannot be bound.
-    HttpServer(const std::string& host, std::uint16_t port, RequestHandler handler);
+    HttpServer(const std::string& host, std::uint16_t port, RequestHandler handler,
+               SocketHub& sockets);
     ~HttpServer();
+
+    // Stops the server thread. Connections stay allocated, idle, until destruction.
+    void halt();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 

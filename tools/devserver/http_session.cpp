@@ -12,6 +12,8 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
 
+#include "tools/devserver/websocket_session.hpp"
+
 namespace virela::devserver {
 
 namespace {
@@ -32,6 +34,21 @@ bool isParseError(const beast::error_code& ec) {
 
 bool hasNoBody(int status) {
     return status < 200 || status == 204 || status == 304;
+}
+
+// The request again as a Beast message, which the WebSocket handshake takes.
+std::optional<http::request<http::empty_body>> asUpgradeRequest(const RecordedRequest& request,
+                                                                int version) {
+    try {
+        http::request<http::empty_body> message;
+        message.method_string(request.method);
+        message.target(request.target);
+        message.version(version);
+        for (const Header& header : request.headers) message.insert(header.name, header.value);
+        return message;
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
 }
 
 }  // namespace
@@ -66,8 +83,9 @@ std::size_t RecordingParser::on_chunk_body_impl(std::uint64_t, beast::string_vie
     return body.size();
 }
 
-HttpSession::HttpSession(boost::asio::ip::tcp::socket socket, const RequestHandler& handler)
-    : stream_(std::move(socket)), handler_(handler) {}
+HttpSession::HttpSession(boost::asio::ip::tcp::socket socket, const RequestHandler& handler,
+                         SocketHub& sockets)
+    : stream_(std::move(socket)), handler_(handler), sockets_(sockets) {}
 
 void HttpSession::run() {
     readHeader();
@@ -119,14 +137,27 @@ void HttpSession::respond() {
     // HEAD replies would need their body suppressed; closing afterwards keeps framing simple.
     const bool keepAlive = parser_->keep_alive() && parser_->request().method != "HEAD";
     const int version = parser_->version();
+    // Kept aside only for requests that may become a socket; the handler takes the original.
+    std::optional<http::request<http::empty_body>> upgrade;
+    if (parser_->request().header("Upgrade")) {
+        upgrade = asUpgradeRequest(parser_->request(), version);
+    }
     Outcome outcome;
     try {
-        outcome = handler_(std::move(parser_->request()));
+        outcome = handler_(std::move(parser_->request()), version);
     } catch (const std::exception&) {
         outcome.reply = jsonError(500, "internal", "The server failed to handle the request.");
     }
     parser_.reset();
     if (outcome.kind == Outcome::Kind::close) return close();
+    if (outcome.kind == Outcome::Kind::upgrade) {
+        if (!upgrade) return close();
+        // The stream leaves this session, which ends once this handler returns.
+        std::make_shared<WebSocketSession>(std::move(stream_), sockets_,
+                                           std::move(outcome.deviceId))
+            ->accept(std::move(*upgrade), std::move(outcome.subprotocol));
+        return;
+    }
     write(std::move(outcome.reply), keepAlive, version);
 }
 

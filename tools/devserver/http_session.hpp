@@ -11,6 +11,7 @@
 #include <boost/beast/http/string_body.hpp>
 
 #include "tools/devserver/exchange.hpp"
+#include "tools/devserver/socket_hub.hpp"
 
 namespace virela::devserver {
 
@@ -44,11 +45,12 @@ class RecordingParser final : public http::basic_parser<true> {
 };
 
 // One accepted connection: reads requests, hands each to the handler and writes its reply,
-// for as long as the client keeps the connection alive. The session owns the stream, so a
-// protocol upgrade can take it over from here.
+// for as long as the client keeps the connection alive. The session owns the stream, so that
+// an upgrade to a WebSocket can take it over from here.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
   public:
-    HttpSession(boost::asio::ip::tcp::socket socket, const RequestHandler& handler);
+    HttpSession(boost::asio::ip::tcp::socket socket, const RequestHandler& handler,
+                SocketHub& sockets);
     void run();
 
   private:
@@ -69,6 +71,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     std::optional<RecordingParser> parser_;
     std::shared_ptr<void> pending_;  // keeps the message being written alive
     const RequestHandler& handler_;
+    SocketHub& sockets_;
 };
 
 }  // namespace virela::devserver

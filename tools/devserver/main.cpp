@@ -1,23 +1,116 @@
 // virela-devserver: the local backend as a program, for the demo and for poking at by hand.
+#include <poll.h>
+#include <pthread.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <mutex>
+#include <stdexcept>
 #include <string>
 #include <string_view>
-
-#include <pthread.h>
 
 #include "tools/devserver/server.hpp"
 
 namespace {
 
+using virela::devserver::SocketEvent;
+
 void usage(std::ostream& out) {
     out << "usage: virela-devserver [--port N] [--key KEY]...\n"
            "  --port N    listen on 127.0.0.1:N (default 0: any free port)\n"
            "  --key KEY   accept this API key for registration (repeatable;\n"
-           "              default vk_demo_local)\n";
+           "              default vk_demo_local)\n"
+           "commands on stdin, one a line (DEVICE: id, token or support code):\n"
+           "  push DEVICE TEXT     send TEXT as a text frame to the device's socket\n"
+           "  close DEVICE [CODE]  close the socket with CODE (default 1000)\n"
+           "  drop DEVICE          cut the connection without a close frame\n";
+}
+
+// The server thread and the command loop both print; whole lines only.
+std::mutex outputMutex;
+
+void say(const std::string& line) {
+    std::lock_guard lock(outputMutex);
+    std::cout << line << std::endl;
+}
+
+// A frame as one line of bounded length.
+std::string printable(std::string_view text) {
+    constexpr std::size_t kShown = 300;
+    std::string line;
+    for (char c : text.substr(0, kShown)) {
+        if (c == '\n') {
+            line += "\\n";
+        } else if (c == '\r') {
+            line += "\\r";
+        } else {
+            line += c;
+        }
+    }
+    if (text.size() > kShown) line += "... (" + std::to_string(text.size()) + " bytes)";
+    return line;
+}
+
+std::string describe(const SocketEvent& event) {
+    std::string line = "socket " + event.deviceId + ' ';
+    switch (event.kind) {
+        case SocketEvent::Kind::connected:
+            return line + "connected";
+        case SocketEvent::Kind::text:
+            return line + "text: " + printable(event.data);
+        case SocketEvent::Kind::binary:
+            return line + "binary: " + std::to_string(event.data.size()) + " bytes";
+        case SocketEvent::Kind::closed:
+            return line + "closed (" + std::to_string(event.closeCode) + ")";
+    }
+    return line;
+}
+
+// The first space-separated word of `rest`, which keeps what follows it.
+std::string_view nextWord(std::string_view& rest) {
+    const std::size_t start = rest.find_first_not_of(' ');
+    if (start == std::string_view::npos) {
+        rest = {};
+        return {};
+    }
+    rest.remove_prefix(start);
+    const std::size_t end = std::min(rest.find(' '), rest.size());
+    const std::string_view word = rest.substr(0, end);
+    rest.remove_prefix(end);
+    if (!rest.empty()) rest.remove_prefix(1);
+    return word;
+}
+
+void runCommand(virela::devserver::Server& server, std::string_view line) {
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    std::string_view rest = line;
+    const std::string_view command = nextWord(rest);
+    const std::string device(nextWord(rest));
+    if (command.empty()) return;
+    if (device.empty() || (command != "push" && command != "close" && command != "drop")) {
+        say("commands: push DEVICE TEXT | close DEVICE [CODE] | drop DEVICE");
+        return;
+    }
+    if (command == "push") {
+        say(server.pushText(device, std::string(rest)) ? "pushed to " + device
+                                                       : "no socket for " + device);
+    } else if (command == "drop") {
+        server.dropConnection(device);
+    } else {
+        const std::string code(nextWord(rest));
+        try {
+            server.closeConnection(device, code.empty() ? 1000 : std::stoi(code));
+        } catch (const std::exception&) {
+            say("not a close code: " + code);
+        }
+    }
 }
 
 bool parsePort(std::string_view text, std::uint16_t& port) {
@@ -57,18 +150,24 @@ int main(int argc, char** argv) {
     }
 
     options.onRequest = [](const virela::devserver::RecordedRequest& request, int status) {
-        std::cout << request.method << ' ' << request.target << ' '
-                  << (status == 0 ? std::string("closed") : std::to_string(status)) << " ("
-                  << request.body.size() << " bytes)" << std::endl;
+        say(request.method + ' ' + request.target + ' ' +
+            (status == 0 ? std::string("closed") : std::to_string(status)) + " (" +
+            std::to_string(request.body.size()) + " bytes)");
     };
+    options.onSocketEvent = [](const SocketEvent& event) { say(describe(event)); };
 
     // Block the signals before the server thread exists so that it inherits the mask and
-    // only sigwait below sees them.
+    // only the signalfd below sees them.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const int signalFd = signalfd(-1, &signals, SFD_CLOEXEC);
+    if (signalFd < 0) {
+        std::cerr << "virela-devserver: signalfd failed\n";
+        return 1;
+    }
 
     virela::devserver::Server server;
     try {
@@ -77,10 +176,32 @@ int main(int argc, char** argv) {
         std::cerr << "virela-devserver: " << e.what() << '\n';
         return 1;
     }
-    std::cout << "virela-devserver listening on " << server.url() << std::endl;
+    say("virela-devserver listening on " + server.url());
 
-    int received = 0;
-    sigwait(&signals, &received);
+    // Commands from stdin until a signal; a closed stdin just leaves the signal to wait for.
+    bool stdinOpen = true;
+    std::string pending;
+    for (;;) {
+        pollfd fds[2] = {{signalFd, POLLIN, 0}, {stdinOpen ? STDIN_FILENO : -1, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        if (fds[0].revents != 0) break;
+        if (fds[1].revents == 0) continue;
+        char chunk[4096];
+        const ssize_t n = ::read(STDIN_FILENO, chunk, sizeof chunk);
+        if (n <= 0) {
+            stdinOpen = false;
+            continue;
+        }
+        pending.append(chunk, static_cast<std::size_t>(n));
+        for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
+            runCommand(server, std::string_view(pending).substr(0, end));
+            pending.erase(0, end + 1);
+        }
+    }
     server.stop();
+    ::close(signalFd);
     return 0;
 }

@@ -1,7 +1,5 @@
 #include "tools/devserver/server.hpp"
 
-#include <algorithm>
-#include <cctype>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -11,16 +9,16 @@
 #include "tools/devserver/http_server.hpp"
 #include "tools/devserver/router.hpp"
 #include "tools/devserver/sdk_routes.hpp"
+#include "tools/devserver/socket_admission.hpp"
+#include "tools/devserver/socket_hub.hpp"
 
 namespace virela::devserver {
 
 namespace {
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) ==
-                      std::tolower(static_cast<unsigned char>(y));
-           });
+bool sendableCloseCode(int code) {
+    return (code >= 1000 && code <= 1003) || (code >= 1007 && code <= 1013) ||
+           (code >= 3000 && code <= 4999);
 }
 
 }  // namespace
@@ -46,14 +44,15 @@ struct Server::Impl {
     std::string url;
 
     DeviceRegistry registry;
+    SocketHub sockets{[this](std::string_view device) { return registry.deviceIdOf(device); }};
     // Rebuilt by start() while no server thread runs; read only by the server thread.
     Router router;
     std::function<void(const RecordedRequest&, int)> onRequest;
 
-    Outcome handle(RecordedRequest request);
+    Outcome handle(RecordedRequest request, int version);
 };
 
-Outcome Server::Impl::handle(RecordedRequest request) {
+Outcome Server::Impl::handle(RecordedRequest request, int version) {
     std::optional<std::optional<QueuedReply>> injected;
     {
         std::lock_guard lock(mutex);
@@ -75,7 +74,11 @@ Outcome Server::Impl::handle(RecordedRequest request) {
         outcome.reply.contentType = std::move(canned.contentType);
     } else {
         try {
-            outcome.reply = router.dispatch(request);
+            if (request.path == kSocketPath) {
+                outcome = admitSocket(request, version, registry, sockets.refusing());
+            } else {
+                outcome.reply = router.dispatch(request);
+            }
         } catch (const std::exception&) {
             outcome.reply = jsonError(500, "internal", "The server failed to handle the request.");
         }
@@ -110,9 +113,19 @@ void Server::start(Options options) {
     impl_->onRequest = std::move(options.onRequest);
 
     Impl* impl = impl_.get();
-    auto http = std::make_unique<HttpServer>(
-        options.host, options.port,
-        [impl](RecordedRequest request) { return impl->handle(std::move(request)); });
+    impl_->sockets.open(std::move(options.onSocketEvent));
+    std::unique_ptr<HttpServer> http;
+    try {
+        http = std::make_unique<HttpServer>(
+            options.host, options.port,
+            [impl](RecordedRequest request, int version) {
+                return impl->handle(std::move(request), version);
+            },
+            impl_->sockets);
+    } catch (...) {
+        impl_->sockets.shutdown();
+        throw;
+    }
     {
         std::lock_guard lock(impl_->mutex);
         impl_->port = http->port();
@@ -123,6 +136,12 @@ void Server::start(Options options) {
 
 void Server::stop() {
     std::lock_guard lifecycle(impl_->lifecycle);
+    if (impl_->http) {
+        // The thread goes first, so that no session is still running while the hub forgets
+        // them all, and the io_context last, so that the hub never posts to a dead one.
+        impl_->http->halt();
+        impl_->sockets.shutdown();
+    }
     impl_->http.reset();
     std::lock_guard lock(impl_->mutex);
     impl_->port = 0;
@@ -179,6 +198,52 @@ std::optional<DeviceInfo> Server::device(std::string_view idTokenOrCode) const {
 
 std::vector<DeviceInfo> Server::devices() const {
     return impl_->registry.all();
+}
+
+bool Server::pushText(std::string_view device, std::string text) {
+    return impl_->sockets.send(device, {Outgoing::Kind::text, std::move(text), 0});
+}
+
+bool Server::pushBinary(std::string_view device, std::string bytes) {
+    return impl_->sockets.send(device, {Outgoing::Kind::binary, std::move(bytes), 0});
+}
+
+std::vector<std::string> Server::framesFrom(std::string_view device) const {
+    return impl_->sockets.frames(device);
+}
+
+bool Server::connected(std::string_view device) const {
+    return impl_->sockets.connected(device);
+}
+
+std::size_t Server::connectionsAccepted(std::string_view device) const {
+    return impl_->sockets.accepted(device);
+}
+
+bool Server::waitForConnection(std::string_view device, std::chrono::milliseconds timeout,
+                               std::size_t minAccepted) const {
+    return impl_->sockets.waitForConnection(device, timeout, minAccepted);
+}
+
+bool Server::waitForFrames(std::string_view device, std::size_t count,
+                           std::chrono::milliseconds timeout) const {
+    return impl_->sockets.waitForFrames(device, count, timeout);
+}
+
+void Server::dropConnection(std::string_view device) {
+    impl_->sockets.drop(device);
+}
+
+void Server::closeConnection(std::string_view device, int code) {
+    if (!sendableCloseCode(code)) {
+        throw std::invalid_argument("close code " + std::to_string(code) +
+                                    " may not be sent in a close frame");
+    }
+    impl_->sockets.send(device, {Outgoing::Kind::close, {}, code});
+}
+
+void Server::refuseConnections(std::chrono::milliseconds duration) {
+    impl_->sockets.refuseFor(duration);
 }
 
 }  // namespace virela::devserver

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -53,6 +55,19 @@ struct DeviceInfo {
     std::optional<std::string> lastHealth;  // body of the latest health report, as received
 };
 
+// The close code sent to a device's older socket when the same device connects again.
+inline constexpr int kReplacedCloseCode = 4000;
+
+// Something that happened on a device's socket.
+struct SocketEvent {
+    enum class Kind { connected, text, binary, closed };
+    Kind kind = Kind::connected;
+    std::string deviceId;
+    std::string data;   // the frame, for text and binary
+    int closeCode = 0;  // for closed: the code of the peer's close frame, 1005 when the frame
+                        // carried none, 1006 when the connection ended without one
+};
+
 struct Options {
     // Only loopback addresses are accepted.
     std::string host = "127.0.0.1";
@@ -65,11 +80,20 @@ struct Options {
     // Called on the server thread for each request once its reply is decided; status 0 means
     // the connection is closed without a reply. Must not call stop().
     std::function<void(const RecordedRequest&, int status)> onRequest;
+    // Called on the server thread for each socket event; the closed events of the sockets that
+    // stop() drops come from the thread calling stop(). Must not call stop() or wait on the
+    // server; pushing from here is fine.
+    std::function<void(const SocketEvent&)> onSocketEvent;
 };
 
-// The local backend: a loopback HTTP/1.1 server on its own thread. Device state and the
-// recorded requests survive stop() and start(), so a restart looks like the same backend.
-// All member functions are thread-safe.
+// The local backend: a loopback HTTP/1.1 server on its own thread. Device state, the recorded
+// requests and the frames devices sent survive stop() and start(), so a restart looks like the
+// same backend. All member functions are thread-safe.
+//
+// Devices hold a WebSocket on "/sdk/socket", offering "virela.device." + a token of theirs as
+// the subprotocol. One socket per device: a newer one replaces the older, which is closed with
+// kReplacedCloseCode. Wherever a `device` is asked for, its id, any of its tokens or its
+// current support code will do.
 class Server {
   public:
     Server();
@@ -80,7 +104,7 @@ class Server {
     // Throws std::invalid_argument for a host that is not a loopback address, std::logic_error
     // when already running and std::runtime_error when the port cannot be bound.
     void start(Options options = {});
-    // Idempotent; open connections are dropped.
+    // Idempotent; open connections, sockets included, are dropped without a close frame.
     void stop();
     bool running() const;
 
@@ -100,6 +124,37 @@ class Server {
     // Looks a device up by its id, any of its tokens or its current support code.
     std::optional<DeviceInfo> device(std::string_view idTokenOrCode) const;
     std::vector<DeviceInfo> devices() const;  // in order of first registration
+
+    // Queue a frame on the device's current socket; false when it has none. Frames to one
+    // device go out in call order.
+    bool pushText(std::string_view device, std::string text);
+    bool pushBinary(std::string_view device, std::string bytes);
+    // Every text frame the device sent, in order, across all its sockets (up to 64 MiB per
+    // device; a flood past that is still reported to onSocketEvent but not kept). Binary frames
+    // are not kept (devices send none); onSocketEvent reports them too.
+    std::vector<std::string> framesFrom(std::string_view device) const;
+
+    bool connected(std::string_view device) const;
+    // Successful upgrades for the device, over the server's whole life.
+    std::size_t connectionsAccepted(std::string_view device) const;
+    // Block until the device is connected and has at least `minAccepted` upgrades behind it,
+    // or until the timeout; true on success.
+    bool waitForConnection(std::string_view device, std::chrono::milliseconds timeout,
+                           std::size_t minAccepted = 1) const;
+    // Block until framesFrom(device) holds at least `count` frames, or until the timeout.
+    bool waitForFrames(std::string_view device, std::size_t count,
+                       std::chrono::milliseconds timeout) const;
+
+    // Close the device's socket without a close frame, as a lost network would. The device
+    // counts as disconnected from the moment this returns.
+    void dropConnection(std::string_view device);
+    // Close the device's socket with a close handshake carrying `code`, after the frames
+    // already queued. Throws std::invalid_argument for a code that a close frame may not carry
+    // (only 1000-1003, 1007-1013 and 3000-4999 may).
+    void closeConnection(std::string_view device, int code);
+    // Upgrade requests in the coming `duration` get a 503 instead; zero ends the refusal.
+    // Sockets already open are left alone.
+    void refuseConnections(std::chrono::milliseconds duration);
 
   private:
     struct Impl;
