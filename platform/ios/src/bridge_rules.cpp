@@ -17,4 +17,17 @@ std::optional<VirelaEnvironment> customEnvironment(std::string_view absoluteUrl)
     return VirelaEnvironment::custom(*url);
 }
 
+SocketState socketStateOf(long taskState) noexcept {
+    switch (taskState) {
+        case task_state::running:
+            return SocketState::running;
+        case task_state::suspended:
+            return SocketState::suspended;
+        case task_state::canceling:
+            return SocketState::canceling;
+        default:
+            return SocketState::completed;
+    }
+}
+
 }  // namespace virela::ios

@@ -18,6 +18,7 @@ std::shared_ptr<const Platform> makePlatform() {
         return ios::makeSerialQueue(label);
     };
     platform->makePathMonitor = [] { return ios::makePathMonitor(); };
+    platform->makeSocket = &ios::makeSocket;
     return platform;
 }
 

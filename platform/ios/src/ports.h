@@ -11,6 +11,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/client/platform.hpp"
 #include "core/transport/http.hpp"
@@ -28,6 +29,11 @@ std::shared_ptr<Log> makeLog();
 std::shared_ptr<DeviceFacts> makeDeviceFacts();
 std::shared_ptr<PathMonitor> makePathMonitor();
 std::shared_ptr<AppLifecycle> makeAppLifecycle();
+// The socket factory: a WebSocket task in a URL session of its own, which the returned session
+// object invalidates when it is destroyed.
+SocketConnection makeSocket(const Url& url, const std::shared_ptr<SocketSession>& session,
+                            const std::vector<std::string>& protocols,
+                            std::weak_ptr<SocketDelegate> delegate);
 
 std::shared_ptr<const Platform> makePlatform();
 // Installs makePlatform() the first time it is called, unless a platform is already in place

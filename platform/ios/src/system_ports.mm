@@ -10,6 +10,8 @@
 #include <sys/utsname.h>
 
 #include <atomic>
+#include <mutex>
+#include <set>
 
 #include "platform/ios/src/ports.h"
 #include "platform/ios/src/strings.h"
@@ -255,6 +257,21 @@ class NotificationSubscription final : public Subscription {
     id<NSObject> token_;
 };
 
+// The background tasks we began and have not yet ended. The core may end a task both from a
+// send's completion and from its expiration handler; UIKit complains about a second end, so
+// ending is idempotent here, as on the headless platform.
+struct BackgroundTasks {
+    std::mutex mutex;
+    std::set<UIBackgroundTaskIdentifier> live;
+    UIApplication* _Nullable application = nil;
+
+    // The application to end `task` with, once; nil when it is not ours or already ended.
+    UIApplication* _Nullable take(UIBackgroundTaskIdentifier task) {
+        std::lock_guard lock(mutex);
+        return live.erase(task) > 0 ? application : nil;
+    }
+};
+
 class UIApplicationLifecycle final : public AppLifecycle {
   public:
     std::unique_ptr<Subscription> observe(AppEvent event, std::function<void()> handler) override {
@@ -272,20 +289,40 @@ class UIApplicationLifecycle final : public AppLifecycle {
     }
 
     BackgroundTaskId beginBackgroundTask(std::function<void()> expiration) override {
-        // UIKit calls the expiration handler on the main thread; the core ends the task there.
+        auto tasks = tasks_;
+        auto began =
+            std::make_shared<std::atomic<UIBackgroundTaskIdentifier>>(UIBackgroundTaskInvalid);
+        UIApplication* application = UIApplication.sharedApplication;
+        // UIKit calls the expiration handler on the main thread and ends the app if the task
+        // is still running when the handler returns, so end it here if the handler did not.
         const UIBackgroundTaskIdentifier task =
-            [UIApplication.sharedApplication beginBackgroundTaskWithExpirationHandler:^{
+            [application beginBackgroundTaskWithExpirationHandler:^{
               if (expiration) expiration();
+              const UIBackgroundTaskIdentifier identifier = began->load();
+              if (identifier == UIBackgroundTaskInvalid) return;
+              [tasks->take(identifier) endBackgroundTask:identifier];
             }];
         if (task == UIBackgroundTaskInvalid) return invalidBackgroundTask;
+        {
+            std::lock_guard lock(tasks->mutex);
+            tasks->application = application;
+            tasks->live.insert(task);
+        }
+        began->store(task);
         return static_cast<BackgroundTaskId>(task);
     }
 
+    // Safe from any thread: UIKit documents endBackgroundTask: as callable off the main thread,
+    // so a send's completion ends the task where it runs. Hopping to main instead could end it
+    // only after an expiration handler had already returned, which is too late.
     void endBackgroundTask(BackgroundTaskId task) override {
         if (task == invalidBackgroundTask) return;
-        [UIApplication.sharedApplication
-            endBackgroundTask:static_cast<UIBackgroundTaskIdentifier>(task)];
+        const auto identifier = static_cast<UIBackgroundTaskIdentifier>(task);
+        [tasks_->take(identifier) endBackgroundTask:identifier];
     }
+
+  private:
+    std::shared_ptr<BackgroundTasks> tasks_ = std::make_shared<BackgroundTasks>();
 };
 
 }  // namespace

@@ -46,5 +46,15 @@ TEST(IosCustomEnvironment, RefusesWhatRequestPathsCannotBeResolvedAgainst) {
     EXPECT_FALSE(customEnvironment("http://exa mple.com").has_value());
 }
 
+TEST(IosSocketState, FollowsTheTaskStateAndReadsAnUnknownOneAsCompleted) {
+    EXPECT_EQ(socketStateOf(task_state::running), SocketState::running);
+    EXPECT_EQ(socketStateOf(task_state::suspended), SocketState::suspended);
+    EXPECT_EQ(socketStateOf(task_state::canceling), SocketState::canceling);
+    EXPECT_EQ(socketStateOf(task_state::completed), SocketState::completed);
+    // Never running: the core would keep sending on it instead of opening a new socket.
+    EXPECT_EQ(socketStateOf(4), SocketState::completed);
+    EXPECT_EQ(socketStateOf(-1), SocketState::completed);
+}
+
 }  // namespace
 }  // namespace virela::ios
