@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <future>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -173,6 +175,74 @@ TEST_F(Integration, InstallIdentifierSurvivesARestartAndHealthIsReported) {
     auto health = backend.requests("/v1/sdk/devices/health");
     ASSERT_FALSE(health.empty());
     EXPECT_EQ(json::parse(health[0].body).size(), 8u);
+}
+
+class Channel : public Integration {
+  protected:
+    void SetUp() override {
+        Integration::SetUp();
+        runtime->runOnMain([&] { client->setCallbacks({.onDenied = [this] { ++denied; }}); });
+        ASSERT_EQ(configure(), nullptr);
+        deviceId = runtime->runOnMain([&] { return client->registration()->deviceId; });
+        ASSERT_TRUE(backend.waitForConnection(deviceId, std::chrono::seconds(5)));
+    }
+    std::string deviceId;
+    std::atomic<int> denied{0};
+};
+
+TEST_F(Channel, ConnectsWithTheCredentialOnlyAndSendsStateMessagesVerbatim) {
+    auto upgrade = backend.requests("/sdk/socket").at(0);
+    EXPECT_EQ(upgrade.method, "GET");
+    EXPECT_EQ(upgrade.header("Sec-WebSocket-Protocol"),
+              "virela.device." + backend.device(deviceId)->token);
+    EXPECT_FALSE(upgrade.header("X-Virela-Device"));
+    EXPECT_FALSE(upgrade.header("X-Virela-Key"));
+
+    runtime->lifecycle().enterBackground();
+    runtime->lifecycle().enterForeground();
+    ASSERT_TRUE(backend.waitForFrames(deviceId, 2, std::chrono::seconds(5)));
+    EXPECT_EQ(backend.framesFrom(deviceId),
+              (std::vector<std::string>{R"({"type":"state","state":"background"})",
+                                        R"({"type":"state","state":"foreground"})"}));
+    EXPECT_EQ(backend.connectionsAccepted(deviceId), 1u);
+}
+
+TEST_F(Channel, BadFramesAreDroppedWithoutClosingTheSocket) {
+    backend.pushText(deviceId, "{not json");
+    backend.pushBinary(deviceId, std::string("\x00\xff", 2));
+    backend.pushText(deviceId, R"({"type":"denied","payload":7})");
+    backend.pushText(deviceId, R"({"type":"denied","payload":{}})");
+    for (int i = 0; i < 500 && denied == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(denied, 1);
+    EXPECT_TRUE(backend.connected(deviceId));
+    EXPECT_EQ(backend.connectionsAccepted(deviceId), 1u);
+}
+
+TEST_F(Channel, ComesBackAfterADroppedConnectionAndABackendRestart) {
+    backend.dropConnection(deviceId);
+    ASSERT_TRUE(backend.waitForConnection(deviceId, std::chrono::seconds(5), 2));
+
+    const auto port = backend.port();
+    backend.stop();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // a retry or two fails
+    devserver::Options options;
+    options.port = port;
+    backend.start(options);
+    ASSERT_TRUE(backend.waitForConnection(deviceId, std::chrono::seconds(10), 3));
+    backend.pushText(deviceId, R"({"type":"denied","payload":{}})");
+    for (int i = 0; i < 500 && denied == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(denied, 1);
+
+    // After stop() nothing comes back.
+    runtime->runOnMain([&] { client->stop(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_FALSE(backend.connected(deviceId));
+    backend.stop();
+    backend.start(options);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    EXPECT_EQ(backend.connectionsAccepted(deviceId), 3u);
 }
 
 TEST_F(Integration, FacadeConfiguresInBothForms) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "core/transport/socket.hpp"
 #include "core/wire/push_records.hpp"
 
 namespace virela {
@@ -69,6 +70,26 @@ TEST(PushDecoding, DropsWhatDoesNotFitItsRecord) {
         "\xff\xfe",
     };
     for (const char* text : dropped) EXPECT_FALSE(decodePush(text)) << text;
+}
+
+TEST(CloseFrame, CodesThatOnlyDescribeACloseGoOutAsNormalClosure) {
+    for (int code : {1000, 1001, 1003, 1007, 1011, 1013, 3000, 4999}) {
+        EXPECT_EQ(closeCodeToSend(code), code) << code;
+    }
+    for (int code : {0, 999, 1004, 1005, 1006, 1014, 1015, 2999, 5000, -1}) {
+        EXPECT_EQ(closeCodeToSend(code), 1000) << code;
+    }
+}
+
+TEST(CloseFrame, AReasonIsCutToWhatFitsWithoutSplittingACharacter) {
+    EXPECT_EQ(closeReasonToSend("bye"), "bye");
+    EXPECT_EQ(closeReasonToSend(std::string(123, 'a')), std::string(123, 'a'));
+    EXPECT_EQ(closeReasonToSend(std::string(200, 'a')), std::string(123, 'a'));
+    // 122 ASCII bytes and a two-byte character: the character would straddle the limit.
+    EXPECT_EQ(closeReasonToSend(std::string(122, 'a') + "\xC3\xA9z"), std::string(122, 'a'));
+    // Ending exactly on the limit keeps the whole character.
+    EXPECT_EQ(closeReasonToSend(std::string(121, 'a') + "\xC3\xA9z"),
+              std::string(121, 'a') + "\xC3\xA9");
 }
 
 }  // namespace

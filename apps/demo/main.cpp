@@ -1,14 +1,17 @@
 // virela-demo: a support session seen from the customer's device, against the embedded local
 // backend (or any backend given with --base-url).
 
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <exception>
-#include <iostream>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <variant>
 
 #include "core/api/errors.hpp"
 #include "core/api/virela.hpp"
@@ -24,16 +27,20 @@ struct Arguments {
     std::optional<std::string> baseUrl;
     std::string key = "vk_demo_local";
     std::optional<std::string> stateDir;
+    std::optional<double> staySeconds;
 };
 
 void usage(std::FILE* out) {
     std::fputs(
-        "usage: virela-demo [--base-url URL] [--key KEY] [--state-dir DIR]\n"
+        "usage: virela-demo [--base-url URL] [--key KEY] [--state-dir DIR] [--stay SECONDS]\n"
         "\n"
-        "Without --base-url the demo starts the local backend on 127.0.0.1 and uses it.\n"
-        "  --base-url URL   the backend to talk to (http or https)\n"
-        "  --key KEY        the API key (default vk_demo_local, which the local backend accepts)\n"
-        "  --state-dir DIR  where the install identifier is kept (default ~/.local/state/virela)\n",
+        "Without --base-url the demo starts the local backend on 127.0.0.1, plays the agent's\n"
+        "side of a short session against it and stops. With --base-url it registers with that\n"
+        "backend and stays connected, printing every push it handles, until interrupted.\n"
+        "  --base-url URL    the backend to talk to (http or https)\n"
+        "  --key KEY         the API key (default vk_demo_local, which the local backend accepts)\n"
+        "  --state-dir DIR   where the install identifier is kept (default ~/.local/state/virela)\n"
+        "  --stay SECONDS    stay connected this long before stopping (0: until interrupted)\n",
         out);
 }
 
@@ -55,6 +62,11 @@ std::optional<Arguments> parse(int argc, char** argv) {
             args.key = *v;
         } else if (arg == "--state-dir" && (v = value())) {
             args.stateDir = *v;
+        } else if (arg == "--stay" && (v = value())) {
+            char* end = nullptr;
+            double seconds = std::strtod(v->c_str(), &end);
+            if (end == v->c_str() || *end != '\0' || !(seconds >= 0)) return std::nullopt;
+            args.staySeconds = seconds;
         } else {
             std::fprintf(stderr, "virela-demo: unexpected argument '%s'\n", arg.c_str());
             return std::nullopt;
@@ -63,18 +75,73 @@ std::optional<Arguments> parse(int argc, char** argv) {
     return args;
 }
 
-void printFailure(const char* what, const std::exception_ptr& error) {
+// Lines come from the main loop, the backend's thread and this one; keep them whole.
+std::mutex printMutex;
+template <class... Args>
+void say(const char* format, Args... args) {
+    std::lock_guard lock(printMutex);
+    std::printf(format, args...);
+    std::printf("\n");
+    std::fflush(stdout);
+}
+
+std::string failureText(const std::exception_ptr& error) {
     try {
         std::rethrow_exception(error);
     } catch (const virela::VirelaError& e) {
-        std::printf("%s failed: status %d, code %s, message %s\n", what, e.status(),
-                    e.code().c_str(), e.message().c_str());
+        return "status " + std::to_string(e.status()) + ", code " + e.code() + ", message " +
+               e.message();
     } catch (const virela::NetworkError& e) {
-        std::printf("%s failed: status 0, code %s, message %s\n", what, virela::toString(e.kind()),
-                    e.what());
+        return std::string("status 0, code ") + virela::toString(e.kind()) + ", message " +
+               e.what();
     } catch (const std::exception& e) {
-        std::printf("%s failed: status 0, code undecodable, message %s\n", what, e.what());
+        return std::string("status 0, code undecodable, message ") + e.what();
     }
+}
+
+std::string text(const std::optional<std::string>& value) {
+    return value ? *value : "-";
+}
+std::string number(const std::optional<double>& value) {
+    if (!value) return "-";
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, "%g", *value);
+    return buffer;
+}
+
+// One readable line per push the library handled.
+std::string describe(const virela::Push& push) {
+    using namespace virela;
+    struct Describe {
+        std::string operator()(const ConsentPush& p) const {
+            return "request " + p.requestId + " (" + rawValue(p.mode) + ") from " +
+                   text(p.agentName) + ", expires " + p.expiresAt;
+        }
+        std::string operator()(const CapturePush& p) const { return "request " + p.requestId; }
+        std::string operator()(const LivePush& p) const {
+            return "session " + p.sessionId + " " + rawValue(p.state) + ", generation " +
+                   text(p.generation);
+        }
+        std::string operator()(const LiveNotePush& p) const {
+            return "session " + p.sessionId + " " + rawValue(p.kind) + ", generation " +
+                   text(p.generation);
+        }
+        std::string operator()(const GuidePush& p) const {
+            return p.kind + " at (" + number(p.x) + ", " + number(p.y) + ")" +
+                   (p.text ? " \"" + *p.text + "\"" : "");
+        }
+        std::string operator()(const ControlPush& p) const {
+            return "session " + p.sessionId + " " + rawValue(p.state) + ", generation " +
+                   text(p.generation);
+        }
+        std::string operator()(const ControlInputPush& p) const {
+            return p.action + " at (" + number(p.x) + ", " + number(p.y) + ")";
+        }
+        std::string operator()(const SessionPush& p) const { return "state " + p.state; }
+        std::string operator()(const ExpiredPush&) const { return "the pending request expired"; }
+        std::string operator()(const DeniedPush&) const { return "the pending request was denied"; }
+    };
+    return std::string(pushType(push)) + ": " + std::visit(Describe{}, push);
 }
 
 // Waits until `ready` holds or the time is up; the facade's fire-and-forget calls give no
@@ -87,6 +154,56 @@ bool waitFor(Predicate ready, std::chrono::milliseconds limit = 10s) {
         std::this_thread::sleep_for(20ms);
     }
     return true;
+}
+
+std::atomic<bool> interrupted{false};
+extern "C" void onSignal(int) {
+    interrupted = true;
+}
+
+// The agent's side of a short session, played by the embedded backend.
+void playAgent(virela::devserver::Server& backend, virela::headless::Runtime& runtime,
+               const std::string& deviceId) {
+    say("agent: pushing a few actions");
+    const char* frames[] = {
+        R"({"type":"consent","payload":{"requestId":"req-1","mode":"AskEveryTime","consentCopy":"{company} would like to see your screen.","agentName":"Sam","workspaceName":"Acme Support","expiresAt":"2030-01-01T00:00:00Z"}})",
+        R"({"type":"expired","payload":{}})",
+        R"({"type":"live","payload":{"sessionId":"live-1","state":"requested","generation":"1"}})",
+        R"({"type":"guide","payload":{"sessionId":"live-1","kind":"label","x":0.5,"y":0.3,"text":"Tap Settings"}})",
+        R"({"type":"live-note","payload":{"sessionId":"live-1","kind":"frameSaved","generation":2}})",
+        R"({"type":"session","payload":{"state":"ended"}})",
+    };
+    std::size_t before = backend.framesFrom(deviceId).size();
+    for (const char* frame : frames) backend.pushText(deviceId, frame);
+    std::this_thread::sleep_for(300ms);
+    say("agent: (the live-note it also sent carries a numeric generation, so the library "
+        "dropped it)");
+
+    say("app: entering the background, then coming back");
+    runtime.lifecycle().enterBackground();
+    runtime.lifecycle().enterForeground();
+    backend.waitForFrames(deviceId, before + 2, 5s);
+    for (const auto& frame : backend.framesFrom(deviceId)) {
+        if (frame != "ping") say("agent: received %s", frame.c_str());
+    }
+
+    const auto port = backend.port();
+    say("agent: restarting the backend (down for 3 s)");
+    backend.stop();
+    std::this_thread::sleep_for(3s);
+    virela::devserver::Options options;
+    options.port = port;
+    options.onSocketEvent = [](const virela::devserver::SocketEvent& event) {
+        if (event.kind == virela::devserver::SocketEvent::Kind::connected) {
+            say("agent: device %s is connected again", event.deviceId.c_str());
+        }
+    };
+    backend.start(options);
+    if (!backend.waitForConnection(deviceId, 20s, backend.connectionsAccepted(deviceId) + 1)) {
+        say("agent: the device did not come back within 20 s");
+    }
+    backend.pushText(deviceId, R"({"type":"denied","payload":{}})");
+    std::this_thread::sleep_for(300ms);
 }
 
 }  // namespace
@@ -106,6 +223,8 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
 
     virela::headless::RuntimeOptions options;
     if (args->stateDir) options.stateDirectory = *args->stateDir;
@@ -114,56 +233,95 @@ int main(int argc, char** argv) {
     virela::headless::Runtime runtime(options);
 
     virela::devserver::Server backend;
-    if (!baseUrl) {
+    const bool embedded = !baseUrl;
+    if (embedded) {
         backend.start();
         baseUrl = backend.url();
-        std::printf("local backend listening on %s\n", baseUrl->c_str());
+        say("local backend listening on %s", baseUrl->c_str());
     }
 
     virela::Virela::on(virela::VirelaCallbacks{
-        .onError = [](const virela::VirelaErrorValue& e) { printFailure("request", e); },
+        .onDenied = [] { say("host: onDenied"); },
+        .onExpired = [] { say("host: onExpired"); },
+        .onError =
+            [](const virela::VirelaErrorValue& e) {
+                say("host: onError: %s", failureText(e).c_str());
+            },
+    });
+    auto client = virela::Virela::sharedClient();
+    runtime.runOnMain([&] {
+        client->setChannelEvents({
+            .onConnecting =
+                [](const virela::Url& url) { say("connecting to %s", url.str().c_str()); },
+            .onOpen = [] { say("connected"); },
+            .onLost =
+                [](std::exception_ptr e) {
+                    say("connection lost: %s", virela::describe(e).c_str());
+                },
+            .onReconnectScheduled =
+                [](double delay, int attempt) {
+                    say("reconnecting in %g s (attempt %d)", delay, attempt);
+                },
+            .onPush = [](const virela::Push& push) { say("push %s", describe(push).c_str()); },
+        });
     });
 
-    std::printf("configuring against %s\n", baseUrl->c_str());
+    say("configuring against %s", baseUrl->c_str());
     auto environment = virela::VirelaEnvironment::custom(*virela::Url::parse(*baseUrl));
     try {
         virela::Virela::configure(args->key, environment,
                                   virela::VirelaUser("demo-user-1", "Ana Demo"))
             .get();
     } catch (...) {
-        printFailure("configure", std::current_exception());
+        say("configure failed: %s", failureText(std::current_exception()).c_str());
         return 1;
     }
 
-    auto client = virela::Virela::sharedClient();
     auto registration = runtime.runOnMain([&] { return *client->registration(); });
     auto installId = runtime.runOnMain([&] { return client->installId(args->key); });
-    std::printf("registered: device %s (install %s, capture mode %s%s)\n",
-                registration.deviceId.c_str(), installId.c_str(),
-                virela::rawValue(registration.captureMode), registration.isTest ? ", test" : "");
+    say("registered: device %s (install %s, capture mode %s%s)", registration.deviceId.c_str(),
+        installId.c_str(), virela::rawValue(registration.captureMode),
+        registration.isTest ? ", test" : "");
     auto code = virela::Virela::supportCode();
-    std::printf("support code: %s\n", code ? code->c_str() : "(none)");
+    say("support code: %s", code ? code->c_str() : "(none)");
 
     virela::Virela::identify("demo-user-1", "Ana Demo", "+44 20 7946 0000");
-    if (backend.running()) {
+    if (embedded) {
         waitFor([&] {
             auto device = backend.device(registration.deviceId);
             return device && device->user;
         });
     }
-    std::printf("identified: demo-user-1 (Ana Demo)\n");
+    say("identified: demo-user-1 (Ana Demo)");
 
     virela::Virela::reset();
     bool changed = waitFor([&] { return virela::Virela::supportCode() != code; });
     auto fresh = virela::Virela::supportCode();
-    if (changed) {
-        std::printf("support code after reset: %s\n", fresh ? fresh->c_str() : "(none)");
-    } else {
-        std::printf("support code after reset: unchanged (%s)\n", fresh ? fresh->c_str() : "none");
+    say("support code after reset: %s%s", fresh ? fresh->c_str() : "(none)",
+        changed ? "" : " (unchanged)");
+
+    if (embedded) {
+        if (!backend.waitForConnection(registration.deviceId, 10s)) {
+            say("the device did not connect to the realtime channel");
+        }
+        playAgent(backend, runtime, registration.deviceId);
+    }
+
+    double stay = args->staySeconds.value_or(embedded ? -1 : 0);
+    if (stay >= 0) {
+        if (stay > 0) {
+            say("staying connected for %g s (Ctrl-C to stop)", stay);
+        } else {
+            say("staying connected; waiting for the agent (Ctrl-C to stop)");
+        }
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(stay);
+        while (!interrupted && (stay == 0 || std::chrono::steady_clock::now() < deadline)) {
+            std::this_thread::sleep_for(50ms);
+        }
     }
 
     virela::Virela::stop();
     runtime.runOnMain([] {});  // let stop() finish on the main thread
-    std::printf("stopped\n");
+    say("stopped");
     return 0;
 }

@@ -56,6 +56,12 @@ class SocketDelegate {
                                const std::optional<std::string>& protocol) = 0;
 };
 
+// What a close frame may carry: a code that only describes a close (1005, 1006, 1015) or lies
+// outside the ranges an endpoint may send goes out as 1000, and the reason is cut to 123 bytes
+// (a control frame's 125 less the code) without splitting a UTF-8 sequence.
+int closeCodeToSend(int code) noexcept;
+std::string closeReasonToSend(std::string reason);
+
 // The platform object that owns a socket (a URL session on iOS); opaque to core.
 class SocketSession {
   public:
