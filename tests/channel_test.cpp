@@ -137,6 +137,19 @@ TEST_F(ChannelTest, StopClosesNormallyAndBlocksEveryReconnect) {
     EXPECT_EQ(current().url.str(), "ws://backend.test/sdk/socket");
 }
 
+TEST_F(ChannelTest, ReconfiguringDropsARetryLeftFromBefore) {
+    failCurrent();
+    ASSERT_TRUE(client->reconnectPending());
+    fake.http->reply("/v1/sdk/devices", 200, kRegistered);
+    client->configure(*Url::parse("https://backend.test"), "k", std::nullopt, false,
+                      [](std::exception_ptr) {});
+    drain();
+    EXPECT_FALSE(client->reconnectPending());
+    clock->advance(60);
+    drain();
+    EXPECT_EQ(fake.sockets.size(), 2u);
+}
+
 TEST_F(ChannelTest, ForegroundSaysSoOnAnOpenSocketAndReconnectsOtherwise) {
     failCurrent();
     clock->advance(1);

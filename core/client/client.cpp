@@ -124,6 +124,9 @@ void VirelaClient::finishRegistration(std::uint64_t attempt, const SendResult& r
     transport_->setDeviceToken(registration.deviceToken);
     setRegistration(std::move(registration));
     installObservers();
+    // A retry left over from the previous registration would only replace the fresh socket.
+    if (reconnectWork_) reconnectWork_->cancel();
+    reconnectWork_.reset();
     connect();
     done(nullptr);
 }

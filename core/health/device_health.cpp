@@ -143,32 +143,30 @@ void DeviceHealth::collectNetwork(std::function<void(std::optional<std::string>)
     auto queue = platform_->makeSerialQueue("com.virela.deviceHealth.network");
     auto monitor = platform_->makePathMonitor();
     // Shared by the first update and the time-out, both on `queue`; whichever comes first
-    // answers, cancels the monitor and releases everything.
+    // answers and cancels the monitor. The pending time-out owns the probe and the monitor's
+    // handler only watches it, so nothing outlives the queue if it stops before an answer.
     struct Probe {
         ProbeState state;
         std::shared_ptr<PathMonitor> monitor;
-        std::unique_ptr<ScheduledWork> timeout;
         std::function<void(std::optional<std::string>)> done;
 
         void answer(std::optional<std::string> name) {
             if (state.resumed) return;
             state.resumed = true;
-            if (monitor) monitor->cancel();
-            if (timeout) timeout->cancel();
-            auto callback = std::move(done);
+            monitor->cancel();
             monitor.reset();
-            timeout.reset();
+            auto callback = std::move(done);
             callback(std::move(name));
         }
     };
     auto probe = std::make_shared<Probe>();
-    probe->monitor = monitor;
+    probe->monitor = std::move(monitor);
     probe->done = std::move(done);
-    queue->post([probe, queue, monitor] {
-        if (probe->state.resumed) return;
-        probe->timeout = queue->postAfter(1.0, [probe] { probe->answer(std::nullopt); });
-        monitor->start(
-            queue, [probe](const NetworkPath& path) { probe->answer(health::networkName(path)); });
+    queue->post([probe, queue] {
+        queue->postAfter(1.0, [probe] { probe->answer(std::nullopt); });
+        probe->monitor->start(queue, [weak = std::weak_ptr<Probe>(probe)](const NetworkPath& path) {
+            if (auto alive = weak.lock()) alive->answer(health::networkName(path));
+        });
     });
 }
 
