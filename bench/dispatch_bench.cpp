@@ -3,7 +3,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -11,30 +10,12 @@
 
 #include "core/client/client.hpp"
 #include "core/client/platform.hpp"
+#include "tests/support/queue_executor.hpp"
 
 namespace virela {
 namespace {
 
-class QueueExecutor final : public MainExecutor {
-  public:
-    void post(std::function<void()> work) override { queue.push_back(std::move(work)); }
-    std::unique_ptr<ScheduledWork> postAfter(double, std::function<void()>) override {
-        return nullptr;
-    }
-    std::unique_ptr<ScheduledWork> repeat(double, std::function<void()>) override {
-        return nullptr;
-    }
-    bool isCurrent() const override { return true; }
-    void postBackground(std::function<void()> work) override { post(std::move(work)); }
-    void drain() {
-        while (!queue.empty()) {
-            auto work = std::move(queue.front());
-            queue.pop_front();
-            work();
-        }
-    }
-    std::deque<std::function<void()>> queue;
-};
+using testing::QueueExecutor;
 
 struct CountingRouter final : PushRouter {
     std::size_t routed = 0;

@@ -26,6 +26,8 @@ namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
 using Kind = NetworkError::Kind;
+using detail::ConnectStep;
+using detail::describeConnectFailure;
 using detail::isToken;
 using detail::networkError;
 
@@ -283,28 +285,21 @@ void Exchange::onRead(Stream& stream, error_code ec) {
 void Exchange::fail(Phase phase, const error_code& ec) {
     if (finished_) return;
     if (phase == Phase::read && isMalformed(ec)) return finish({std::nullopt, nullptr});
-    Kind kind = Kind::other;
-    std::string action;
-    switch (phase) {
-        case Phase::resolve:
-            kind = Kind::cannotResolve;
-            action = "cannot resolve ";
-            break;
-        case Phase::connect:
-            if (ec == asio::error::connection_refused) kind = Kind::refused;
-            action = "cannot connect to ";
-            break;
-        case Phase::handshake:
-            kind = Kind::secureConnection;
-            action = "TLS handshake failed with ";
-            break;
-        case Phase::write:
-            action = "sending to ";
-            break;
-        case Phase::read:
-            action = "reading the response from ";
-            break;
-    }
+    auto [kind, action] = [&]() -> std::pair<Kind, std::string> {
+        switch (phase) {
+            case Phase::resolve:
+                return describeConnectFailure(ConnectStep::resolve, ec);
+            case Phase::connect:
+                return describeConnectFailure(ConnectStep::connect, ec);
+            case Phase::handshake:
+                return describeConnectFailure(ConnectStep::tls, ec);
+            case Phase::write:
+                return {Kind::other, "sending to "};
+            case Phase::read:
+                return {Kind::other, "reading the response from "};
+        }
+        return {Kind::other, "talking to "};
+    }();
     if (ec == asio::error::timed_out && phase != Phase::resolve) kind = Kind::timedOut;
     finish({std::nullopt, networkError(kind, action + where() + ": " + ec.message(), ec.value())});
 }

@@ -143,4 +143,19 @@ bool isToken(std::string_view text) {
     });
 }
 
+std::pair<NetworkError::Kind, std::string> describeConnectFailure(
+    ConnectStep step, const boost::system::error_code& ec) {
+    using Kind = NetworkError::Kind;
+    switch (step) {
+        case ConnectStep::resolve:
+            return {Kind::cannotResolve, "cannot resolve "};
+        case ConnectStep::connect:
+            return {ec == boost::asio::error::connection_refused ? Kind::refused : Kind::other,
+                    "cannot connect to "};
+        case ConnectStep::tls:
+            return {Kind::secureConnection, "TLS handshake failed with "};
+    }
+    return {Kind::other, "cannot connect to "};
+}
+
 }  // namespace virela::headless::detail

@@ -89,6 +89,14 @@ std::variant<Endpoint, std::string> endpointOf(const Url& url, std::string_view 
 
 std::exception_ptr networkError(NetworkError::Kind kind, const std::string& detail, long code);
 
+// The steps every connection takes before its own protocol starts.
+enum class ConnectStep { resolve, connect, tls };
+
+// How a failure at one of those steps is reported: its kind and the words that start the
+// message ("cannot connect to " ...).
+std::pair<NetworkError::Kind, std::string> describeConnectFailure(
+    ConnectStep step, const boost::system::error_code& ec);
+
 // Server name indication (for host names, never address literals) and peer verification, before
 // the TLS handshake.
 boost::system::error_code prepareTls(boost::beast::ssl_stream<boost::beast::tcp_stream>& stream,

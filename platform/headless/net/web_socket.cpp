@@ -31,6 +31,8 @@ namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
 using Kind = NetworkError::Kind;
+using detail::ConnectStep;
+using detail::describeConnectFailure;
 using detail::networkError;
 
 namespace {
@@ -418,25 +420,19 @@ void BeastWebSocket::Impl::abortConnect() {
 }
 
 void BeastWebSocket::Impl::fail(Phase phase, const error_code& ec) {
-    Kind kind = Kind::other;
-    std::string action;
-    switch (phase) {
-        case Phase::resolve:
-            kind = Kind::cannotResolve;
-            action = "cannot resolve ";
-            break;
-        case Phase::connect:
-            if (ec == asio::error::connection_refused) kind = Kind::refused;
-            action = "cannot connect to ";
-            break;
-        case Phase::secure:
-            kind = Kind::secureConnection;
-            action = "TLS handshake failed with ";
-            break;
-        case Phase::handshake:
-            action = "WebSocket handshake failed with ";
-            break;
-    }
+    auto [kind, action] = [&]() -> std::pair<Kind, std::string> {
+        switch (phase) {
+            case Phase::resolve:
+                return describeConnectFailure(ConnectStep::resolve, ec);
+            case Phase::connect:
+                return describeConnectFailure(ConnectStep::connect, ec);
+            case Phase::secure:
+                return describeConnectFailure(ConnectStep::tls, ec);
+            case Phase::handshake:
+                return {Kind::other, "WebSocket handshake failed with "};
+        }
+        return {Kind::other, "talking to "};
+    }();
     if (ec == asio::error::timed_out && phase != Phase::resolve) kind = Kind::timedOut;
     bool expired = false;
     {
