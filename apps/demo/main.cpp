@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -77,10 +78,12 @@ std::optional<Arguments> parse(int argc, char** argv) {
 
 // Lines come from the main loop, the backend's thread and this one; keep them whole.
 std::mutex printMutex;
-template <class... Args>
-void say(const char* format, Args... args) {
+__attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
     std::lock_guard lock(printMutex);
-    std::printf(format, args...);
+    va_list args;
+    va_start(args, format);
+    std::vprintf(format, args);
+    va_end(args);
     std::printf("\n");
     std::fflush(stdout);
 }
@@ -255,7 +258,7 @@ int main(int argc, char** argv) {
                 [](const virela::Url& url) { say("connecting to %s", url.str().c_str()); },
             .onOpen = [] { say("connected"); },
             .onLost =
-                [](std::exception_ptr e) {
+                [](const std::exception_ptr& e) {
                     say("connection lost: %s", virela::describe(e).c_str());
                 },
             .onReconnectScheduled =

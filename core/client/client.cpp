@@ -315,7 +315,7 @@ void VirelaClient::armReceive(const std::shared_ptr<VirelaSocket>& socket) {
 }
 
 void VirelaClient::handleReceived(const std::shared_ptr<VirelaSocket>& socket,
-                                  std::optional<Push> push, std::exception_ptr error) {
+                                  std::optional<Push> push, const std::exception_ptr& error) {
     // A replaced socket dies quietly: no routing, no re-arming, no reconnection.
     if (socket != socket_) return;
     if (error) {
@@ -419,7 +419,8 @@ void VirelaClient::startHeartbeat() {
 }
 
 void VirelaClient::sendText(std::string text) {
-    if (socket_) socket_->send(SocketMessage::text(std::move(text)), [](std::exception_ptr) {});
+    if (socket_)
+        socket_->send(SocketMessage::text(std::move(text)), [](const std::exception_ptr&) {});
 }
 
 void VirelaClient::socketDidOpen(const VirelaSocket& socket, const std::optional<std::string>&) {

@@ -43,7 +43,7 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient>, public S
 
     static std::shared_ptr<VirelaClient> create(std::shared_ptr<const Platform> platform,
                                                 Options options = {});
-    ~VirelaClient();
+    ~VirelaClient() override;
     VirelaClient(const VirelaClient&) = delete;
     VirelaClient& operator=(const VirelaClient&) = delete;
 
@@ -124,7 +124,7 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient>, public S
     void startNetworkWatch();
     void armReceive(const std::shared_ptr<VirelaSocket>& socket);
     void handleReceived(const std::shared_ptr<VirelaSocket>& socket, std::optional<Push> push,
-                        std::exception_ptr error);
+                        const std::exception_ptr& error);
     void route(Push push);
     void closePrompt();
     void dismissPrompt();

@@ -19,7 +19,7 @@ namespace websocket = boost::beast::websocket;
 namespace {
 
 // A larger message fails the socket with 1009; nothing a device sends comes near it.
-constexpr std::uint64_t kMessageLimit = 1024 * 1024;
+constexpr std::uint64_t kMessageLimit = std::uint64_t{1024} * 1024;
 // A peer that lets this much pile up unread is treated as gone rather than buffered for.
 constexpr std::size_t kQueueLimit = std::size_t{32} * 1024 * 1024;
 
