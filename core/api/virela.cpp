@@ -1,5 +1,7 @@
 #include "core/api/virela.hpp"
 
+#include "core/redaction/redaction_style.hpp"
+
 #include <mutex>
 
 #include "core/client/client.hpp"
@@ -83,6 +85,10 @@ void Virela::identify(std::string id, std::optional<std::string> name,
 
 void Virela::reset() {
     onMain([](VirelaClient& client) { client.reset(); });
+}
+
+void Virela::setRedactionStyle(VirelaRedaction style) {
+    setDefaultRedactionStyle(std::move(style));
 }
 
 std::optional<std::string> Virela::supportCode() {

@@ -37,6 +37,9 @@ class Virela {
                          std::optional<std::string> phone = std::nullopt);
     static void reset();
     static std::optional<std::string> supportCode();
+    // The style redacted views are painted with from now on. Views marked earlier keep the
+    // style they were marked with.
+    static void setRedactionStyle(VirelaRedaction style);
     static void stop();
 
     // The shared client, for platform bindings.

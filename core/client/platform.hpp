@@ -15,6 +15,9 @@
 namespace virela {
 
 class HttpClient;
+class HostInterface;
+class HostActions;
+class Renderer;
 
 // Platform-level delayed or repeating work. cancel() is idempotent.
 class ScheduledWork {
@@ -163,6 +166,10 @@ struct Platform {
     std::function<std::shared_ptr<SerialQueue>(const std::string& label)> makeSerialQueue;
     std::function<std::shared_ptr<PathMonitor>()> makePathMonitor;
     SocketFactory makeSocket;
+    // The host app's interface: reading it, acting on it, and drawing it into images.
+    std::shared_ptr<HostInterface> host;
+    std::shared_ptr<HostActions> actions;
+    std::shared_ptr<Renderer> renderer;
 };
 
 // The platform binding installs its ports once at start-up; the facade's shared client takes

@@ -3,6 +3,7 @@
 #import <Foundation/Foundation.h>
 
 #include "platform/ios/src/ports.h"
+#include "platform/ios/src/uikit_host.h"
 
 namespace virela::ios {
 
@@ -19,6 +20,10 @@ std::shared_ptr<const Platform> makePlatform() {
     };
     platform->makePathMonitor = [] { return ios::makePathMonitor(); };
     platform->makeSocket = &ios::makeSocket;
+    auto windows = std::make_shared<WindowHandles>();
+    platform->host = makeUIKitHost(windows);
+    platform->renderer = makeUIKitRenderer(windows);
+    // `actions` stays empty until remote input's adapter joins it.
     return platform;
 }
 

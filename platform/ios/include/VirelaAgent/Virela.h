@@ -1,4 +1,5 @@
 #import <Foundation/Foundation.h>
+#import <UIKit/UIKit.h>
 
 NS_ASSUME_NONNULL_BEGIN
 
@@ -188,6 +189,55 @@ NS_SWIFT_NAME(Virela)
 /// Closes the realtime channel and takes down anything on screen. The registration is kept;
 /// configure starts the client again.
 + (void)stop NS_SWIFT_NAME(stop());
+
+@end
+
+#pragma mark - Redaction
+
+/// How a redacted view is painted in captures and live sessions: a fill in `color` with `label`
+/// centred on it in `labelColor`.
+VIR_SENDABLE
+NS_SWIFT_NAME(VirelaRedaction)
+@interface VIRRedaction : NSObject
+
+- (instancetype)initWithColor:(UIColor*)color
+                        label:(NSString*)label
+                   labelColor:(UIColor*)labelColor
+    NS_SWIFT_NAME(init(color:label:labelColor:)) NS_DESIGNATED_INITIALIZER;
+- (instancetype)init NS_UNAVAILABLE;
++ (instancetype)new NS_UNAVAILABLE;
+
+@property(nonatomic, readonly) UIColor* color;
+@property(nonatomic, copy, readonly) NSString* label;
+@property(nonatomic, readonly) UIColor* labelColor;
+
+@end
+
+@interface VIRVirela (VirelaRedaction)
+
+/// Replaces the default redaction style (#E23B37 with "REDACTED" in white). It applies to views
+/// redacted from now on; views redacted earlier keep the style they were given. A colour without
+/// RGB components (a pattern image) leaves that colour of the current style in place. May be
+/// called from any thread.
++ (void)setRedactionStyle:(VIRRedaction*)style NS_SWIFT_NAME(setRedactionStyle(_:));
+
+@end
+
+/// Marks views whose content never leaves the device: captures and live sessions show the
+/// redaction style over them instead. Call on the main thread.
+@interface UIView (VirelaRedaction)
+
+/// YES while the view carries a redaction mark. Setting YES gives an unmarked view the current
+/// default style (a marked view keeps its style); setting NO removes the mark.
+@property(nonatomic, setter=setVirelaRedacted:)
+    BOOL isVirelaRedacted NS_SWIFT_NAME(isVirelaRedacted);
+
+/// Marks the view with its own style; each nil value is taken from the current default style.
+/// Replaces any earlier mark.
+- (void)virelaRedactWithColor:(nullable UIColor*)color
+                        label:(nullable NSString*)label
+                   labelColor:(nullable UIColor*)labelColor
+    NS_SWIFT_NAME(virelaRedact(color:label:labelColor:));
 
 @end
 

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "core/api/records.hpp"
+
+namespace virela {
+
+// What the host attaches to a view to have it painted over: the style is copied in when the
+// mark is made, so a later change of the default style leaves existing marks as they are.
+struct RedactionMark {
+    VirelaRedaction style;
+};
+
+// The process-wide default style: #E23B37 with "REDACTED" in white until the host replaces it.
+VirelaRedaction defaultRedactionStyle();
+void setDefaultRedactionStyle(VirelaRedaction style);
+
+// The mark for `isVirelaRedacted = true`: a copy of the current default style.
+std::shared_ptr<const RedactionMark> makeRedactionMark();
+// The mark for `virelaRedact(color:label:labelColor:)`: each absent value from the default.
+std::shared_ptr<const RedactionMark> makeRedactionMark(std::optional<Color> color,
+                                                       std::optional<std::string> label,
+                                                       std::optional<Color> labelColor);
+
+}  // namespace virela

@@ -1,0 +1,251 @@
+#include "core/redaction/redaction_walk.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace virela {
+namespace {
+
+constexpr double minimumViewAlpha = 0.01;
+constexpr double opaqueAlpha = 0.99;
+constexpr double growth = 0.5;
+constexpr double huge = 1e15;
+
+const Rect unclipped{-huge / 2, -huge / 2, huge, huge};
+
+Rect finiteOrNull(const Rect& r) noexcept {
+    return r.isFinite() ? r : Rect::null();
+}
+
+// A view can only hide a redaction where it is actually drawn: inside every clipping ancestor.
+Rect clipped(const Rect& r, const Rect& clip) noexcept {
+    const Rect c = r.intersection(clip);
+    return c.isEmpty() ? Rect::null() : c;
+}
+
+}  // namespace
+
+const VirelaRedaction* redactionStyleFor(const RedactionMark* mark,
+                                         std::string_view accessibilityIdentifier,
+                                         bool secureTextField,
+                                         const VirelaRedaction& defaultStyle) noexcept {
+    if (mark) return &mark->style;
+    if (accessibilityIdentifier.find("virela-redact") != std::string_view::npos) {
+        return &defaultStyle;
+    }
+    if (secureTextField) return &defaultStyle;
+    return nullptr;
+}
+
+const std::vector<Redaction>& RedactionFinder::find(HostInterface& host,
+                                                    const WindowFacts& window) {
+    defaultStyle_ = defaultRedactionStyle();
+    windowBounds_ = finiteOrNull(window.bounds);
+    order_ = 0;
+    chain_.clear();
+    occluders_.clear();
+    pending_.clear();
+    found_.clear();
+    redacting_ = false;
+    host.walkViews(window.handle, *this);
+    if (redacting_) finishRedaction();
+    applyOcclusion();
+    return kept_;
+}
+
+bool RedactionFinder::visit(const ViewFacts& view) {
+    if (view.depth > chain_.size()) {
+        throw HostReadError("the view tree was reported out of order");
+    }
+    chain_.resize(view.depth);
+    if (redacting_ && view.depth <= redactingDepth_) finishRedaction();
+
+    if (view.hidden || view.alpha < minimumViewAlpha || !std::isfinite(view.alpha)) return false;
+
+    const Rect visible = finiteOrNull(view.frame).unionWith(finiteOrNull(view.presentation));
+    const Ancestor parent = chain_.empty() ? Ancestor{unclipped, false, 1} : chain_.back();
+    const std::uint32_t order = order_++;
+    const bool animating = parent.animating || view.animating;
+    const double alpha = parent.alpha * view.alpha;
+    const Rect clip = view.clipsToBounds ? parent.clip.intersection(visible) : parent.clip;
+    chain_.push_back({clip.isNull() ? Rect{0, 0, 0, 0} : clip, animating, alpha});
+
+    if (redacting_) {
+        // Content of a redacted view is covered wherever it is drawn, even where a subview
+        // reaches outside its parent's rectangle.
+        const Rect drawn = clipped(visible, parent.clip);
+        if (!drawn.isNull()) redactingRect_ = redactingRect_.unionWith(drawn);
+        return true;
+    }
+
+    const VirelaRedaction* style = redactionStyleFor(view.mark, view.accessibilityIdentifier,
+                                                     view.secureTextField, defaultStyle_);
+    if (!style) {
+        if (alpha > opaqueAlpha && view.backgroundAlpha > opaqueAlpha && !animating) {
+            const Rect drawn = clipped(visible, parent.clip);
+            if (!drawn.isNull()) occluders_.push_back({drawn, order});
+        }
+        return true;
+    }
+    redacting_ = true;
+    redactingDepth_ = view.depth;
+    redactingOrder_ = order;
+    redactingClip_ = parent.clip;
+    redactingRect_ = visible;
+    redactingView_ = view.handle;
+    redactingStyle_ = *style;  // the mark is only valid during this call
+    return true;
+}
+
+void RedactionFinder::finishRedaction() {
+    redacting_ = false;
+    // Scrolled or clipped out of sight, or outside the window: nothing to paint.
+    Rect rect = redactingRect_.intersection(redactingClip_);
+    if (rect.isEmpty()) return;
+    rect = rect.intersection(windowBounds_);
+    if (rect.isEmpty()) return;
+    if (found_.size() <= pending_.size()) found_.emplace_back();
+    Redaction& r = found_[pending_.size()];
+    r.view = redactingView_;
+    r.rect = rect;
+    r.style = redactingStyle_;
+    pending_.push_back({rect, redactingOrder_, static_cast<std::uint32_t>(pending_.size())});
+}
+
+void RedactionFinder::buildOccluderGrid() {
+    // About four occluders per cell, at most 64 × 64 cells.
+    const auto side = static_cast<int>(
+        std::clamp(std::ceil(std::sqrt(static_cast<double>(occluders_.size()) / 4)), 1.0, 64.0));
+    gridColumns_ = side;
+    gridRows_ = side;
+    cellWidth_ = std::max(windowBounds_.width / side, 1.0);
+    cellHeight_ = std::max(windowBounds_.height / side, 1.0);
+    const auto cells = static_cast<std::size_t>(side * side);
+    cellStart_.assign(cells + 1, 0);
+    auto span = [&](const Rect& r, int& c0, int& c1, int& r0, int& r1) {
+        auto cell = [](double v, double origin, double size, int count) {
+            return std::clamp(static_cast<int>(std::floor((v - origin) / size)), 0, count - 1);
+        };
+        c0 = cell(r.minX(), windowBounds_.x, cellWidth_, gridColumns_);
+        c1 = cell(r.maxX(), windowBounds_.x, cellWidth_, gridColumns_);
+        r0 = cell(r.minY(), windowBounds_.y, cellHeight_, gridRows_);
+        r1 = cell(r.maxY(), windowBounds_.y, cellHeight_, gridRows_);
+    };
+    for (const auto& o : occluders_) {
+        int c0, c1, r0, r1;
+        span(o.rect, c0, c1, r0, r1);
+        for (int row = r0; row <= r1; ++row) {
+            for (int col = c0; col <= c1; ++col) ++cellStart_[row * side + col + 1];
+        }
+    }
+    for (std::size_t i = 1; i <= cells; ++i) cellStart_[i] += cellStart_[i - 1];
+    cellItems_.resize(cellStart_[cells]);
+    std::vector<std::uint32_t>& fill = nearby_;  // reused as per-cell write cursors
+    fill.assign(cellStart_.begin(), cellStart_.end() - 1);
+    for (std::uint32_t i = 0; i < occluders_.size(); ++i) {
+        int c0, c1, r0, r1;
+        span(occluders_[i].rect, c0, c1, r0, r1);
+        for (int row = r0; row <= r1; ++row) {
+            for (int col = c0; col <= c1; ++col) cellItems_[fill[row * side + col]++] = i;
+        }
+    }
+}
+
+namespace {
+
+enum class Cover { none, partial, whole };
+
+// Removes from `uncovered` (what is left of the redacted rectangle) the band that `o` covers
+// along one edge, and trims `paint` the same way. Comparisons are exact against what is left,
+// so a band is only removed where `o` really lies over every point of it.
+Cover removeBand(const Rect& o, Rect& uncovered, Rect& paint) {
+    const bool fullWidth = o.minX() <= uncovered.minX() && o.maxX() >= uncovered.maxX();
+    const bool fullHeight = o.minY() <= uncovered.minY() && o.maxY() >= uncovered.maxY();
+    if (fullWidth && fullHeight) return Cover::whole;
+    if (fullWidth && o.minY() <= uncovered.minY() && o.maxY() > uncovered.minY()) {
+        const double edge = o.maxY();
+        uncovered = Rect::make(uncovered.x, edge, uncovered.width, uncovered.maxY() - edge);
+        paint = Rect::make(paint.x, edge, paint.width, paint.maxY() - edge);
+        return Cover::partial;
+    }
+    if (fullWidth && o.maxY() >= uncovered.maxY() && o.minY() < uncovered.maxY()) {
+        const double edge = o.minY();
+        uncovered = Rect::make(uncovered.x, uncovered.y, uncovered.width, edge - uncovered.y);
+        paint = Rect::make(paint.x, paint.y, paint.width, edge - paint.y);
+        return Cover::partial;
+    }
+    if (fullHeight && o.minX() <= uncovered.minX() && o.maxX() > uncovered.minX()) {
+        const double edge = o.maxX();
+        uncovered = Rect::make(edge, uncovered.y, uncovered.maxX() - edge, uncovered.height);
+        paint = Rect::make(edge, paint.y, paint.maxX() - edge, paint.height);
+        return Cover::partial;
+    }
+    if (fullHeight && o.maxX() >= uncovered.maxX() && o.minX() < uncovered.maxX()) {
+        const double edge = o.minX();
+        uncovered = Rect::make(uncovered.x, uncovered.y, edge - uncovered.x, uncovered.height);
+        paint = Rect::make(paint.x, paint.y, edge - paint.x, paint.height);
+        return Cover::partial;
+    }
+    return Cover::none;
+}
+
+}  // namespace
+
+void RedactionFinder::applyOcclusion() {
+    kept_.clear();
+    if (pending_.empty()) return;
+    // Few pairs: compare directly. Many: only the occluders that share a grid cell.
+    const bool useGrid = !windowBounds_.isEmpty() && occluders_.size() * pending_.size() > 4096;
+    if (useGrid) buildOccluderGrid();
+
+    for (const Pending& p : pending_) {
+        const Rect grown = p.rect.insetBy(-growth, -growth);
+        Rect uncovered = p.rect;
+        Rect paint = grown;
+        bool whole = false;
+        auto consider = [&](const Occluder& o) {
+            if (o.order <= p.order || grown.contains(o.rect) || !o.rect.intersects(uncovered)) {
+                return;
+            }
+            if (removeBand(o.rect, uncovered, paint) == Cover::whole) whole = true;
+        };
+        if (!useGrid) {
+            for (const Occluder& o : occluders_) {
+                consider(o);
+                if (whole || uncovered.isEmpty()) break;
+            }
+        } else {
+            nearby_.clear();
+            auto cell = [](double v, double origin, double size, int count) {
+                return std::clamp(static_cast<int>(std::floor((v - origin) / size)), 0, count - 1);
+            };
+            const int c0 = cell(grown.minX(), windowBounds_.x, cellWidth_, gridColumns_);
+            const int c1 = cell(grown.maxX(), windowBounds_.x, cellWidth_, gridColumns_);
+            const int r0 = cell(grown.minY(), windowBounds_.y, cellHeight_, gridRows_);
+            const int r1 = cell(grown.maxY(), windowBounds_.y, cellHeight_, gridRows_);
+            for (int row = r0; row <= r1; ++row) {
+                for (int col = c0; col <= c1; ++col) {
+                    const auto c = static_cast<std::size_t>(row * gridColumns_ + col);
+                    for (auto i = cellStart_[c]; i < cellStart_[c + 1]; ++i) {
+                        const auto index = cellItems_[i];
+                        if (occluders_[index].order > p.order) nearby_.push_back(index);
+                    }
+                }
+            }
+            // Occluders are stored in visit order, so sorted indices keep that order.
+            std::sort(nearby_.begin(), nearby_.end());
+            nearby_.erase(std::unique(nearby_.begin(), nearby_.end()), nearby_.end());
+            for (auto index : nearby_) {
+                consider(occluders_[index]);
+                if (whole || uncovered.isEmpty()) break;
+            }
+        }
+        if (whole || uncovered.isEmpty() || paint.isEmpty()) continue;
+        Redaction& r = found_[p.redaction];
+        r.rect = paint;
+        kept_.push_back(r);
+    }
+}
+
+}  // namespace virela
