@@ -8,14 +8,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <variant>
 
+#include "apps/demo/sample_screen.hpp"
 #include "core/api/errors.hpp"
 #include "core/api/virela.hpp"
+#include "core/capture/capture.hpp"
 #include "core/client/client.hpp"
 #include "platform/headless/runtime.hpp"
 #include "tools/devserver/server.hpp"
@@ -29,11 +33,13 @@ struct Arguments {
     std::string key = "vk_demo_local";
     std::optional<std::string> stateDir;
     std::optional<double> staySeconds;
+    std::string outDir = "virela-captures";
 };
 
 void usage(std::FILE* out) {
     std::fputs(
         "usage: virela-demo [--base-url URL] [--key KEY] [--state-dir DIR] [--stay SECONDS]\n"
+        "                   [--out DIR]\n"
         "\n"
         "Without --base-url the demo starts the local backend on 127.0.0.1, plays the agent's\n"
         "side of a short session against it and stops. With --base-url it registers with that\n"
@@ -41,7 +47,9 @@ void usage(std::FILE* out) {
         "  --base-url URL    the backend to talk to (http or https)\n"
         "  --key KEY         the API key (default vk_demo_local, which the local backend accepts)\n"
         "  --state-dir DIR   where the install identifier is kept (default ~/.local/state/virela)\n"
-        "  --stay SECONDS    stay connected this long before stopping (0: until interrupted)\n",
+        "  --stay SECONDS    stay connected this long before stopping (0: until interrupted)\n"
+        "  --out DIR         where captures of the sample screen are written (default\n"
+        "                    ./virela-captures)\n",
         out);
 }
 
@@ -63,6 +71,8 @@ std::optional<Arguments> parse(int argc, char** argv) {
             args.key = *v;
         } else if (arg == "--state-dir" && (v = value())) {
             args.stateDir = *v;
+        } else if (arg == "--out" && (v = value())) {
+            args.outDir = *v;
         } else if (arg == "--stay" && (v = value())) {
             char* end = nullptr;
             double seconds = std::strtod(v->c_str(), &end);
@@ -211,6 +221,43 @@ void playAgent(virela::devserver::Server& backend, virela::headless::Runtime& ru
 
 }  // namespace
 
+// Shows the sample screen and captures it as the agent will receive it: a PNG screenshot and a
+// JPEG live frame, with every sensitive view painted over.
+demo::SampleScreen captureSampleScreen(virela::headless::Runtime& runtime,
+                                       const std::filesystem::path& outDir) {
+    return runtime.runOnMain([&] {
+        auto screen = demo::showSampleScreen(*runtime.host());
+        say("app: showing the checkout screen (a password, a card number and a security code "
+            "are sensitive)");
+        virela::ScreenCapture capture(virela::WindowRegistry::shared(),
+                                      runtime.platform()->renderer, runtime.platform()->log);
+        std::error_code error;
+        std::filesystem::create_directories(outDir, error);
+        for (const bool live : {false, true}) {
+            const auto path = outDir / (live ? "live-frame.jpg" : "screenshot.png");
+            try {
+                const auto bytes = capture.capture(live);
+                std::size_t boxes = 0;
+                for (const auto& step : capture.lastPlan().steps) {
+                    boxes += step.kind == virela::CaptureStep::Kind::paintRedaction;
+                }
+                std::ofstream file(path, std::ios::binary);
+                file.write(reinterpret_cast<const char*>(bytes.data()),
+                           static_cast<std::streamsize>(bytes.size()));
+                if (!file) {
+                    say("app: could not write %s", path.c_str());
+                    continue;
+                }
+                say("app: %s with %zu redaction boxes written to %s (%zu bytes)",
+                    live ? "live frame" : "screenshot", boxes, path.c_str(), bytes.size());
+            } catch (...) {
+                say("app: capture failed: %s", failureText(std::current_exception()).c_str());
+            }
+        }
+        return screen;
+    });
+}
+
 int main(int argc, char** argv) {
     auto args = parse(argc, argv);
     if (!args) {
@@ -302,6 +349,8 @@ int main(int argc, char** argv) {
     auto fresh = virela::Virela::supportCode();
     say("support code after reset: %s%s", fresh ? fresh->c_str() : "(none)",
         changed ? "" : " (unchanged)");
+
+    const auto screen = captureSampleScreen(runtime, args->outDir);
 
     if (embedded) {
         if (!backend.waitForConnection(registration.deviceId, 10s)) {

@@ -2,6 +2,7 @@
 
 #include "platform/headless/key_value_store.hpp"
 #include "platform/headless/path_monitor.hpp"
+#include "platform/headless/render/renderer.hpp"
 #include "platform/headless/stderr_log.hpp"
 
 namespace virela::headless {
@@ -38,6 +39,10 @@ Runtime::Runtime(RuntimeOptions options)
         return std::make_shared<InterfacePathMonitor>();
     };
     platform->makeSocket = beastSocketFactory(http_, options.webSocket);
+    host_ = std::make_shared<HeadlessHost>();
+    platform->host = host_;
+    platform->actions = host_;
+    platform->renderer = std::make_shared<HeadlessRenderer>();
     platform_ = std::move(platform);
     if (options.install) installPlatform(platform_);
 }

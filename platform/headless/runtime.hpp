@@ -13,6 +13,7 @@
 #include "core/client/platform.hpp"
 #include "platform/headless/device_facts.hpp"
 #include "platform/headless/executors.hpp"
+#include "platform/headless/host/headless_host.hpp"
 #include "platform/headless/http_client.hpp"
 #include "platform/headless/lifecycle.hpp"
 #include "platform/headless/web_socket.hpp"
@@ -51,6 +52,8 @@ class Runtime {
     const std::shared_ptr<BeastHttpClient>& http() const { return http_; }
     const std::shared_ptr<KeyValueStore>& defaults() const { return defaults_; }
     std::shared_ptr<const Platform> platform() const { return platform_; }
+    // The app's interface: scenes, windows and views. Touch it on the main thread only.
+    const std::shared_ptr<HeadlessHost>& host() const { return host_; }
 
     // Runs `fn` on the main thread and waits for its result (or rethrows its exception). Called
     // on the main thread it simply runs `fn`. Throws std::future_error if the main loop has
@@ -73,6 +76,7 @@ class Runtime {
     std::shared_ptr<BeastHttpClient> http_;
     std::shared_ptr<KeyValueStore> defaults_;
     std::shared_ptr<HeadlessLifecycle> lifecycle_;
+    std::shared_ptr<HeadlessHost> host_;
     std::shared_ptr<const Platform> platform_;
 };
 

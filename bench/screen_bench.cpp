@@ -1,0 +1,111 @@
+// The cost of what runs about three times a second on the main thread while a screen is
+// shared: finding the redacted views of a window, and a whole capture (walk, draw, paint,
+// encode) of a phone-sized screen.
+
+#include <benchmark/benchmark.h>
+
+#include <random>
+
+#include "core/capture/capture.hpp"
+#include "platform/headless/host/builder.hpp"
+#include "platform/headless/render/renderer.hpp"
+
+namespace {
+
+using namespace virela;
+using namespace virela::headless;
+
+class NullLog final : public Log {
+  public:
+    void write(LogLevel, std::string_view) override {}
+};
+
+// A screen of `views` views: nested containers with fan-out of about six, a third of them with
+// an opaque background, `redacted` of them marked (spread evenly through the tree).
+struct GeneratedScreen {
+    std::shared_ptr<HeadlessHost> host = std::make_shared<HeadlessHost>();
+    std::shared_ptr<Window> window;
+
+    GeneratedScreen(int views, int redacted) {
+        window = makeAppWindow(*host, {390, 844});
+        std::mt19937 rng(7);
+        std::uniform_real_distribution<double> unit(0, 1);
+        std::vector<View*> parents{window.get()};
+        const int every = redacted > 0 ? views / redacted : views + 1;
+        for (int i = 0; i < views; ++i) {
+            View* parent = parents[static_cast<std::size_t>(i / 6) % parents.size()];
+            const Rect area = parent->bounds();
+            const double w = std::max(4.0, area.width * (0.2 + 0.6 * unit(rng)));
+            const double h = std::max(4.0, area.height * (0.1 + 0.4 * unit(rng)));
+            auto v = add(*parent,
+                         view({(area.width - w) * unit(rng), (area.height - h) * unit(rng), w, h}));
+            if (unit(rng) < 0.33) v->background = rgb(0xE5E1D4);
+            v->clipsToBounds = unit(rng) < 0.2;
+            if (i % every == every / 2) v->setVirelaRedacted(true);
+            parents.push_back(v.get());
+        }
+    }
+};
+
+void redactionWalk(benchmark::State& state) {
+    const auto views = static_cast<int>(state.range(0));
+    GeneratedScreen screen(views, views / 100);
+    const WindowFacts window = *screen.host->readWindow(screen.window->handle());
+    RedactionFinder finder;
+    std::size_t found = 0;
+    for (auto _ : state) {
+        found = finder.find(*screen.host, window).size();
+        benchmark::DoNotOptimize(found);
+    }
+    state.counters["found"] = static_cast<double>(found);
+    state.SetComplexityN(views);
+}
+BENCHMARK(redactionWalk)
+    ->Arg(1000)
+    ->Arg(3000)
+    ->Arg(10000)
+    ->Arg(30000)
+    ->Complexity(benchmark::oN)
+    ->Unit(benchmark::kMicrosecond);
+
+// A realistic 390 × 844 screen: a list of cards with labels and fields, a few redacted.
+struct PhoneScreen {
+    std::shared_ptr<HeadlessHost> host = std::make_shared<HeadlessHost>();
+    std::shared_ptr<Window> window = makeAppWindow(*host, {390, 844}, rgb(0xF3F0E6));
+    WindowRegistry registry{host};
+    ScreenCapture capture{registry, std::make_shared<HeadlessRenderer>(),
+                          std::make_shared<NullLog>()};
+
+    PhoneScreen() {
+        add(*window, label({16, 56, 358, 32}, "Payment details"));
+        auto list = add(*window, scrollView({0, 100, 390, 690}, {390, 2400}));
+        for (int row = 0; row < 12; ++row) {
+            auto card = add(*list, view({16, 12.0 + row * 96, 358, 84}, rgb(0xFFFFFF)));
+            card->borderColor = rgb(0xE5E1D4);
+            card->borderWidth = 1;
+            add(*card, label({12, 8, 200, 20}, "Account " + std::to_string(row + 1)));
+            auto field =
+                add(*card, textField({12, 36, 334, 36}, "4111 1111 1111 1111", row % 4 == 0));
+            if (row % 3 == 1) field->setVirelaRedacted(true);
+        }
+        add(*window, button({16, 796, 358, 40}, "Pay now"));
+    }
+};
+
+void stillCapture(benchmark::State& state) {
+    PhoneScreen screen;
+    std::size_t bytes = 0;
+    for (auto _ : state) bytes = screen.capture.capture(false).size();
+    state.counters["bytes"] = static_cast<double>(bytes);
+}
+BENCHMARK(stillCapture)->Unit(benchmark::kMillisecond);
+
+void liveFrame(benchmark::State& state) {
+    PhoneScreen screen;
+    std::size_t bytes = 0;
+    for (auto _ : state) bytes = screen.capture.capture(true).size();
+    state.counters["bytes"] = static_cast<double>(bytes);
+}
+BENCHMARK(liveFrame)->Unit(benchmark::kMillisecond);
+
+}  // namespace
