@@ -62,8 +62,7 @@ void drawLabel(CGContextRef context, CGRect rect, const VirelaRedaction& style) 
 
 class UIKitRenderer final : public Renderer {
   public:
-    explicit UIKitRenderer(std::shared_ptr<WindowHandles> windows)
-        : windows_(std::move(windows)) {}
+    explicit UIKitRenderer(std::shared_ptr<WindowHandles> windows) : windows_(std::move(windows)) {}
 
     std::vector<std::uint8_t> render(const CapturePlan& plan) override {
         std::vector<std::uint8_t> bytes;
@@ -123,7 +122,13 @@ class UIKitRenderer final : public Renderer {
                     // punch a hole through to a transparent background.
                     CGContextSetBlendMode(context, kCGBlendModeNormal);
                     CGContextSetFillColorWithColor(context, toUIColor(step.style.color).CGColor);
-                    CGContextFillRect(context, rect);
+                    // Whole device pixels, rounded outward and without antialiasing: an edge
+                    // pixel blended half and half would let a sensitive view's colour through.
+                    const CGRect pixels =
+                        CGRectIntegral(CGContextConvertRectToDeviceSpace(context, rect));
+                    CGContextSetShouldAntialias(context, false);
+                    CGContextFillRect(context, CGContextConvertRectToUserSpace(context, pixels));
+                    CGContextSetShouldAntialias(context, true);  // smooth label text
                     drawLabel(context, rect, step.style);
                     CGContextRestoreGState(context);
                     return true;
