@@ -143,20 +143,14 @@ struct PhoneScreen {
     }
 };
 
-void stillCapture(benchmark::State& state) {
+// Walk, draw, paint and encode: PNG for a still, JPEG for a live frame.
+void capture(benchmark::State& state, bool live) {
     PhoneScreen screen;
     std::size_t bytes = 0;
-    for (auto _ : state) bytes = screen.capture.capture(false).size();
+    for (auto _ : state) bytes = screen.capture.capture(live).size();
     state.counters["bytes"] = static_cast<double>(bytes);
 }
-BENCHMARK(stillCapture)->Unit(benchmark::kMillisecond);
-
-void liveFrame(benchmark::State& state) {
-    PhoneScreen screen;
-    std::size_t bytes = 0;
-    for (auto _ : state) bytes = screen.capture.capture(true).size();
-    state.counters["bytes"] = static_cast<double>(bytes);
-}
-BENCHMARK(liveFrame)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(capture, still, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(capture, liveFrame, true)->Unit(benchmark::kMillisecond);
 
 }  // namespace

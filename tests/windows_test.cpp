@@ -100,8 +100,10 @@ TEST_F(Windows, ListsFilterAndOrderWindows) {
     auto alert = addWindow(*app, 2000);
     auto peer = addWindow(*app, 0);
 
+    std::vector<SceneFacts> scenes;
+    host->readScenes(scenes);
     std::vector<WindowFacts> drawn;
-    captureWindowList(registry, *host->readWindow(app->handle()), drawn);
+    captureWindowList(registry, *host->readWindow(app->handle()), scenes, drawn);
     EXPECT_EQ(handles(drawn), (std::vector<HostHandle>{app->handle(), barely->handle(),
                                                        peer->handle(), alert->handle()}));
 

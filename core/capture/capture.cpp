@@ -28,7 +28,7 @@ ScreenCapture::ScreenCapture(WindowRegistry& registry, std::shared_ptr<Renderer>
     : registry_(registry), renderer_(std::move(renderer)), log_(std::move(log)) {}
 
 void ScreenCapture::prepare(const WindowFacts& captureWindow, bool live) {
-    captureWindowList(registry_, captureWindow, windows_);
+    captureWindowList(registry_, captureWindow, scenes_, windows_);
     plan_.bounds = captureWindow.bounds;
     plan_.scale = captureScale(captureWindow.bounds, live);
     plan_.jpeg = live;
@@ -49,7 +49,8 @@ void ScreenCapture::prepare(const WindowFacts& captureWindow, bool live) {
 }
 
 std::vector<std::uint8_t> ScreenCapture::capture(bool live) {
-    const auto captureWindow = findCaptureWindow(registry_.host());
+    registry_.host().readScenes(scenes_);
+    const auto captureWindow = findCaptureWindow(registry_.host(), scenes_);
     if (!captureWindow || captureWindow->bounds.isEmpty()) throw noWindow();
     std::vector<std::uint8_t> bytes;
     try {
@@ -59,14 +60,9 @@ std::vector<std::uint8_t> ScreenCapture::capture(bool live) {
         bytes = renderer_->render(plan_);
     } catch (const VirelaError&) {
         throw;
-    } catch (const std::exception& e) {
-        log_->write(
-            LogLevel::error,
-            std::string("capture failed: the screen could not be read completely — ") + e.what());
-        throw encodeFailed();
     } catch (...) {
-        log_->write(LogLevel::error,
-                    "capture failed: the screen could not be read completely — unknown error");
+        log_->write(LogLevel::error, "capture failed: the screen could not be read completely — " +
+                                         describe(std::current_exception()));
         throw encodeFailed();
     }
     if (bytes.empty()) throw encodeFailed();

@@ -41,6 +41,7 @@ class ScreenCapture {
     std::shared_ptr<Renderer> renderer_;
     std::shared_ptr<Log> log_;
     RedactionFinder finder_;
+    std::vector<SceneFacts> scenes_;
     std::vector<WindowFacts> windows_;
     CapturePlan plan_;
 };

@@ -143,6 +143,20 @@ class Subscription {
     virtual ~Subscription() = default;
 };
 
+// A subscription that runs `remove` when it is destroyed.
+class CallbackSubscription final : public Subscription {
+  public:
+    explicit CallbackSubscription(std::function<void()> remove) : remove_(std::move(remove)) {}
+    ~CallbackSubscription() override {
+        if (remove_) remove_();
+    }
+    CallbackSubscription(const CallbackSubscription&) = delete;
+    CallbackSubscription& operator=(const CallbackSubscription&) = delete;
+
+  private:
+    std::function<void()> remove_;
+};
+
 class AppLifecycle {
   public:
     virtual ~AppLifecycle() = default;

@@ -96,12 +96,10 @@ void keepDrawable(std::vector<WindowFacts>& windows) {
 }
 
 void startFromScene(WindowRegistry& registry, const WindowFacts& window,
-                    std::vector<WindowFacts>& out) {
+                    const std::vector<SceneFacts>& scenes, std::vector<WindowFacts>& out) {
     out.clear();
     bool found = false;
     if (window.scene != noHandle) {
-        std::vector<SceneFacts> scenes;
-        registry.host().readScenes(scenes);
         for (const auto& scene : scenes) {
             if (scene.handle != window.scene) continue;
             appendWindows(registry.host(), scene, out);
@@ -130,6 +128,11 @@ std::optional<WindowFacts> findActiveWindow(HostInterface& host) {
 std::optional<WindowFacts> findCaptureWindow(HostInterface& host) {
     std::vector<SceneFacts> scenes;
     host.readScenes(scenes);
+    return findCaptureWindow(host, scenes);
+}
+
+std::optional<WindowFacts> findCaptureWindow(HostInterface& host,
+                                             const std::vector<SceneFacts>& scenes) {
     for (auto state : {SceneActivation::foregroundActive, SceneActivation::foregroundInactive}) {
         std::vector<WindowFacts> windows;
         for (const auto& scene : scenes) {
@@ -141,16 +144,18 @@ std::optional<WindowFacts> findCaptureWindow(HostInterface& host) {
 }
 
 void captureWindowList(WindowRegistry& registry, const WindowFacts& captureWindow,
-                       std::vector<WindowFacts>& out) {
-    startFromScene(registry, captureWindow, out);
+                       const std::vector<SceneFacts>& scenes, std::vector<WindowFacts>& out) {
+    startFromScene(registry, captureWindow, scenes, out);
     keepDrawable(out);
     std::stable_sort(out.begin(), out.end(),
                      [](const WindowFacts& a, const WindowFacts& b) { return a.level < b.level; });
 }
 
 std::vector<WindowFacts> inputWindowList(WindowRegistry& registry, const WindowFacts& target) {
+    std::vector<SceneFacts> scenes;
+    if (target.scene != noHandle) registry.host().readScenes(scenes);
     std::vector<WindowFacts> windows;
-    startFromScene(registry, target, windows);
+    startFromScene(registry, target, scenes, windows);
     keepDrawable(windows);
     // Front to back: a stable sort by level ascending, reversed, puts the later of two equal
     // levels first.

@@ -52,10 +52,14 @@ std::optional<WindowFacts> findActiveWindow(HostInterface& host);
 // The window a capture is drawn over: in foreground-active scenes (foreground-inactive ones when
 // no active scene has one), the first key window, else the first visible one; never ours.
 std::optional<WindowFacts> findCaptureWindow(HostInterface& host);
+// The same over scenes already read (a capture reads them once for both lookups).
+std::optional<WindowFacts> findCaptureWindow(HostInterface& host,
+                                             const std::vector<SceneFacts>& scenes);
 
-// The windows a capture draws, lowest level first; equal levels keep their order.
+// The windows a capture draws, lowest level first; equal levels keep their order. `scenes` are
+// the host's scenes as read for this capture.
 void captureWindowList(WindowRegistry& registry, const WindowFacts& captureWindow,
-                       std::vector<WindowFacts>& out);
+                       const std::vector<SceneFacts>& scenes, std::vector<WindowFacts>& out);
 
 // The windows a remote input hit-tests, front to back: higher levels first, and for equal
 // levels the later window first.

@@ -45,13 +45,13 @@ const std::vector<Redaction>& RedactionFinder::find(HostInterface& host,
     order_ = 0;
     chain_.clear();
     occluders_.clear();
-    pending_.clear();
+    foundOrder_.clear();
     found_.clear();
     redacting_ = false;
     host.walkViews(window.handle, *this);
     if (redacting_) finishRedaction();
     applyOcclusion();
-    return kept_;
+    return found_;
 }
 
 bool RedactionFinder::visit(const ViewFacts& view) {
@@ -105,38 +105,34 @@ void RedactionFinder::finishRedaction() {
     if (rect.isEmpty()) return;
     rect = rect.intersection(windowBounds_);
     if (rect.isEmpty()) return;
-    if (found_.size() <= pending_.size()) found_.emplace_back();
-    Redaction& r = found_[pending_.size()];
-    r.view = redactingView_;
-    r.rect = rect;
-    r.style = redactingStyle_;
-    pending_.push_back({rect, redactingOrder_, static_cast<std::uint32_t>(pending_.size())});
+    found_.push_back({redactingView_, rect, redactingStyle_});
+    foundOrder_.push_back(redactingOrder_);
+}
+
+RedactionFinder::CellSpan RedactionFinder::cellsOf(const Rect& r) const noexcept {
+    auto cell = [this](double v, double origin, double size) {
+        return std::clamp(static_cast<int>(std::floor((v - origin) / size)), 0, gridSide_ - 1);
+    };
+    return {
+        cell(r.minX(), windowBounds_.x, cellWidth_), cell(r.maxX(), windowBounds_.x, cellWidth_),
+        cell(r.minY(), windowBounds_.y, cellHeight_), cell(r.maxY(), windowBounds_.y, cellHeight_)};
 }
 
 void RedactionFinder::buildOccluderGrid() {
     // About four occluders per cell, at most 64 × 64 cells.
     const auto side = static_cast<int>(
         std::clamp(std::ceil(std::sqrt(static_cast<double>(occluders_.size()) / 4)), 1.0, 64.0));
-    gridColumns_ = side;
-    gridRows_ = side;
+    gridSide_ = side;
     cellWidth_ = std::max(windowBounds_.width / side, 1.0);
     cellHeight_ = std::max(windowBounds_.height / side, 1.0);
     const auto cells = static_cast<std::size_t>(side * side);
     cellStart_.assign(cells + 1, 0);
-    auto span = [&](const Rect& r, int& c0, int& c1, int& r0, int& r1) {
-        auto cell = [](double v, double origin, double size, int count) {
-            return std::clamp(static_cast<int>(std::floor((v - origin) / size)), 0, count - 1);
-        };
-        c0 = cell(r.minX(), windowBounds_.x, cellWidth_, gridColumns_);
-        c1 = cell(r.maxX(), windowBounds_.x, cellWidth_, gridColumns_);
-        r0 = cell(r.minY(), windowBounds_.y, cellHeight_, gridRows_);
-        r1 = cell(r.maxY(), windowBounds_.y, cellHeight_, gridRows_);
-    };
     for (const auto& o : occluders_) {
-        int c0, c1, r0, r1;
-        span(o.rect, c0, c1, r0, r1);
-        for (int row = r0; row <= r1; ++row) {
-            for (int col = c0; col <= c1; ++col) ++cellStart_[row * side + col + 1];
+        const CellSpan span = cellsOf(o.rect);
+        for (int row = span.row0; row <= span.row1; ++row) {
+            for (int col = span.column0; col <= span.column1; ++col) {
+                ++cellStart_[row * side + col + 1];
+            }
         }
     }
     for (std::size_t i = 1; i <= cells; ++i) cellStart_[i] += cellStart_[i - 1];
@@ -144,10 +140,11 @@ void RedactionFinder::buildOccluderGrid() {
     std::vector<std::uint32_t>& fill = nearby_;  // reused as per-cell write cursors
     fill.assign(cellStart_.begin(), cellStart_.end() - 1);
     for (std::uint32_t i = 0; i < occluders_.size(); ++i) {
-        int c0, c1, r0, r1;
-        span(occluders_[i].rect, c0, c1, r0, r1);
-        for (int row = r0; row <= r1; ++row) {
-            for (int col = c0; col <= c1; ++col) cellItems_[fill[row * side + col]++] = i;
+        const CellSpan span = cellsOf(occluders_[i].rect);
+        for (int row = span.row0; row <= span.row1; ++row) {
+            for (int col = span.column0; col <= span.column1; ++col) {
+                cellItems_[fill[row * side + col]++] = i;
+            }
         }
     }
 }
@@ -193,19 +190,21 @@ Cover removeBand(const Rect& o, Rect& uncovered, Rect& paint) {
 }  // namespace
 
 void RedactionFinder::applyOcclusion() {
-    kept_.clear();
-    if (pending_.empty()) return;
+    if (found_.empty()) return;
     // Few pairs: compare directly. Many: only the occluders that share a grid cell.
-    const bool useGrid = !windowBounds_.isEmpty() && occluders_.size() * pending_.size() > 4096;
+    const bool useGrid = !windowBounds_.isEmpty() && occluders_.size() * found_.size() > 4096;
     if (useGrid) buildOccluderGrid();
 
-    for (const Pending& p : pending_) {
-        const Rect grown = p.rect.insetBy(-growth, -growth);
-        Rect uncovered = p.rect;
+    // Kept redactions move to the front, in visit order; the rest is cut off at the end.
+    std::size_t kept = 0;
+    for (std::size_t index = 0; index < found_.size(); ++index) {
+        const std::uint32_t order = foundOrder_[index];
+        const Rect grown = found_[index].rect.insetBy(-growth, -growth);
+        Rect uncovered = found_[index].rect;
         Rect paint = grown;
         bool whole = false;
         auto consider = [&](const Occluder& o) {
-            if (o.order <= p.order || grown.contains(o.rect) || !o.rect.intersects(uncovered)) {
+            if (o.order <= order || grown.contains(o.rect) || !o.rect.intersects(uncovered)) {
                 return;
             }
             if (removeBand(o.rect, uncovered, paint) == Cover::whole) whole = true;
@@ -217,35 +216,30 @@ void RedactionFinder::applyOcclusion() {
             }
         } else {
             nearby_.clear();
-            auto cell = [](double v, double origin, double size, int count) {
-                return std::clamp(static_cast<int>(std::floor((v - origin) / size)), 0, count - 1);
-            };
-            const int c0 = cell(grown.minX(), windowBounds_.x, cellWidth_, gridColumns_);
-            const int c1 = cell(grown.maxX(), windowBounds_.x, cellWidth_, gridColumns_);
-            const int r0 = cell(grown.minY(), windowBounds_.y, cellHeight_, gridRows_);
-            const int r1 = cell(grown.maxY(), windowBounds_.y, cellHeight_, gridRows_);
-            for (int row = r0; row <= r1; ++row) {
-                for (int col = c0; col <= c1; ++col) {
-                    const auto c = static_cast<std::size_t>(row * gridColumns_ + col);
+            const CellSpan span = cellsOf(grown);
+            for (int row = span.row0; row <= span.row1; ++row) {
+                for (int col = span.column0; col <= span.column1; ++col) {
+                    const auto c = static_cast<std::size_t>(row * gridSide_ + col);
                     for (auto i = cellStart_[c]; i < cellStart_[c + 1]; ++i) {
-                        const auto index = cellItems_[i];
-                        if (occluders_[index].order > p.order) nearby_.push_back(index);
+                        const auto candidate = cellItems_[i];
+                        if (occluders_[candidate].order > order) nearby_.push_back(candidate);
                     }
                 }
             }
             // Occluders are stored in visit order, so sorted indices keep that order.
             std::sort(nearby_.begin(), nearby_.end());
             nearby_.erase(std::unique(nearby_.begin(), nearby_.end()), nearby_.end());
-            for (auto index : nearby_) {
-                consider(occluders_[index]);
+            for (auto candidate : nearby_) {
+                consider(occluders_[candidate]);
                 if (whole || uncovered.isEmpty()) break;
             }
         }
         if (whole || uncovered.isEmpty() || paint.isEmpty()) continue;
-        Redaction& r = found_[p.redaction];
-        r.rect = paint;
-        kept_.push_back(r);
+        found_[index].rect = paint;
+        if (kept != index) std::swap(found_[kept], found_[index]);
+        ++kept;
     }
+    found_.resize(kept);
 }
 
 }  // namespace virela

@@ -49,11 +49,10 @@ class RedactionFinder final : private ViewVisitor {
         Rect rect;
         std::uint32_t order;  // visit order
     };
-    struct Pending {
-        Rect rect;
-        std::uint32_t order;
-        std::uint32_t redaction;  // index into found_
+    struct CellSpan {
+        int column0, column1, row0, row1;
     };
+    CellSpan cellsOf(const Rect& r) const noexcept;
 
     VirelaRedaction defaultStyle_;
     Rect windowBounds_;
@@ -68,13 +67,11 @@ class RedactionFinder final : private ViewVisitor {
     HostHandle redactingView_ = noHandle;
     VirelaRedaction redactingStyle_;
     std::vector<Occluder> occluders_;
-    std::vector<Pending> pending_;
     std::vector<Redaction> found_;
-    std::vector<Redaction> kept_;
+    std::vector<std::uint32_t> foundOrder_;  // visit order of each redaction in found_
     // Occluders bucketed by grid cell (compressed rows), so that each redaction only meets the
     // views that can overlap it.
-    int gridColumns_ = 1;
-    int gridRows_ = 1;
+    int gridSide_ = 1;  // cells per row and per column
     double cellWidth_ = 1;
     double cellHeight_ = 1;
     std::vector<std::uint32_t> cellStart_;

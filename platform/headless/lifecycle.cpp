@@ -73,19 +73,6 @@ struct HeadlessLifecycle::State : std::enable_shared_from_this<State> {
     }
 };
 
-namespace {
-
-class ObserverSubscription final : public Subscription {
-  public:
-    explicit ObserverSubscription(std::function<void()> remove) : remove_(std::move(remove)) {}
-    ~ObserverSubscription() override { remove_(); }
-
-  private:
-    std::function<void()> remove_;
-};
-
-}  // namespace
-
 HeadlessLifecycle::HeadlessLifecycle(std::shared_ptr<MainExecutor> main,
                                      double backgroundTaskSeconds)
     : state_(std::make_shared<State>()) {
@@ -116,7 +103,7 @@ std::unique_ptr<Subscription> HeadlessLifecycle::observe(AppEvent event,
                                     std::make_shared<std::function<void()>>(std::move(handler))});
         }
     }
-    return std::make_unique<ObserverSubscription>([weak = std::weak_ptr<State>(state_), id] {
+    return std::make_unique<CallbackSubscription>([weak = std::weak_ptr<State>(state_), id] {
         if (auto state = weak.lock()) {
             std::lock_guard lock(state->mutex);
             state->observers.erase(id);

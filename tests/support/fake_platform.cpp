@@ -138,23 +138,12 @@ std::size_t FakePaths::running() const {
     }));
 }
 
-namespace {
-class FakeSubscription final : public Subscription {
-  public:
-    FakeSubscription(std::function<void()> remove) : remove_(std::move(remove)) {}
-    ~FakeSubscription() override { remove_(); }
-
-  private:
-    std::function<void()> remove_;
-};
-}  // namespace
-
 std::unique_ptr<Subscription> FakeLifecycle::observe(AppEvent event,
                                                      std::function<void()> handler) {
     auto id = observers_->nextId++;
     observers_->handlers[id] = {event, std::move(handler)};
     std::weak_ptr<Observers> weak = observers_;
-    return std::make_unique<FakeSubscription>([weak, id] {
+    return std::make_unique<CallbackSubscription>([weak, id] {
         if (auto observers = weak.lock()) observers->handlers.erase(id);
     });
 }

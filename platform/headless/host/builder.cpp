@@ -27,6 +27,18 @@ std::shared_ptr<Window> addWindow(const Window& sibling, double level, std::stri
     return window;
 }
 
+namespace {
+
+// A view that is its own accessibility element, as UIKit's labels and controls are.
+std::shared_ptr<View> element(ViewKind kind, Rect frame) {
+    auto v = std::make_shared<View>(kind);
+    v->frame = frame;
+    v->isAccessibilityElement = true;
+    return v;
+}
+
+}  // namespace
+
 std::shared_ptr<View> view(Rect frame, std::optional<Color> background) {
     auto v = std::make_shared<View>();
     v->frame = frame;
@@ -35,71 +47,57 @@ std::shared_ptr<View> view(Rect frame, std::optional<Color> background) {
 }
 
 std::shared_ptr<View> label(Rect frame, std::string text, Color color) {
-    auto v = std::make_shared<View>(ViewKind::label);
-    v->frame = frame;
+    auto v = element(ViewKind::label, frame);
     v->text = std::move(text);
     v->textColor = color;
-    v->isAccessibilityElement = true;
     v->accessibilityLabel = v->text;
     return v;
 }
 
 std::shared_ptr<View> button(Rect frame, std::string title, Color background) {
-    auto v = std::make_shared<View>(ViewKind::button);
-    v->frame = frame;
+    auto v = element(ViewKind::button, frame);
     v->text = std::move(title);
     v->textColor = {1, 1, 1, 1};
     v->background = background;
-    v->isAccessibilityElement = true;
     v->accessibilityLabel = v->text;
     v->accessibilityTraits = 0x1;  // button
     return v;
 }
 
 std::shared_ptr<View> textField(Rect frame, std::string text, bool secure) {
-    auto v = std::make_shared<View>(ViewKind::textField);
-    v->frame = frame;
+    auto v = element(ViewKind::textField, frame);
     v->text = std::move(text);
     v->secureTextEntry = secure;
     v->background = Color{1, 1, 1, 1};
     v->borderColor = Color{0.8, 0.8, 0.78, 1};
     v->borderWidth = 1;
-    v->isAccessibilityElement = true;
     return v;
 }
 
 std::shared_ptr<View> textView(Rect frame, std::string text) {
-    auto v = std::make_shared<View>(ViewKind::textView);
-    v->frame = frame;
+    auto v = element(ViewKind::textView, frame);
     v->text = std::move(text);
-    v->isAccessibilityElement = true;
     return v;
 }
 
 std::shared_ptr<View> switchControl(Rect frame, bool on) {
-    auto v = std::make_shared<View>(ViewKind::switchControl);
-    v->frame = frame;
+    auto v = element(ViewKind::switchControl, frame);
     v->isOn = on;
-    v->isAccessibilityElement = true;
     return v;
 }
 
 std::shared_ptr<View> slider(Rect frame, double value, double minimum, double maximum) {
-    auto v = std::make_shared<View>(ViewKind::slider);
-    v->frame = frame;
+    auto v = element(ViewKind::slider, frame);
     v->value = value;
     v->minimumValue = minimum;
     v->maximumValue = maximum;
-    v->isAccessibilityElement = true;
     return v;
 }
 
 std::shared_ptr<View> segmented(Rect frame, long segments, long selected) {
-    auto v = std::make_shared<View>(ViewKind::segmentedControl);
-    v->frame = frame;
+    auto v = element(ViewKind::segmentedControl, frame);
     v->numberOfSegments = segments;
     v->selectedSegment = selected;
-    v->isAccessibilityElement = true;
     return v;
 }
 

@@ -12,15 +12,6 @@ namespace {
 
 std::atomic<std::uint64_t> generation{0};
 
-class NotifierSubscription final : public Subscription {
-  public:
-    explicit NotifierSubscription(std::function<void()> cancel) : cancel_(std::move(cancel)) {}
-    ~NotifierSubscription() override { cancel_(); }
-
-  private:
-    std::function<void()> cancel_;
-};
-
 }  // namespace
 
 void treeChanged() noexcept {
@@ -34,7 +25,7 @@ std::unique_ptr<Subscription> HostNotifier::observe(Handler handler) {
     const auto id = next_++;
     handlers_.emplace(id, std::make_shared<Handler>(std::move(handler)));
     std::weak_ptr<HostNotifier> weak = shared_from_this();
-    return std::make_unique<NotifierSubscription>([weak, id] {
+    return std::make_unique<CallbackSubscription>([weak, id] {
         if (auto self = weak.lock()) self->handlers_.erase(id);
     });
 }

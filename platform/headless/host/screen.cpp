@@ -156,32 +156,22 @@ Window* View::window() const noexcept {
     return v->ownWindow_;
 }
 
-Rect View::frameInWindow() const noexcept {
+Rect View::inWindow(bool presented) const noexcept {
     const Window* w = window();
     if (!w) return Rect::null();
     // A window's coordinates are its bounds coordinates; each step down adds the child's frame
-    // and removes the parent's bounds origin (a scroll view's offset).
+    // (where it is drawn, for the presentation geometry) and removes the parent's bounds origin
+    // (a scroll view's offset).
+    auto shape = [presented](const View& v) -> const Rect& {
+        return presented && v.presentationFrame && v.superview_ ? *v.presentationFrame : v.frame;
+    };
     double x = w->boundsOrigin.x;
     double y = w->boundsOrigin.y;
     for (const View* v = this; v->superview_; v = v->superview_) {
-        x += v->frame.x - v->superview_->boundsOrigin.x;
-        y += v->frame.y - v->superview_->boundsOrigin.y;
+        x += shape(*v).x - v->superview_->boundsOrigin.x;
+        y += shape(*v).y - v->superview_->boundsOrigin.y;
     }
-    return {x, y, frame.width, frame.height};
-}
-
-Rect View::presentationInWindow() const noexcept {
-    const Window* w = window();
-    if (!w) return Rect::null();
-    double x = w->boundsOrigin.x;
-    double y = w->boundsOrigin.y;
-    for (const View* v = this; v->superview_; v = v->superview_) {
-        const Rect& f = v->presentationFrame ? *v->presentationFrame : v->frame;
-        x += f.x - v->superview_->boundsOrigin.x;
-        y += f.y - v->superview_->boundsOrigin.y;
-    }
-    const Rect& own = presentationFrame && superview_ ? *presentationFrame : frame;
-    return {x, y, own.width, own.height};
+    return {x, y, shape(*this).width, shape(*this).height};
 }
 
 void View::setVirelaRedacted(bool redacted) {

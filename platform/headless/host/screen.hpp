@@ -174,9 +174,9 @@ class View : public Handled, public std::enable_shared_from_this<View> {
         return {boundsOrigin.x, boundsOrigin.y, frame.width, frame.height};
     }
     // The view's bounds converted to its window (the model geometry); null without a window.
-    Rect frameInWindow() const noexcept;
+    Rect frameInWindow() const noexcept { return inWindow(false); }
     // The same for where it is drawn (presentation geometry of it and its ancestors).
-    Rect presentationInWindow() const noexcept;
+    Rect presentationInWindow() const noexcept { return inWindow(true); }
 
     // Redaction marks, as the host sets them.
     bool isVirelaRedacted() const noexcept { return mark_ != nullptr; }
@@ -188,6 +188,8 @@ class View : public Handled, public std::enable_shared_from_this<View> {
 
   private:
     friend class Window;
+    Rect inWindow(bool presented) const noexcept;
+
     ViewKind kind_;
     std::string typeName_;
     std::vector<std::shared_ptr<View>> subviews_;

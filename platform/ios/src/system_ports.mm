@@ -246,17 +246,6 @@ class NetworkPathMonitor final : public PathMonitor {
     std::shared_ptr<SerialQueue> queue_;
 };
 
-class NotificationSubscription final : public Subscription {
-  public:
-    explicit NotificationSubscription(id<NSObject> token) : token_(token) {}
-    ~NotificationSubscription() override {
-        [NSNotificationCenter.defaultCenter removeObserver:token_];
-    }
-
-  private:
-    id<NSObject> token_;
-};
-
 // The background tasks we began and have not yet ended. The core may end a task both from a
 // send's completion and from its expiration handler; UIKit complains about a second end, so
 // ending is idempotent here, as on the headless platform.
@@ -285,7 +274,8 @@ class UIApplicationLifecycle final : public AppLifecycle {
                                                         usingBlock:^(NSNotification*) {
                                                           handler();
                                                         }];
-        return std::make_unique<NotificationSubscription>(token);
+        return std::make_unique<CallbackSubscription>(
+            [token] { [NSNotificationCenter.defaultCenter removeObserver:token]; });
     }
 
     BackgroundTaskId beginBackgroundTask(std::function<void()> expiration) override {

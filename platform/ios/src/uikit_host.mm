@@ -59,19 +59,6 @@ SceneActivation activationOf(UISceneActivationState state) {
     return SceneActivation::unattached;
 }
 
-class ObserverTokens final : public Subscription {
-  public:
-    explicit ObserverTokens(NSArray<id<NSObject>>* tokens) : tokens_(tokens) {}
-    ~ObserverTokens() override {
-        for (id<NSObject> token in tokens_) {
-            [NSNotificationCenter.defaultCenter removeObserver:token];
-        }
-    }
-
-  private:
-    NSArray<id<NSObject>>* tokens_;
-};
-
 // One walk over a window's tree. Reads everything through the live objects and never keeps a
 // view past the visitor call that receives it.
 class ViewWalk {
@@ -202,7 +189,12 @@ class UIKitHost final : public HostInterface {
                         }];
             [tokens addObject:token];
         }
-        return std::make_unique<ObserverTokens>([tokens copy]);
+        NSArray<id<NSObject>>* observers = [tokens copy];
+        return std::make_unique<CallbackSubscription>([observers] {
+            for (id<NSObject> token in observers) {
+                [NSNotificationCenter.defaultCenter removeObserver:token];
+            }
+        });
     }
 
   private:
