@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -647,6 +649,261 @@ TEST_F(SocketTest, BrokenAndSlowSocketClientsDoNotDisturbOthers) {
     EXPECT_TRUE(server.waitForFrames(tokens[4], 1, 5s));
     EXPECT_TRUE(server.framesFrom(tokens[0]).empty());
     EXPECT_TRUE(server.framesFrom(tokens[2]).empty());
+}
+
+// Seconds from now until an ISO 8601 UTC time with milliseconds; nullopt for another shape.
+std::optional<double> secondsUntil(const std::string& text) {
+    static const std::regex shape(R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3}Z)");
+    if (!std::regex_match(text, shape)) return std::nullopt;
+    std::tm utc{};
+    int millis = 0;
+    std::sscanf(text.c_str(), "%d-%d-%dT%d:%d:%d.%dZ", &utc.tm_year, &utc.tm_mon, &utc.tm_mday,
+                &utc.tm_hour, &utc.tm_min, &utc.tm_sec, &millis);
+    utc.tm_year -= 1900;
+    utc.tm_mon -= 1;
+    const auto at =
+        std::chrono::system_clock::from_time_t(timegm(&utc)) + std::chrono::milliseconds(millis);
+    return std::chrono::duration<double>(at - std::chrono::system_clock::now()).count();
+}
+
+const std::string kPng = std::string("\x89PNG\r\n\x1a\n", 8) + std::string("\0\r\n--\xff IEND", 11);
+
+std::string filePart(const std::string& boundary, const std::string& name,
+                     const std::string& data) {
+    return "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + name +
+           "\"; filename=\"capture.png\"\r\nContent-Type: image/png\r\n\r\n" + data + "\r\n";
+}
+
+// A device with its socket open, ready to be asked for screenshots.
+class ScreenshotTest : public SocketTest {
+  protected:
+    void SetUp() override {
+        SocketTest::SetUp();
+        const json registration = registerDevice("inst-1");
+        token = registration["deviceToken"];
+        deviceId = registration["deviceId"];
+        auth = "X-Virela-Device: " + token + "\r\n";
+        socket = openSocket(token);
+        ASSERT_TRUE(server.waitForConnection(deviceId, 5s));
+    }
+
+    json nextPush() {
+        auto message = socket->readMessage();
+        return message ? json::parse(message->payload, nullptr, false) : json();
+    }
+
+    std::optional<RawReply> upload(const std::string& requestId, const std::string& contentType,
+                                   const std::string& body) {
+        return roundTrip(server.port(), post("/v1/sdk/captures/" + requestId + "/upload", body,
+                                             auth + "Content-Type: " + contentType + "\r\n"));
+    }
+
+    std::string token, deviceId, auth;
+    std::unique_ptr<Connection> socket;
+};
+
+TEST_F(ScreenshotTest, PushesCarryDefaultsOrTheGivenFieldsAndTheRequestsAreRemembered) {
+    const std::string idle = registerDevice("inst-2")["deviceToken"];
+    EXPECT_FALSE(server.askScreenshot(idle));
+    EXPECT_FALSE(server.sendCapture(idle, "r-1"));
+    EXPECT_TRUE(server.captureRequests().empty());
+
+    auto asked = server.askScreenshot(token);
+    ASSERT_TRUE(asked);
+    auto sent = socket->readMessage();
+    ASSERT_TRUE(sent);
+    EXPECT_EQ(sent->payload, asked->push);
+    const json payload = json::parse(asked->push)["payload"];
+    EXPECT_EQ(json::parse(asked->push)["type"], "consent");
+    EXPECT_EQ(payload["requestId"], asked->requestId);
+    EXPECT_EQ(payload["promptId"], asked->promptId);
+    EXPECT_EQ(asked->requestId.rfind("req_", 0), 0u);
+    EXPECT_EQ(asked->promptId.rfind("prm_", 0), 0u);
+    EXPECT_EQ(payload["mode"], "AskEveryTime");
+    EXPECT_EQ(payload["consentCopy"], Options().consentCopy);
+    EXPECT_FALSE(payload.contains("agentName") || payload.contains("workspaceName") ||
+                 payload.contains("logoUrl"));
+    auto expiresIn = secondsUntil(payload["expiresAt"]);
+    ASSERT_TRUE(expiresIn) << payload["expiresAt"];
+    EXPECT_NEAR(*expiresIn, 60, 5);
+
+    virela::devserver::ScreenshotRequest given;
+    given.mode = "Sometimes";
+    given.consentCopy = "May we look?";
+    given.agentName = "Sam";
+    given.workspaceName = "Acme";
+    given.logoUrl = server.logoUrl();
+    given.expiresAt = "2030-01-01T00:00:00.000Z";
+    given.promptId = "";
+    given.requestId = "r-7";
+    auto custom = server.askScreenshot(deviceId, given);
+    ASSERT_TRUE(custom);
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"consent","payload":{"requestId":"r-7",
+        "promptId":"","mode":"Sometimes","consentCopy":"May we look?","agentName":"Sam",
+        "workspaceName":"Acme","logoUrl":")" +
+                                      server.url() + R"(/assets/logo.png",
+        "expiresAt":"2030-01-01T00:00:00.000Z"}})"));
+    EXPECT_NE(server.askScreenshot(token)->requestId, asked->requestId);
+    nextPush();
+
+    EXPECT_TRUE(server.sendCapture(token, "r-7"));
+    EXPECT_TRUE(server.sendCapture(token, "invented"));
+    EXPECT_TRUE(server.sendExpired(token));
+    EXPECT_TRUE(server.sendDenied(token));
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"capture","payload":{"requestId":"r-7"}})"));
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"capture","payload":{"requestId":"invented"}})"));
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"expired","payload":{}})"));
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"denied","payload":{}})"));
+
+    auto records = server.captureRequests();
+    ASSERT_EQ(records.size(), 4u);
+    EXPECT_EQ(records[0].requestId, asked->requestId);
+    EXPECT_EQ(records[1].requestId, "r-7");
+    EXPECT_EQ(records[1].mode, "Sometimes");
+    EXPECT_EQ(records[1].promptId, "");
+    EXPECT_EQ(records[3].requestId, "invented");
+    EXPECT_EQ(records[3].mode, "");
+}
+
+TEST_F(ScreenshotTest, RespondRecordsTheAnswerAndAnAllowedPerSessionRequestGetsASession) {
+    virela::devserver::ScreenshotRequest perSession;
+    perSession.mode = "PerSession";
+    const auto session = server.askScreenshot(token, perSession);
+    const auto once = server.askScreenshot(token);
+    ASSERT_TRUE(session && once);
+    auto respond = [&](const std::string& requestId, const std::string& body,
+                       const std::string& headers) {
+        auto reply = roundTrip(server.port(),
+                               post("/v1/sdk/captures/" + requestId + "/respond", body, headers));
+        EXPECT_TRUE(reply);
+        return reply ? std::make_pair(reply->status, json::parse(reply->body, nullptr, false))
+                     : std::make_pair(0, json());
+    };
+
+    auto shown = roundTrip(server.port(),
+                           post("/v1/sdk/prompts/" + session->promptId + "/shown", "{}", auth));
+    ASSERT_TRUE(shown);
+    EXPECT_EQ(json::parse(shown->body), json::parse(R"({"ok":true})"));
+    EXPECT_TRUE(server.captureRequest(session->requestId)->promptShown);
+    EXPECT_FALSE(server.captureRequest(once->requestId)->promptShown);
+
+    auto [status, allowed] = respond(session->requestId, R"({"allow":true})", auth);
+    EXPECT_EQ(status, 200);
+    EXPECT_EQ(allowed["status"], "Allowed");
+    auto sessionLeft = secondsUntil(allowed.value("sessionExpiresAt", ""));
+    ASSERT_TRUE(sessionLeft) << allowed;
+    EXPECT_NEAR(*sessionLeft, 45 * 60, 5);
+    ASSERT_TRUE(server.waitForAnswer(session->requestId, 5s));
+    EXPECT_EQ(server.captureRequest(session->requestId)->answer, true);
+    EXPECT_EQ(server.captureRequest(session->requestId)->sessionExpiresAt,
+              allowed["sessionExpiresAt"]);
+
+    server.setRespondStatus("AllowedOnce");
+    EXPECT_EQ(respond(once->requestId, R"({"allow":true})", auth).second,
+              json::parse(R"({"status":"AllowedOnce"})"));
+    EXPECT_EQ(respond(session->requestId, R"({"allow":false})", auth).second,
+              json::parse(R"({"status":"Denied"})"));
+    EXPECT_EQ(server.captureRequest(session->requestId)->answer, false);
+    EXPECT_FALSE(server.captureRequest(session->requestId)->sessionExpiresAt);
+    EXPECT_EQ(respond("never-asked", R"({"allow":true})", auth).first, 200);
+    EXPECT_EQ(server.captureRequest("never-asked")->mode, "");
+    EXPECT_FALSE(server.waitForAnswer("nobody", 20ms));
+
+    for (const char* body : {"", "[true]", "{}", R"({"allow":"yes"})", R"({"allow":1})"}) {
+        auto [code, error] = respond(once->requestId, body, auth);
+        EXPECT_EQ(code, 400) << body;
+        EXPECT_EQ(error["error"], "bad_request") << body;
+    }
+    for (const std::string path :
+         {"/v1/sdk/prompts/p/shown", "/v1/sdk/captures/r/respond", "/v1/sdk/captures/r/upload"}) {
+        auto refused = roundTrip(
+            server.port(), post(path, R"({"allow":true})", "X-Virela-Device: not-a-token\r\n"));
+        ASSERT_TRUE(refused);
+        EXPECT_EQ(refused->status, 401) << path;
+        EXPECT_EQ(errorOf(refused)["error"], "unauthorized");
+    }
+    EXPECT_FALSE(server.captureRequest("r"));
+
+    // A queued reply still stands in for the endpoint, which then records nothing.
+    const std::string path = "/v1/sdk/captures/" + once->requestId + "/respond";
+    server.queueReply(path, {503, R"({"error":"unavailable"})"});
+    EXPECT_EQ(respond(once->requestId, R"({"allow":false})", auth).first, 503);
+    EXPECT_EQ(server.captureRequest(once->requestId)->answer, true);
+    EXPECT_EQ(server.requests(path).size(), 7u);
+}
+
+TEST_F(ScreenshotTest, AnUploadIsStoredAndServedAtItsLink) {
+    const auto asked = server.askScreenshot(token);
+    ASSERT_TRUE(asked);
+    const std::string boundary = "virela-1234";
+    const std::string body = "preamble to skip\r\n--" + boundary +
+                             "\r\nContent-Disposition: form-data; name=\"note\"\r\n\r\nhi\r\n" +
+                             filePart(boundary, "file", kPng) + "--" + boundary + "--\r\n";
+    auto stored = upload(asked->requestId,
+                         "Multipart/Form-Data; charset=utf-8; boundary=\"" + boundary + "\"", body);
+    ASSERT_TRUE(stored);
+    ASSERT_EQ(stored->status, 200) << stored->body;
+    const json reply = json::parse(stored->body);
+    const std::string captureId = reply["captureId"];
+    EXPECT_TRUE(std::regex_match(captureId, std::regex("cap_[0-9]+")));
+    EXPECT_EQ(reply["imageUrl"], server.url() + "/captures/" + captureId + ".png");
+
+    ASSERT_TRUE(server.waitForUpload(asked->requestId, 5s));
+    auto record = server.captureRequest(asked->requestId);
+    EXPECT_EQ(record->captureId, captureId);
+    EXPECT_EQ(record->imageUrl, reply["imageUrl"]);
+    EXPECT_EQ(record->png, kPng);
+    EXPECT_EQ(record->uploadContentType, "image/png");
+    EXPECT_EQ(record->uploadFileName, "capture.png");
+
+    auto get = [&](const std::string& path) {
+        return roundTrip(server.port(), "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    };
+    auto image = get("/captures/" + captureId + ".png");
+    ASSERT_TRUE(image);
+    EXPECT_EQ(image->status, 200);
+    EXPECT_EQ(image->body, kPng);
+    EXPECT_EQ(headerOf(*image, "Content-Type"), "image/png");
+    EXPECT_EQ(get("/captures/" + captureId)->status, 404);
+    EXPECT_EQ(get("/captures/cap_999.png")->status, 404);
+
+    EXPECT_EQ(server.logoUrl(), server.url() + "/assets/logo.png");
+    auto logo = get("/assets/logo.png");
+    ASSERT_TRUE(logo);
+    EXPECT_EQ(logo->status, 200);
+    EXPECT_EQ(headerOf(*logo, "Content-Type"), "image/png");
+    EXPECT_EQ(logo->body.substr(0, 16), std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16));
+}
+
+TEST_F(ScreenshotTest, UploadsWithoutAWholeFormAndAPngFilePartAreRefused) {
+    const std::string type = "multipart/form-data; boundary=b0";
+    const std::string whole = filePart("b0", "file", kPng) + "--b0--\r\n";
+    const std::vector<std::pair<std::string, std::string>> refused{
+        {"multipart/form-data", whole},
+        {"multipart/form-data; boundary=", whole},
+        {"image/png", kPng},
+        {type, filePart("b0", "other", kPng) + "--b0--"},
+        {type, filePart("b0", "file", "GIF89a" + kPng) + "--b0--"},
+        {type, "--b0\r\nContent-Type: image/png\r\n\r\n" + kPng + "\r\n--b0--"},
+        {type, std::string(kPng)},
+    };
+    for (const auto& [contentType, body] : refused) {
+        auto reply = upload("r-1", contentType, body);
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->status, 400) << contentType << '\n' << body;
+        EXPECT_EQ(errorOf(reply)["error"], "bad_request");
+    }
+
+    // Every cut short of the closing delimiter is a truncated body; the final CRLF is optional.
+    Connection connection(server.port());
+    for (std::size_t size = 0; size <= whole.size(); ++size) {
+        connection.send(post("/v1/sdk/captures/r-1/upload", whole.substr(0, size),
+                             auth + "Content-Type: " + type + "\r\n"));
+        auto reply = connection.read();
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->status, size >= whole.size() - 2 ? 200 : 400) << size;
+    }
+    EXPECT_EQ(server.captureRequests().size(), 1u);
 }
 
 }  // namespace

@@ -30,7 +30,13 @@ void usage(std::ostream& out) {
            "commands on stdin, one a line (DEVICE: id, token or support code):\n"
            "  push DEVICE TEXT     send TEXT as a text frame to the device's socket\n"
            "  close DEVICE [CODE]  close the socket with CODE (default 1000)\n"
-           "  drop DEVICE          cut the connection without a close frame\n";
+           "  drop DEVICE          cut the connection without a close frame\n"
+           "  ask DEVICE [MODE]    ask for a screenshot (MODE: AskEveryTime, PerSession,\n"
+           "                       LiveView; default AskEveryTime)\n"
+           "  capture DEVICE REQ   tell the device to capture for request REQ\n"
+           "  expire DEVICE        tell the device its prompt expired\n"
+           "  deny DEVICE          tell the device the request was withdrawn\n"
+           "  captures             list the screenshot requests and their state\n";
 }
 
 // The server thread and the command loop both print; whole lines only.
@@ -88,21 +94,58 @@ std::string_view nextWord(std::string_view& rest) {
     return word;
 }
 
+std::string describe(const virela::devserver::CaptureRecord& record) {
+    std::string line = record.requestId + ' ' + (record.mode.empty() ? "-" : record.mode);
+    line += record.promptShown ? " shown" : "";
+    if (record.answer) line += *record.answer ? " allowed" : " denied";
+    if (record.sessionExpiresAt) line += " until " + *record.sessionExpiresAt;
+    if (record.imageUrl) line += ' ' + *record.imageUrl;
+    return line;
+}
+
 void runCommand(virela::devserver::Server& server, std::string_view line) {
+    constexpr const char* kCommands =
+        "commands: push DEVICE TEXT | close DEVICE [CODE] | drop DEVICE | ask DEVICE [MODE] | "
+        "capture DEVICE REQ | expire DEVICE | deny DEVICE | captures";
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     std::string_view rest = line;
     const std::string_view command = nextWord(rest);
-    const std::string device(nextWord(rest));
     if (command.empty()) return;
-    if (device.empty() || (command != "push" && command != "close" && command != "drop")) {
-        say("commands: push DEVICE TEXT | close DEVICE [CODE] | drop DEVICE");
+    if (command == "captures") {
+        const auto records = server.captureRequests();
+        if (records.empty()) say("no screenshot requests yet");
+        for (const auto& record : records) say(describe(record));
         return;
     }
+    const std::string device(nextWord(rest));
+    const bool known = command == "push" || command == "close" || command == "drop" ||
+                       command == "ask" || command == "capture" || command == "expire" ||
+                       command == "deny";
+    if (device.empty() || !known) {
+        say(kCommands);
+        return;
+    }
+    const std::string noSocket = "no socket for " + device;
     if (command == "push") {
-        say(server.pushText(device, std::string(rest)) ? "pushed to " + device
-                                                       : "no socket for " + device);
+        say(server.pushText(device, std::string(rest)) ? "pushed to " + device : noSocket);
     } else if (command == "drop") {
         server.dropConnection(device);
+    } else if (command == "ask") {
+        virela::devserver::ScreenshotRequest request;
+        if (const std::string_view mode = nextWord(rest); !mode.empty()) request.mode = mode;
+        request.logoUrl = server.logoUrl();
+        const auto asked = server.askScreenshot(device, std::move(request));
+        say(asked ? "asked " + device + ": request " + asked->requestId + ", prompt " +
+                        asked->promptId
+                  : noSocket);
+    } else if (command == "capture") {
+        const std::string requestId(nextWord(rest));
+        if (requestId.empty()) return say(kCommands);
+        say(server.sendCapture(device, requestId) ? "capture sent for " + requestId : noSocket);
+    } else if (command == "expire") {
+        say(server.sendExpired(device) ? "expired sent to " + device : noSocket);
+    } else if (command == "deny") {
+        say(server.sendDenied(device) ? "denied sent to " + device : noSocket);
     } else {
         const std::string code(nextWord(rest));
         try {

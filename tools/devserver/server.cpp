@@ -5,6 +5,9 @@
 #include <mutex>
 #include <stdexcept>
 
+#include <nlohmann/json.hpp>
+
+#include "tools/devserver/capture_book.hpp"
 #include "tools/devserver/device_registry.hpp"
 #include "tools/devserver/http_server.hpp"
 #include "tools/devserver/router.hpp"
@@ -19,6 +22,16 @@ namespace {
 bool sendableCloseCode(int code) {
     return (code >= 1000 && code <= 1003) || (code >= 1007 && code <= 1013) ||
            (code >= 3000 && code <= 4999);
+}
+
+std::chrono::milliseconds fromSeconds(double seconds) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::duration<double>(seconds));
+}
+
+std::string frame(std::string_view type, const nlohmann::ordered_json& payload) {
+    const nlohmann::ordered_json message{{"type", type}, {"payload", payload}};
+    return message.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -42,8 +55,12 @@ struct Server::Impl {
     std::map<std::string, std::deque<std::optional<QueuedReply>>, std::less<>> queued;
     std::uint16_t port = 0;
     std::string url;
+    // What the last start() was given, for the defaults of an asked screenshot.
+    std::string consentCopy = Options().consentCopy;
+    double promptSeconds = Options().promptSeconds;
 
     DeviceRegistry registry;
+    CaptureBook captures;
     SocketHub sockets{[this](std::string_view device) { return registry.deviceIdOf(device); }};
     // Rebuilt by start() while no server thread runs; read only by the server thread.
     Router router;
@@ -110,9 +127,19 @@ void Server::start(Options options) {
     impl_->router = Router();
     addDeviceRoutes(impl_->router, impl_->registry,
                     {options.apiKeys, options.consentCopy, options.captureMode});
-    impl_->onRequest = std::move(options.onRequest);
-
     Impl* impl = impl_.get();
+    addCaptureRoutes(impl_->router, impl_->registry, impl_->captures,
+                     {fromSeconds(options.sessionSeconds), [impl] {
+                          std::lock_guard lock(impl->mutex);
+                          return impl->url;
+                      }});
+    impl_->onRequest = std::move(options.onRequest);
+    {
+        std::lock_guard lock(impl_->mutex);
+        impl_->consentCopy = options.consentCopy;
+        impl_->promptSeconds = options.promptSeconds;
+    }
+
     impl_->sockets.open(std::move(options.onSocketEvent));
     std::unique_ptr<HttpServer> http;
     try {
@@ -244,6 +271,82 @@ void Server::closeConnection(std::string_view device, int code) {
 
 void Server::refuseConnections(std::chrono::milliseconds duration) {
     impl_->sockets.refuseFor(duration);
+}
+
+std::optional<AskedScreenshot> Server::askScreenshot(std::string_view device,
+                                                     ScreenshotRequest request) {
+    std::string consentCopy;
+    double promptSeconds = 0;
+    {
+        std::lock_guard lock(impl_->mutex);
+        consentCopy = impl_->consentCopy;
+        promptSeconds = impl_->promptSeconds;
+    }
+    CaptureBook& book = impl_->captures;
+    AskedScreenshot asked;
+    asked.requestId = request.requestId ? *request.requestId : book.freshRequestId();
+    asked.promptId = request.promptId ? *request.promptId : book.freshPromptId();
+    nlohmann::ordered_json payload{
+        {"requestId", asked.requestId},
+        {"promptId", asked.promptId},
+        {"mode", request.mode},
+        {"consentCopy", request.consentCopy ? *request.consentCopy : consentCopy}};
+    if (request.agentName) payload["agentName"] = *request.agentName;
+    if (request.workspaceName) payload["workspaceName"] = *request.workspaceName;
+    if (request.logoUrl) payload["logoUrl"] = *request.logoUrl;
+    payload["expiresAt"] =
+        request.expiresAt ? *request.expiresAt
+                          : isoUtc(std::chrono::system_clock::now() + fromSeconds(promptSeconds));
+    asked.push = frame("consent", payload);
+
+    const bool sent = book.ask(asked.requestId, request.mode, asked.promptId, [&] {
+        return impl_->sockets.send(device, {Outgoing::Kind::text, asked.push, 0});
+    });
+    if (!sent) return std::nullopt;
+    return asked;
+}
+
+bool Server::sendCapture(std::string_view device, std::string_view requestId) {
+    const std::string push = frame("capture", {{"requestId", requestId}});
+    return impl_->captures.touch(std::string(requestId), [&] {
+        return impl_->sockets.send(device, {Outgoing::Kind::text, push, 0});
+    });
+}
+
+bool Server::sendExpired(std::string_view device) {
+    return pushText(device, frame("expired", nlohmann::ordered_json::object()));
+}
+
+bool Server::sendDenied(std::string_view device) {
+    return pushText(device, frame("denied", nlohmann::ordered_json::object()));
+}
+
+void Server::setRespondStatus(std::string status) {
+    impl_->captures.setRespondStatus(std::move(status));
+}
+
+std::optional<CaptureRecord> Server::captureRequest(std::string_view requestId) const {
+    return impl_->captures.find(requestId);
+}
+
+std::vector<CaptureRecord> Server::captureRequests() const {
+    return impl_->captures.all();
+}
+
+bool Server::waitForAnswer(std::string_view requestId, std::chrono::milliseconds timeout) const {
+    return impl_->captures.waitFor(
+        requestId, timeout, [](const CaptureRecord& record) { return record.answer.has_value(); });
+}
+
+bool Server::waitForUpload(std::string_view requestId, std::chrono::milliseconds timeout) const {
+    return impl_->captures.waitFor(requestId, timeout, [](const CaptureRecord& record) {
+        return record.captureId.has_value();
+    });
+}
+
+std::string Server::logoUrl() const {
+    std::lock_guard lock(impl_->mutex);
+    return impl_->url.empty() ? std::string() : impl_->url + std::string(kLogoPath);
 }
 
 }  // namespace virela::devserver

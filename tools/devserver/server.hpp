@@ -77,6 +77,10 @@ struct Options {
         "Your support agent would like to see a screenshot of this app. Anything marked "
         "private stays hidden.";
     std::string captureMode = "AskEveryTime";
+    // How long an asked screenshot's prompt stays up unless the request says otherwise.
+    double promptSeconds = 60;
+    // The session an allowed PerSession request opens.
+    double sessionSeconds = 45 * 60;
     // Called on the server thread for each request once its reply is decided; status 0 means
     // the connection is closed without a reply. Must not call stop().
     std::function<void(const RecordedRequest&, int status)> onRequest;
@@ -84,6 +88,41 @@ struct Options {
     // stop() drops come from the thread calling stop(). Must not call stop() or wait on the
     // server; pushing from here is fine.
     std::function<void(const SocketEvent&)> onSocketEvent;
+};
+
+// What an agent asks a device for: the fields of a "consent" push. Absent fields get defaults.
+struct ScreenshotRequest {
+    // "AskEveryTime", "PerSession" or "LiveView"; sent as is, so a test may send a bad one.
+    std::string mode = "AskEveryTime";
+    std::optional<std::string> consentCopy;    // default: Options::consentCopy
+    std::optional<std::string> agentName;      // absent: left out of the push
+    std::optional<std::string> workspaceName;  // absent: left out
+    std::optional<std::string> logoUrl;        // absent: left out
+    // Default: now + Options::promptSeconds, as "2026-11-21T10:00:00.123Z".
+    std::optional<std::string> expiresAt;
+    std::optional<std::string> promptId;   // default: a fresh "prm_<n>"; "" is sent as ""
+    std::optional<std::string> requestId;  // default: a fresh "req_<n>"
+};
+
+struct AskedScreenshot {
+    std::string requestId;
+    std::string promptId;
+    std::string push;  // the frame exactly as sent
+};
+
+// One screenshot request as the backend saw it, from the ask to the upload.
+struct CaptureRecord {
+    std::string requestId;
+    std::string mode;  // of the consent push; empty when the request was never asked
+    std::string promptId;
+    bool promptShown = false;  // the device reported the prompt on screen
+    std::optional<bool> answer;
+    std::optional<std::string> sessionExpiresAt;  // what the answer replied, for PerSession
+    std::optional<std::string> captureId;         // once an upload is stored
+    std::optional<std::string> imageUrl;
+    std::string png;  // the uploaded file
+    std::string uploadContentType;
+    std::string uploadFileName;
 };
 
 // The local backend: a loopback HTTP/1.1 server on its own thread. Device state, the recorded
@@ -155,6 +194,30 @@ class Server {
     // Upgrade requests in the coming `duration` get a 503 instead; zero ends the refusal.
     // Sockets already open are left alone.
     void refuseConnections(std::chrono::milliseconds duration);
+
+    // The screenshot flow, agent side. askScreenshot() pushes {"type":"consent","payload":...}
+    // and remembers the request; nullopt when the device has no socket. A request asked again
+    // under the same id starts its record afresh.
+    std::optional<AskedScreenshot> askScreenshot(std::string_view device,
+                                                 ScreenshotRequest request = {});
+    // {"type":"capture","payload":{"requestId":...}}, {"type":"expired","payload":{}} and
+    // {"type":"denied","payload":{}}; false when the device has no socket.
+    bool sendCapture(std::string_view device, std::string_view requestId);
+    bool sendExpired(std::string_view device);
+    bool sendDenied(std::string_view device);
+    // The status an allow is answered with ("Allowed" until set); a deny is always "Denied".
+    void setRespondStatus(std::string status);
+
+    // Every request asked, answered, pushed a capture for or uploaded to, in order of first
+    // sight, across restarts.
+    std::optional<CaptureRecord> captureRequest(std::string_view requestId) const;
+    std::vector<CaptureRecord> captureRequests() const;
+    // Block until the request has an answer (an upload), or until the timeout; true on success.
+    bool waitForAnswer(std::string_view requestId, std::chrono::milliseconds timeout) const;
+    bool waitForUpload(std::string_view requestId, std::chrono::milliseconds timeout) const;
+    // A small PNG served at url() + "/assets/logo.png", for consent pushes that show a logo.
+    // Empty when not running.
+    std::string logoUrl() const;
 
   private:
     struct Impl;

@@ -1,0 +1,158 @@
+#include "tools/devserver/capture_book.hpp"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <utility>
+
+namespace virela::devserver {
+
+std::string isoUtc(std::chrono::system_clock::time_point at) {
+    using namespace std::chrono;
+    const auto millis = floor<milliseconds>(at);
+    const auto seconds = floor<std::chrono::seconds>(millis);
+    const std::time_t whole = system_clock::to_time_t(seconds);
+    std::tm utc{};
+    gmtime_r(&whole, &utc);
+    char text[96];  // room for any int, so the compiler sees no truncation
+    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900,
+                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                  static_cast<int>((millis - seconds).count()));
+    return text;
+}
+
+std::string CaptureBook::freshRequestId() {
+    std::lock_guard lock(mutex_);
+    std::string id;
+    // Skips ids a test chose by hand, so that a fresh one never merges with another request.
+    do {
+        id = "req_" + std::to_string(nextRequest_++);
+    } while (lookup(id) != nullptr);
+    return id;
+}
+
+std::string CaptureBook::freshPromptId() {
+    std::lock_guard lock(mutex_);
+    std::string id;
+    do {
+        id = "prm_" + std::to_string(nextPrompt_++);
+    } while (std::any_of(records_.begin(), records_.end(),
+                         [&](const CaptureRecord& r) { return r.promptId == id; }));
+    return id;
+}
+
+bool CaptureBook::ask(const std::string& requestId, std::string mode, std::string promptId,
+                      const std::function<bool()>& deliver) {
+    {
+        std::lock_guard lock(mutex_);
+        if (!deliver()) return false;
+        CaptureRecord& record = recordFor(requestId);
+        record = CaptureRecord{};
+        record.requestId = requestId;
+        record.mode = std::move(mode);
+        record.promptId = std::move(promptId);
+    }
+    changed_.notify_all();
+    return true;
+}
+
+bool CaptureBook::touch(const std::string& requestId, const std::function<bool()>& deliver) {
+    std::lock_guard lock(mutex_);
+    if (!deliver()) return false;
+    recordFor(requestId);
+    return true;
+}
+
+void CaptureBook::promptShown(std::string_view promptId) {
+    {
+        std::lock_guard lock(mutex_);
+        for (CaptureRecord& record : records_) {
+            if (record.promptId == promptId) record.promptShown = true;
+        }
+    }
+    changed_.notify_all();
+}
+
+CaptureBook::Answer CaptureBook::answer(std::string_view requestId, bool allow,
+                                        std::chrono::milliseconds session) {
+    Answer reply;
+    {
+        std::lock_guard lock(mutex_);
+        CaptureRecord& record = recordFor(requestId);
+        reply.status = allow ? respondStatus_ : "Denied";
+        if (allow && record.mode == "PerSession") {
+            reply.sessionExpiresAt = isoUtc(std::chrono::system_clock::now() + session);
+        }
+        record.answer = allow;
+        record.sessionExpiresAt = reply.sessionExpiresAt;
+    }
+    changed_.notify_all();
+    return reply;
+}
+
+void CaptureBook::setRespondStatus(std::string status) {
+    std::lock_guard lock(mutex_);
+    respondStatus_ = std::move(status);
+}
+
+std::string CaptureBook::store(std::string_view requestId, std::string png, std::string contentType,
+                               std::string fileName, std::string_view linkPrefix) {
+    std::string captureId;
+    {
+        std::lock_guard lock(mutex_);
+        captureId = "cap_" + std::to_string(nextCapture_++);
+        images_[captureId] = png;
+        CaptureRecord& record = recordFor(requestId);
+        record.captureId = captureId;
+        record.imageUrl = std::string(linkPrefix) + captureId + ".png";
+        record.png = std::move(png);
+        record.uploadContentType = std::move(contentType);
+        record.uploadFileName = std::move(fileName);
+    }
+    changed_.notify_all();
+    return captureId;
+}
+
+std::optional<std::string> CaptureBook::image(std::string_view captureId) const {
+    std::lock_guard lock(mutex_);
+    auto it = images_.find(captureId);
+    if (it == images_.end()) return std::nullopt;
+    return it->second;
+}
+
+std::optional<CaptureRecord> CaptureBook::find(std::string_view requestId) const {
+    std::lock_guard lock(mutex_);
+    if (const CaptureRecord* record = lookup(requestId)) return *record;
+    return std::nullopt;
+}
+
+std::vector<CaptureRecord> CaptureBook::all() const {
+    std::lock_guard lock(mutex_);
+    return records_;
+}
+
+bool CaptureBook::waitFor(std::string_view requestId, std::chrono::milliseconds timeout,
+                          bool (*done)(const CaptureRecord&)) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] {
+        const CaptureRecord* record = lookup(requestId);
+        return record != nullptr && done(*record);
+    });
+}
+
+CaptureRecord& CaptureBook::recordFor(std::string_view requestId) {
+    auto it = std::find_if(records_.begin(), records_.end(),
+                           [&](const CaptureRecord& r) { return r.requestId == requestId; });
+    if (it != records_.end()) return *it;
+    CaptureRecord& created = records_.emplace_back();
+    created.requestId = requestId;
+    return created;
+}
+
+const CaptureRecord* CaptureBook::lookup(std::string_view requestId) const {
+    auto it = std::find_if(records_.begin(), records_.end(),
+                           [&](const CaptureRecord& r) { return r.requestId == requestId; });
+    return it != records_.end() ? &*it : nullptr;
+}
+
+}  // namespace virela::devserver
