@@ -95,6 +95,10 @@ std::optional<std::string> Virela::supportCode() {
     return sharedClient()->supportCode();
 }
 
+void Virela::showSupportCode() {
+    onMain([](VirelaClient& client) { client.showSupportCode(); });
+}
+
 void Virela::stop() {
     onMain([](VirelaClient& client) { client.stop(); });
 }

@@ -37,6 +37,8 @@ class Virela {
                          std::optional<std::string> phone = std::nullopt);
     static void reset();
     static std::optional<std::string> supportCode();
+    // Shows the customer their support code in a bottom sheet, over the app's window.
+    static void showSupportCode();
     // The style redacted views are painted with from now on. Views marked earlier keep the
     // style they were marked with.
     static void setRedactionStyle(VirelaRedaction style);

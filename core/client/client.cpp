@@ -1,7 +1,9 @@
 #include "core/client/client.hpp"
 
 #include "core/api/errors.hpp"
+#include "core/capture/capture.hpp"
 #include "core/client/fatal.hpp"
+#include "core/client/flow_router.hpp"
 #include "core/client/uuid.hpp"
 #include "core/health/device_health.hpp"
 #include "core/transport/socket_url.hpp"
@@ -35,6 +37,9 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
       clock_(std::move(options.clock)),
       transportFactory_(std::move(options.transportFactory)) {
     if (!clock_) clock_ = std::make_shared<SystemClock>(platform_->main);
+    router_ = std::make_shared<FlowRouter>();
+    prompt_ = ConsentPrompt::create(platform_->prompts, platform_->http, platform_->main);
+    sessionBanner_ = SessionBanner::create(platform_->banner, clock_);
     if (!transportFactory_) {
         transportFactory_ = [http = platform_->http, main = platform_->main](
                                 const Url& baseUrl, const std::string& key) {
@@ -44,6 +49,7 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
 }
 
 VirelaClient::~VirelaClient() {
+    if (promptExpiryTask_) promptExpiryTask_->cancel();
     removeObservers();
     if (pathMonitor_) pathMonitor_->cancel();
 }
@@ -369,7 +375,7 @@ void VirelaClient::route(Push push) {
 }
 
 void VirelaClient::setRouter(std::shared_ptr<PushRouter> router) {
-    router_ = router ? std::move(router) : std::make_shared<PushRouter>();
+    router_ = router ? std::move(router) : std::make_shared<FlowRouter>();
 }
 
 void VirelaClient::setPromptExpiryTask(std::shared_ptr<VirelaCancellable> task) {
@@ -384,11 +390,11 @@ void VirelaClient::closePrompt() {
 }
 
 void VirelaClient::dismissPrompt() {
-    // The consent sheet attaches here.
+    prompt_->dismiss();
 }
 
 void VirelaClient::hideSessionBanner() {
-    // The session banner attaches here.
+    sessionBanner_->hide();
 }
 
 void VirelaClient::scheduleReconnect() {

@@ -11,12 +11,17 @@
 #include "core/client/clock.hpp"
 #include "core/client/platform.hpp"
 #include "core/client/registration.hpp"
+#include "core/consent/consent_prompt.hpp"
+#include "core/live/session_banner.hpp"
 #include "core/transport/socket.hpp"
 #include "core/transport/transport.hpp"
 #include "core/wire/push_records.hpp"
 #include "core/wire/push_router.hpp"
 
 namespace virela {
+
+class ScreenCapture;
+class WindowRegistry;
 
 // What happens on the realtime channel, for diagnostics (the demo prints it). Every callback
 // runs on the main executor.
@@ -92,8 +97,23 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient>, public S
     void setChannelEvents(ChannelEvents events) { events_ = std::move(events); }
     // A control request held back while in the background; replayed on the next foreground.
     void holdControlRequest(ControlPush push) { pendingControl_ = std::move(push); }
+    // The screenshot consent flow. Main executor only.
+    void handleConsent(const ConsentPush& push);
+    // Captures and uploads for an already allowed request (a "capture" push or an allowed
+    // answer). Safe from any thread: the work moves to the main executor.
+    void captureAndUpload(std::string requestId);
+    // Puts the support-code sheet over the app's window. Main executor only; does nothing
+    // before the device has a support code or when no window is visible.
+    void showSupportCode();
+
     // The prompt-expiry wait of the consent flow; cancelled when a prompt is closed.
     void setPromptExpiryTask(std::shared_ptr<VirelaCancellable> task);
+    bool promptExpiryArmed() const noexcept { return promptExpiryTask_ != nullptr; }
+
+    ConsentPrompt& prompt() const noexcept { return *prompt_; }
+    SessionBanner& sessionBanner() const noexcept { return *sessionBanner_; }
+    // The windows the platform reported visible; created on first use, on the main executor.
+    WindowRegistry& windows();
 
     const std::shared_ptr<Transport>& transport() const noexcept { return transport_; }
     const std::optional<RegisterResult>& registration() const noexcept { return registration_; }
@@ -129,6 +149,10 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient>, public S
     void closePrompt();
     void dismissPrompt();
     void hideSessionBanner();
+    void startPromptExpiry(const std::string& expiresAt);
+    void answer(const std::string& requestId, CaptureMode mode, bool allow);
+    void captureAndUploadOnMain(const std::string& requestId);
+    void reportError(const std::exception_ptr& error);
 
     std::shared_ptr<const Platform> platform_;
 
@@ -151,8 +175,12 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient>, public S
     std::shared_ptr<PathMonitor> pathMonitor_;
     std::shared_ptr<VirelaClock> clock_;
     TransportFactory transportFactory_;
-    std::shared_ptr<PushRouter> router_ = std::make_shared<PushRouter>();
+    std::shared_ptr<PushRouter> router_;
     ChannelEvents events_;
+    std::shared_ptr<ConsentPrompt> prompt_;
+    std::shared_ptr<SessionBanner> sessionBanner_;
+    std::unique_ptr<WindowRegistry> windows_;
+    std::unique_ptr<ScreenCapture> capture_;
 
     // Bumped by every configure; a registration reply for an older one is not applied.
     std::uint64_t configureAttempt_ = 0;

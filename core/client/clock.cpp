@@ -1,5 +1,7 @@
 #include "core/client/clock.hpp"
 
+#include <chrono>
+
 #include "core/client/platform.hpp"
 
 namespace virela {
@@ -17,6 +19,11 @@ void TimerToken::cancel() {
 }
 
 SystemClock::SystemClock(std::shared_ptr<MainExecutor> main) : main_(std::move(main)) {}
+
+double SystemClock::now() const {
+    using namespace std::chrono;
+    return duration<double>(system_clock::now().time_since_epoch()).count();
+}
 
 std::shared_ptr<VirelaCancellable> SystemClock::after(double seconds, std::function<void()> work) {
     return std::make_shared<WorkItemToken>(main_->postAfter(seconds, std::move(work)));

@@ -19,6 +19,8 @@ class VirelaCancellable {
 class VirelaClock {
   public:
     virtual ~VirelaClock() = default;
+    // Wall-clock time in seconds since 1970-01-01T00:00:00Z (expiries arrive as dates).
+    virtual double now() const = 0;
     // Runs `work` once, no earlier than `seconds` from now.
     virtual std::shared_ptr<VirelaCancellable> after(double seconds,
                                                      std::function<void()> work) = 0;
@@ -53,6 +55,7 @@ class TimerToken final : public VirelaCancellable {
 class SystemClock final : public VirelaClock {
   public:
     explicit SystemClock(std::shared_ptr<MainExecutor> main);
+    double now() const override;
     std::shared_ptr<VirelaCancellable> after(double seconds, std::function<void()> work) override;
     std::shared_ptr<VirelaCancellable> every(double interval, std::function<void()> work) override;
 

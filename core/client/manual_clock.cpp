@@ -37,7 +37,9 @@ class ManualToken final : public VirelaCancellable {
 };
 }  // namespace
 
-ManualClock::ManualClock() : state_(std::make_shared<State>()) {}
+ManualClock::ManualClock(double start) : state_(std::make_shared<State>()) {
+    state_->now = start;
+}
 ManualClock::~ManualClock() = default;
 
 std::shared_ptr<VirelaCancellable> ManualClock::after(double seconds, std::function<void()> work) {

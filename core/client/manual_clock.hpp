@@ -13,7 +13,9 @@ namespace virela {
 // in due-time order (ties in scheduling order), exactly as the main executor would run it.
 class ManualClock final : public VirelaClock {
   public:
-    ManualClock();
+    // 2026-11-21T00:00:00Z unless a test needs another start.
+    static constexpr double defaultStart = 1'795'219'200;
+    explicit ManualClock(double start = defaultStart);
     ~ManualClock() override;
 
     std::shared_ptr<VirelaCancellable> after(double seconds, std::function<void()> work) override;
@@ -22,7 +24,7 @@ class ManualClock final : public VirelaClock {
     // Moves time forward, running everything that falls due on the way (including work that
     // the ran work schedules inside the window).
     void advance(double seconds);
-    double now() const;
+    double now() const override;
 
     // Every delay passed to after(), in call order; repeating intervals are not included.
     const std::vector<double>& requestedDelays() const;

@@ -18,6 +18,8 @@ class HttpClient;
 class HostInterface;
 class HostActions;
 class Renderer;
+class PromptPresenter;
+class BannerPresenter;
 
 // Platform-level delayed or repeating work. cancel() is idempotent.
 class ScheduledWork {
@@ -184,6 +186,9 @@ struct Platform {
     std::shared_ptr<HostInterface> host;
     std::shared_ptr<HostActions> actions;
     std::shared_ptr<Renderer> renderer;
+    // What the library puts on the customer's screen: the bottom sheets and the session banner.
+    std::shared_ptr<PromptPresenter> prompts;
+    std::shared_ptr<BannerPresenter> banner;
 };
 
 // The platform binding installs its ports once at start-up; the facade's shared client takes

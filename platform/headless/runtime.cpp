@@ -2,6 +2,7 @@
 
 #include "platform/headless/key_value_store.hpp"
 #include "platform/headless/path_monitor.hpp"
+#include "platform/headless/presenters.hpp"
 #include "platform/headless/render/renderer.hpp"
 #include "platform/headless/stderr_log.hpp"
 
@@ -43,6 +44,11 @@ Runtime::Runtime(RuntimeOptions options)
     platform->host = host_;
     platform->actions = host_;
     platform->renderer = std::make_shared<HeadlessRenderer>();
+    auto appearance = [settings = settings_] { return settings->get().appearance; };
+    prompts_ = std::make_shared<HeadlessPromptPresenter>(appearance);
+    banner_ = std::make_shared<HeadlessBannerPresenter>(appearance);
+    platform->prompts = prompts_;
+    platform->banner = banner_;
     platform_ = std::move(platform);
     if (options.install) installPlatform(platform_);
 }

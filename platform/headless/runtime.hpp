@@ -16,6 +16,7 @@
 #include "platform/headless/host/headless_host.hpp"
 #include "platform/headless/http_client.hpp"
 #include "platform/headless/lifecycle.hpp"
+#include "platform/headless/presenters.hpp"
 #include "platform/headless/web_socket.hpp"
 
 namespace virela::headless {
@@ -54,6 +55,9 @@ class Runtime {
     std::shared_ptr<const Platform> platform() const { return platform_; }
     // The app's interface: scenes, windows and views. Touch it on the main thread only.
     const std::shared_ptr<HeadlessHost>& host() const { return host_; }
+    // What the library shows on that interface: the bottom sheet and the session banner.
+    const std::shared_ptr<HeadlessPromptPresenter>& prompts() const { return prompts_; }
+    const std::shared_ptr<HeadlessBannerPresenter>& banner() const { return banner_; }
 
     // Runs `fn` on the main thread and waits for its result (or rethrows its exception). Called
     // on the main thread it simply runs `fn`. Throws std::future_error if the main loop has
@@ -77,6 +81,8 @@ class Runtime {
     std::shared_ptr<KeyValueStore> defaults_;
     std::shared_ptr<HeadlessLifecycle> lifecycle_;
     std::shared_ptr<HeadlessHost> host_;
+    std::shared_ptr<HeadlessPromptPresenter> prompts_;
+    std::shared_ptr<HeadlessBannerPresenter> banner_;
     std::shared_ptr<const Platform> platform_;
 };
 

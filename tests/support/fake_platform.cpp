@@ -84,6 +84,13 @@ std::vector<HttpRequest> FakeHttpClient::requestsTo(const std::string& path) con
     return out;
 }
 
+std::optional<std::size_t> FakeHttpClient::pendingIndex(const std::string& path) const {
+    for (std::size_t i = 0; i < pending_.size(); ++i) {
+        if (pending_[i].first.url.path() == path) return i;
+    }
+    return std::nullopt;
+}
+
 std::size_t FakeHttpClient::pendingCount() const {
     return pending_.size();
 }

@@ -57,6 +57,8 @@ class FakeHttpClient final : public HttpClient {
     std::vector<HttpRequest> requests;
     std::vector<HttpRequest> requestsTo(const std::string& path) const;
     std::size_t pendingCount() const;
+    // The index of the oldest pending request to `path`.
+    std::optional<std::size_t> pendingIndex(const std::string& path) const;
 
   private:
     std::map<std::string, std::deque<HttpOutcome>> scripted_;

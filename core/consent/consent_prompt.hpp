@@ -1,0 +1,90 @@
+#pragma once
+
+// The one bottom sheet through which the library asks the customer anything. One sheet at a
+// time: showing a new one removes the old one without calling its choice.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "core/consent/sheets.hpp"
+#include "core/host/host.hpp"
+
+namespace virela {
+
+class HttpClient;
+class MainExecutor;
+class VirelaCancellable;
+
+// What the sheet's buttons do. The presenter calls them on the main thread.
+struct SheetActions {
+    std::function<void()> allow;
+    std::function<void()> deny;
+    std::function<void()> done;
+};
+
+// The platform's side of the sheet: puts it on screen over a window and takes it away. Main
+// thread only. The model removes a sheet before it presents the next one.
+class PromptPresenter {
+  public:
+    virtual ~PromptPresenter() = default;
+    virtual void presentConsent(HostHandle window, const ConsentSheet& sheet,
+                                SheetActions actions) = 0;
+    virtual void presentSupportCode(HostHandle window, const SupportCodeSheet& sheet,
+                                    SheetActions actions) = 0;
+    // The logo's bytes for the sheet on screen. True when they made an image, which then
+    // replaces the placeholder; false leaves the placeholder.
+    virtual bool showLogo(std::string_view bytes) = 0;
+    virtual void dismiss() = 0;
+};
+
+class ConsentPrompt : public std::enable_shared_from_this<ConsentPrompt> {
+  public:
+    enum class Choice { allow, deny };
+    enum class Showing { consent, control, supportCode };
+    using ChoiceCallback = std::function<void(Choice)>;
+
+    // `presenter` may be empty (a platform without a screen): the model still keeps its state.
+    // `http` fetches logos; completions hop to `main`.
+    static std::shared_ptr<ConsentPrompt> create(std::shared_ptr<PromptPresenter> presenter,
+                                                 std::shared_ptr<HttpClient> http,
+                                                 std::shared_ptr<MainExecutor> main);
+    ~ConsentPrompt();
+    ConsentPrompt(const ConsentPrompt&) = delete;
+    ConsentPrompt& operator=(const ConsentPrompt&) = delete;
+
+    // Removes what is shown, then presents a consent (or control) sheet over `window`.
+    void showConsent(HostHandle window, const ConsentSheet& sheet, Showing showing,
+                     ChoiceCallback onChoice);
+    void showSupportCode(HostHandle window, const std::string& code);
+    // Safe when nothing is shown.
+    void dismiss();
+
+    void allowTapped() { choose(Choice::allow); }
+    void denyTapped() { choose(Choice::deny); }
+    void doneTapped() { dismiss(); }
+
+    const std::optional<Showing>& showing() const noexcept { return showing_; }
+    bool awaitingChoice() const noexcept { return static_cast<bool>(onChoice_); }
+
+  private:
+    ConsentPrompt(std::shared_ptr<PromptPresenter> presenter, std::shared_ptr<HttpClient> http,
+                  std::shared_ptr<MainExecutor> main);
+    void choose(Choice choice);
+    SheetActions actions();
+    void fetchLogo(const Url& url);
+
+    std::shared_ptr<PromptPresenter> presenter_;
+    std::shared_ptr<HttpClient> http_;
+    std::shared_ptr<MainExecutor> main_;
+    ChoiceCallback onChoice_;
+    std::optional<Showing> showing_;
+    std::shared_ptr<VirelaCancellable> logoFetch_;
+    // Bumped by every present and dismiss, so that a late logo or a stale button finds nothing.
+    std::uint64_t sheet_ = 0;
+};
+
+}  // namespace virela

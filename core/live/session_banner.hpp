@@ -1,0 +1,76 @@
+#pragma once
+
+// The pill at the top of the screen that counts down while screenshots are allowed for the
+// whole call. It lives in a passthrough window of its own, so it never blocks the app and is
+// never captured.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "core/host/host.hpp"
+#include "core/theme/palette.hpp"
+
+namespace virela {
+
+class VirelaClock;
+class VirelaCancellable;
+
+inline constexpr double sessionBannerRefreshSeconds = 15;
+
+// "Screenshots allowed · 12 min left" for `remainingSeconds` > 0, minutes rounded up.
+std::string sessionBannerText(double remainingSeconds);
+
+struct BannerColors {
+    AdaptiveColor background;
+    AdaptiveColor text;
+    AdaptiveColor border;
+};
+inline constexpr BannerColors bannerColors{
+    .background = palette::promptTheme[6],
+    .text = palette::promptTheme[7],
+    .border = palette::sessionTint,
+};
+
+// The platform's side: a raised passthrough window in the scene of `window`, carrying the pill.
+// Main thread only.
+class BannerPresenter {
+  public:
+    virtual ~BannerPresenter() = default;
+    virtual void show(HostHandle window, const std::string& text) = 0;
+    virtual void setText(const std::string& text) = 0;
+    virtual void hide() = 0;
+};
+
+class SessionBanner : public std::enable_shared_from_this<SessionBanner> {
+  public:
+    // `presenter` may be empty: the model still counts down.
+    static std::shared_ptr<SessionBanner> create(std::shared_ptr<BannerPresenter> presenter,
+                                                 std::shared_ptr<VirelaClock> clock);
+    ~SessionBanner();
+    SessionBanner(const SessionBanner&) = delete;
+    SessionBanner& operator=(const SessionBanner&) = delete;
+
+    // Replaces any banner shown now. An `expiresAt` (seconds since 1970) that is not in the
+    // future shows nothing.
+    void show(HostHandle window, double expiresAt);
+    // Safe when nothing is shown.
+    void hide();
+    // Recomputes the text; hides the banner once the time is up.
+    void refresh();
+
+    bool visible() const noexcept { return expiresAt_.has_value(); }
+    const std::optional<double>& expiresAt() const noexcept { return expiresAt_; }
+    const std::string& text() const noexcept { return text_; }
+
+  private:
+    SessionBanner(std::shared_ptr<BannerPresenter> presenter, std::shared_ptr<VirelaClock> clock);
+
+    std::shared_ptr<BannerPresenter> presenter_;
+    std::shared_ptr<VirelaClock> clock_;
+    std::shared_ptr<VirelaCancellable> timer_;
+    std::optional<double> expiresAt_;
+    std::string text_;
+};
+
+}  // namespace virela

@@ -1,0 +1,443 @@
+// The screenshot consent flow on the headless screen, with a hand-driven clock and scripted
+// backend replies: the sheet, its expiry, the answer, the banner, capture and upload.
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "core/client/client.hpp"
+#include "core/client/manual_clock.hpp"
+#include "core/consent/sheets.hpp"
+#include "core/wire/date_time.hpp"
+#include "platform/headless/host/builder.hpp"
+#include "platform/headless/presenters.hpp"
+#include "platform/headless/render/image.hpp"
+#include "platform/headless/render/renderer.hpp"
+#include "tests/support/fake_platform.hpp"
+
+namespace virela {
+namespace {
+
+using headless::SheetState;
+using nlohmann::json;
+using testing::FakePlatform;
+
+constexpr const char* kRegistered =
+    R"({"deviceId":"d1","deviceToken":"tok-1","supportCode":"482-913","consentCopy":"c",)"
+    R"("captureMode":"AskEveryTime","isTest":true})";
+
+TEST(ConsentSheet, TextsFollowTheRequest) {
+    EXPECT_EQ(consentBody("{company} lets {agent_name} see {company}.", std::nullopt, std::nullopt),
+              "This app lets support see This app.");
+    EXPECT_EQ(consentBody("{company}/{agent_name}/{Company}", "{company}", "Acme"),
+              "Acme/{company}/{Company}");  // names are inserted, never rescanned
+
+    EXPECT_EQ(requestLine("Dana", "Acme"),
+              "Requested by Dana from Acme support · only this app’s screen");
+    EXPECT_EQ(requestLine("Dana", ""), "Requested by Dana · only this app’s screen");
+    EXPECT_EQ(requestLine("", "Acme"), "only this app’s screen");
+    EXPECT_EQ(requestLine(std::nullopt, std::nullopt), "only this app’s screen");
+
+    auto session = makeConsentSheet(CaptureMode::perSession, "x", std::nullopt, std::nullopt,
+                                    "https://cdn.test/logo.png");
+    EXPECT_EQ(session.title, "Allow screenshots for this call?");
+    EXPECT_EQ(session.allowTitle, "Allow for this call");
+    EXPECT_EQ(session.denyTitle, "Don’t allow");
+    ASSERT_TRUE(session.logo);
+    EXPECT_EQ(makeConsentSheet(CaptureMode::liveView, "x", {}, {}, {}).denyTitle, "Not now");
+    for (const char* bad : {"not a url", "/relative/logo.png", "https://", "ht tp://x/y"}) {
+        EXPECT_FALSE(logoAddress(std::string(bad))) << bad;
+    }
+}
+
+TEST(InternetDateTime, ReadsBothFormsAndRefusesTheRest) {
+    EXPECT_EQ(parseInternetDateTime("1970-01-01T00:00:00Z"), 0.0);
+    EXPECT_DOUBLE_EQ(*parseInternetDateTime("2030-01-01T00:00:00.123Z"), 1893456000.123);
+    EXPECT_EQ(parseInternetDateTime("2030-01-01T00:00:00Z"), 1893456000.0);
+    EXPECT_EQ(parseInternetDateTime("2030-01-01T02:30:00+02:30"), 1893456000.0);
+    EXPECT_EQ(parseInternetDateTime("2024-02-29T00:00:00Z"), 1709164800.0);
+    for (const char* bad :
+         {"tomorrow", "", "2030-01-01", "2030-01-01T00:00:00", "2030-01-01 00:00:00Z",
+          "2030-13-01T00:00:00Z", "2023-02-29T00:00:00Z", "2030-01-01T24:00:00Z",
+          "2030-01-01T00:00:00.Z", "2030-01-01T00:00:00Zjunk", "2030-01-01T00:00:00+0200"}) {
+        EXPECT_FALSE(parseInternetDateTime(bad)) << bad;
+    }
+}
+
+TEST(SessionBannerText, RoundsMinutesUp) {
+    EXPECT_EQ(sessionBannerText(2700), "Screenshots allowed · 45 min left");
+    EXPECT_EQ(sessionBannerText(61), "Screenshots allowed · 2 min left");
+    EXPECT_EQ(sessionBannerText(60), "Screenshots allowed · 1 min left");
+    EXPECT_EQ(sessionBannerText(1), "Screenshots allowed · 1 min left");
+}
+
+class ConsentFlowTest : public ::testing::Test {
+  protected:
+    FakePlatform fake;
+    std::shared_ptr<headless::HeadlessHost> host = std::make_shared<headless::HeadlessHost>();
+    std::shared_ptr<headless::HeadlessPromptPresenter> prompts =
+        std::make_shared<headless::HeadlessPromptPresenter>([] { return Appearance::light; });
+    std::shared_ptr<headless::HeadlessBannerPresenter> banner =
+        std::make_shared<headless::HeadlessBannerPresenter>([] { return Appearance::light; });
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    std::shared_ptr<VirelaClient> client;
+    std::shared_ptr<headless::Window> window;
+    std::vector<std::string> events;
+    std::vector<std::exception_ptr> errors;
+    std::vector<CaptureResult> allowed;
+
+    void SetUp() override {
+        fake.platform->host = host;
+        fake.platform->actions = host;
+        fake.platform->renderer = std::make_shared<headless::HeadlessRenderer>();
+        fake.platform->prompts = prompts;
+        fake.platform->banner = banner;
+        client = VirelaClient::create(fake.platform, {clock, {}});
+        window = headless::makeAppWindow(*host, {390, 844});
+        auto password = headless::textField({16, 100, 358, 44}, "hunter2", /*secure=*/true);
+        headless::add(*window, password);
+        client->setCallbacks(VirelaCallbacks{
+            .onRequestShown =
+                [this] { events.push_back(prompts->sheet() ? "shown+sheet" : "shown"); },
+            .onAllowed =
+                [this](const CaptureResult& r) {
+                    events.push_back("allowed");
+                    allowed.push_back(r);
+                },
+            .onDenied = [this] { events.push_back("denied"); },
+            .onExpired = [this] { events.push_back("expired"); },
+            .onError =
+                [this](const VirelaErrorValue& e) {
+                    events.push_back("error");
+                    errors.push_back(e);
+                },
+        });
+        fake.http->reply("/v1/sdk/devices", 200, kRegistered);
+        client->configure(*Url::parse("https://backend.test"), "key", std::nullopt, false,
+                          [](std::exception_ptr) {});
+        fake.executor->drain();
+        ASSERT_TRUE(client->registration());
+    }
+
+    // A consent push expiring `inSeconds` from now.
+    json consent(const std::string& requestId, double inSeconds = 60,
+                 const std::string& mode = "AskEveryTime") {
+        return {{"type", "consent"},
+                {"payload",
+                 {{"requestId", requestId},
+                  {"mode", mode},
+                  {"consentCopy", "{agent_name} from {company} asks for a screenshot."},
+                  {"promptId", "p-" + requestId},
+                  {"agentName", "Dana"},
+                  {"workspaceName", "Acme"},
+                  {"expiresAt", isoIn(inSeconds)}}}};
+    }
+    std::string isoIn(double seconds) const {
+        const auto t = static_cast<std::time_t>(clock->now() + seconds);
+        char text[32];
+        std::tm tm{};
+        gmtime_r(&t, &tm);
+        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
+        return text;
+    }
+    void push(const json& message) {
+        client->dispatch(message.dump());
+        fake.executor->drain();
+    }
+    void press(const std::string& title) {
+        ASSERT_TRUE(prompts->press(title)) << title;
+        fake.executor->drain();
+    }
+    std::size_t requests(const std::string& path) const {
+        return fake.http->requestsTo(path).size();
+    }
+    void replyAllowed(const std::string& id, const std::string& extra = "") {
+        fake.http->reply("/v1/sdk/captures/" + id + "/respond", 200,
+                         R"({"status":"Allowed")" + extra + "}");
+    }
+    void replyUploaded(const std::string& id) {
+        fake.http->reply("/v1/sdk/captures/" + id + "/upload", 200,
+                         R"({"captureId":"cap-1","imageUrl":"https://img.test/cap-1.png"})");
+    }
+};
+
+TEST_F(ConsentFlowTest, AConsentPushShowsTheSheetAndReportsIt) {
+    push(consent("r1"));
+    EXPECT_EQ(events, std::vector<std::string>{"shown"});  // told before the sheet is up
+    ASSERT_TRUE(prompts->sheet());
+    const SheetState& sheet = *prompts->sheet();
+    EXPECT_EQ(sheet.title, "Share a screenshot?");
+    EXPECT_EQ(sheet.body, "Dana from Acme asks for a screenshot.");
+    EXPECT_EQ(sheet.requestLine, "Requested by Dana from Acme support · only this app’s screen");
+    EXPECT_EQ(sheet.buttons, (std::vector<std::string>{"Allow once", "Don’t allow"}));
+    EXPECT_EQ(sheet.window, window->handle());
+    EXPECT_EQ(client->prompt().showing(), ConsentPrompt::Showing::consent);
+    ASSERT_EQ(requests("/v1/sdk/prompts/p-r1/shown"), 1u);
+    EXPECT_EQ(fake.http->requestsTo("/v1/sdk/prompts/p-r1/shown")[0].body, "{}");
+
+    // Without a prompt id nothing is reported; the sheet still shows.
+    auto bare = consent("r2");
+    bare["payload"]["promptId"] = "";
+    push(bare);
+    EXPECT_EQ(fake.http->requests.back().url.path(), "/v1/sdk/prompts/p-r1/shown");
+    EXPECT_EQ(prompts->sheet()->title, "Share a screenshot?");
+}
+
+TEST_F(ConsentFlowTest, PushesThatCannotBeShownAreDroppedWithoutACallback) {
+    host->scenes()[0]->activation = SceneActivation::background;
+    push(consent("r1"));
+    host->scenes()[0]->activation = SceneActivation::foregroundActive;
+    auto broken = consent("r2");
+    broken["payload"]["mode"] = "Sometimes";
+    push(broken);
+    push(consent("bad id"));  // could never be answered
+    EXPECT_TRUE(events.empty());
+    EXPECT_FALSE(prompts->sheet());
+
+    auto unconfigured = VirelaClient::create(fake.platform, {clock, {}});
+    unconfigured->dispatch(consent("r3").dump());
+    fake.executor->drain();
+    EXPECT_FALSE(prompts->sheet());
+}
+
+TEST_F(ConsentFlowTest, ANewerRequestReplacesTheOlderOneAndItsExpiry) {
+    push(consent("r1", 10));
+    push(consent("r2", 100));
+    EXPECT_EQ(events, (std::vector<std::string>{"shown", "shown"}));
+    clock->advance(50);  // r1's expiry would have fired at 12 s
+    EXPECT_EQ(events.size(), 2u);
+    ASSERT_TRUE(prompts->sheet());
+
+    replyAllowed("r2");
+    replyUploaded("r2");
+    press("Allow once");
+    EXPECT_EQ(requests("/v1/sdk/captures/r1/respond"), 0u);
+    EXPECT_EQ(requests("/v1/sdk/captures/r2/respond"), 1u);
+    EXPECT_FALSE(client->promptExpiryArmed());
+    clock->advance(100);
+    EXPECT_EQ(events, (std::vector<std::string>{"shown", "shown", "allowed"}));
+}
+
+TEST_F(ConsentFlowTest, ExpiryComesTwoSecondsLateAndNeverSoonerThanOneSecond) {
+    auto fractional = consent("r1");
+    fractional["payload"]["expiresAt"] = isoIn(30).substr(0, 19) + ".250Z";
+    push(fractional);
+    EXPECT_DOUBLE_EQ(clock->requestedDelays().back(), 32.25);
+
+    push(consent("r2", -600));
+    EXPECT_DOUBLE_EQ(clock->requestedDelays().back(), 1);
+    clock->advance(0.9);
+    EXPECT_TRUE(prompts->sheet());
+    clock->advance(0.2);
+    EXPECT_FALSE(prompts->sheet());
+    EXPECT_EQ(events.back(), "expired");
+    EXPECT_FALSE(client->promptExpiryArmed());
+
+    // An expiry that cannot be read arms nothing: the sheet waits for the customer.
+    auto unreadable = consent("r3");
+    unreadable["payload"]["expiresAt"] = "tomorrow";
+    const auto delays = clock->requestedDelays().size();
+    push(unreadable);
+    EXPECT_EQ(clock->requestedDelays().size(), delays);
+    clock->advance(86400 * 2);
+    EXPECT_TRUE(prompts->sheet());
+    EXPECT_EQ(std::count(events.begin(), events.end(), "expired"), 1);
+}
+
+TEST_F(ConsentFlowTest, AllowCapturesRedactedAndUploadsOnce) {
+    push(consent("r1"));
+    replyAllowed("r1");
+    replyUploaded("r1");
+    press("Allow once");
+    ASSERT_TRUE(prompts->press("Allow once") == false);  // the sheet is gone: a second tap is lost
+    fake.executor->drain();
+
+    EXPECT_EQ(requests("/v1/sdk/captures/r1/respond"), 1u);
+    EXPECT_EQ(json::parse(fake.http->requestsTo("/v1/sdk/captures/r1/respond")[0].body),
+              json({{"allow", true}}));
+    auto uploads = fake.http->requestsTo("/v1/sdk/captures/r1/upload");
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_NE(uploads[0].body.find("filename=\"capture.png\""), std::string::npos);
+    ASSERT_EQ(allowed.size(), 1u);
+    EXPECT_EQ(allowed[0], (CaptureResult{"cap-1", "https://img.test/cap-1.png"}));
+    EXPECT_EQ(events, (std::vector<std::string>{"shown", "allowed"}));
+    EXPECT_FALSE(client->sessionBanner().visible());
+
+    // The image carries the password's box, not the sheet that was on screen moments before.
+    const std::string& body = uploads[0].body;
+    const auto start = body.find("\x89PNG");
+    ASSERT_NE(start, std::string::npos);
+    auto png = headless::decodePng(std::vector<std::uint8_t>(body.begin() + start, body.end()));
+    ASSERT_TRUE(png);
+    const auto pixel = [&](int x, int y) { return &png->rgba[(y * png->width + x) * 4]; };
+    EXPECT_EQ(std::vector<int>(pixel(20, 104), pixel(20, 104) + 3),
+              (std::vector<int>{226, 59, 55}));  // the default redaction fill
+    EXPECT_EQ(pixel(200, 800)[0], 255);          // where the sheet was: the white app window
+}
+
+TEST_F(ConsentFlowTest, DenyAndRefusalsEndTheRequestWithoutACapture) {
+    push(consent("r1"));
+    fake.http->reply("/v1/sdk/captures/r1/respond", 200, R"({"status":"Denied"})");
+    press("Don’t allow");
+    EXPECT_EQ(json::parse(fake.http->requestsTo("/v1/sdk/captures/r1/respond")[0].body),
+              json({{"allow", false}}));
+    EXPECT_EQ(events.back(), "denied");
+
+    push(consent("r2"));
+    fake.http->reply("/v1/sdk/captures/r2/respond", 200, R"({"status":"allowed"})");
+    press("Allow once");
+    EXPECT_EQ(requests("/v1/sdk/captures/r2/upload"), 0u);
+    EXPECT_EQ(events.back(), "shown");  // no callback at all
+
+    push(consent("r3"));
+    push({{"type", "denied"}, {"payload", json::object()}});
+    EXPECT_FALSE(prompts->sheet());
+    EXPECT_FALSE(client->promptExpiryArmed());
+    EXPECT_EQ(events.back(), "denied");
+    push(consent("r4"));
+    push({{"type", "expired"}, {"payload", json::object()}});
+    EXPECT_EQ(events.back(), "expired");
+    clock->advance(120);
+    EXPECT_EQ(std::count(events.begin(), events.end(), "expired"), 1);
+}
+
+TEST_F(ConsentFlowTest, EveryFailureReachesOnErrorOnce) {
+    struct Case {
+        const char* name;
+        std::function<void(const std::string& id)> script;
+    };
+    const std::vector<Case> cases{
+        {"respond refused",
+         [&](const std::string& id) {
+             fake.http->reply("/v1/sdk/captures/" + id + "/respond", 500,
+                              R"({"error":"boom","message":"No."})");
+         }},
+        {"respond unreachable",
+         [&](const std::string& id) {
+             fake.http->fail(
+                 "/v1/sdk/captures/" + id + "/respond",
+                 std::make_exception_ptr(NetworkError(NetworkError::Kind::refused, "x")));
+         }},
+        {"respond unreadable",
+         [&](const std::string& id) {
+             fake.http->reply("/v1/sdk/captures/" + id + "/respond", 200, "<html>");
+         }},
+        {"upload refused",
+         [&](const std::string& id) {
+             replyAllowed(id);
+             fake.http->reply("/v1/sdk/captures/" + id + "/upload", 413, "");
+         }},
+        {"upload reply not a result",
+         [&](const std::string& id) {
+             replyAllowed(id);
+             fake.http->reply("/v1/sdk/captures/" + id + "/upload", 200, R"({"captureId":7})");
+         }},
+        {"nothing to capture", [&](const std::string& id) { replyAllowed(id); }},
+    };
+    int n = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string id = "e" + std::to_string(n++);
+        window->makeKeyAndVisible();
+        push(consent(id));
+        c.script(id);
+        errors.clear();
+        events.clear();
+        ASSERT_TRUE(prompts->press("Allow once"));
+        // The window goes away while the answer is on its way.
+        if (std::string(c.name) == "nothing to capture") window->hide();
+        fake.executor->drain();
+        EXPECT_EQ(events, std::vector<std::string>{"error"});
+        ASSERT_EQ(errors.size(), 1u);
+    }
+    // The last one: a capture without a window is a VirelaError the host can read.
+    EXPECT_EQ(describe(errors[0]), describe(std::make_exception_ptr(VirelaError(
+                                       0, "no_window", "No visible window to capture."))));
+}
+
+TEST_F(ConsentFlowTest, PerSessionShowsACountdownBannerThatNeverReachesTheImage) {
+    push(consent("r1", 60, "PerSession"));
+    replyAllowed("r1");  // no session expiry: 45 minutes
+    replyUploaded("r1");
+    press("Allow for this call");
+    ASSERT_EQ(banner->text(), "Screenshots allowed · 45 min left");
+    EXPECT_TRUE(banner->window()->passthrough);
+    clock->advance(59);
+    EXPECT_EQ(banner->text(), "Screenshots allowed · 45 min left");
+    clock->advance(1);
+    EXPECT_EQ(banner->text(), "Screenshots allowed · 44 min left");
+    EXPECT_EQ(allowed.size(), 1u);
+
+    // A later capture push is taken without a prompt, and the banner is not in it.
+    replyUploaded("r1");
+    push({{"type", "capture"}, {"payload", {{"requestId", "r1"}}}});
+    ASSERT_EQ(requests("/v1/sdk/captures/r1/upload"), 2u);
+    EXPECT_EQ(allowed.size(), 2u);
+
+    // The backend's session expiry wins; the banner goes at the first refresh after it.
+    push(consent("r2", 60, "PerSession"));
+    replyAllowed("r2", R"(,"sessionExpiresAt":")" + isoIn(30) + "\"");
+    replyUploaded("r2");
+    press("Allow for this call");
+    EXPECT_EQ(banner->text(), "Screenshots allowed · 1 min left");
+    clock->advance(29);
+    EXPECT_TRUE(banner->text());
+    clock->advance(16);
+    EXPECT_FALSE(banner->text());
+    EXPECT_FALSE(client->sessionBanner().visible());
+
+    // A session already over shows nothing.
+    client->sessionBanner().show(window->handle(), clock->now() - 1);
+    EXPECT_FALSE(banner->text());
+}
+
+TEST_F(ConsentFlowTest, TheSupportCodeSheetReplacesAConsentSheetWithoutAChoice) {
+    push(consent("r1"));
+    client->showSupportCode();
+    ASSERT_TRUE(prompts->sheet());
+    EXPECT_EQ(prompts->sheet()->kind, SheetState::Kind::supportCode);
+    EXPECT_EQ(prompts->sheet()->code, "482-913");
+    EXPECT_EQ(prompts->sheet()->title, "Your support code");
+    EXPECT_EQ(prompts->sheet()->note, "Only while you’re on this call.");
+    EXPECT_EQ(client->prompt().showing(), ConsentPrompt::Showing::supportCode);
+    press("Done");
+    EXPECT_FALSE(prompts->sheet());
+    EXPECT_FALSE(prompts->overlay());
+    EXPECT_EQ(requests("/v1/sdk/captures/r1/respond"), 0u);
+    EXPECT_EQ(window->subviews().size(), 1u);  // the overlay left the window
+}
+
+TEST_F(ConsentFlowTest, TheLogoReplacesThePlaceholderOnlyWhenItIsAnImage) {
+    headless::Image image{4, 4, std::vector<std::uint8_t>(4 * 4 * 4, 200)};
+    const auto png = headless::encodePng(image);
+    auto withLogo = [&](const std::string& id, const std::string& url) {
+        auto message = consent(id);
+        message["payload"]["logoUrl"] = url;
+        push(message);
+    };
+    fake.http->reply("/logo.png", 200, std::string(png.begin(), png.end()));
+    withLogo("r1", "https://cdn.test/logo.png");
+    EXPECT_EQ(fake.http->requestsTo("/logo.png").back().method, "GET");
+    EXPECT_EQ(prompts->sheet()->logo, SheetState::Logo::image);
+    EXPECT_EQ(prompts->sheet()->logoWidth, 4);
+
+    fake.http->reply("/garbage.png", 200, "not an image");
+    withLogo("r2", "https://cdn.test/garbage.png");
+    EXPECT_EQ(prompts->sheet()->logo, SheetState::Logo::placeholder);
+    fake.http->reply("/missing.png", 404, "");
+    withLogo("r3", "https://cdn.test/missing.png");
+    withLogo("r4", "::not a url::");
+    EXPECT_EQ(prompts->sheet()->logo, SheetState::Logo::placeholder);
+
+    // A logo that arrives after its sheet was replaced is not put on the newer one.
+    withLogo("r5", "https://cdn.test/slow.png");
+    withLogo("r6", "https://cdn.test/none.png");
+    fake.http->completePending(
+        *fake.http->pendingIndex("/slow.png"),
+        HttpOutcome{HttpResponse{200, {}, std::string(png.begin(), png.end())}, nullptr});
+    fake.executor->drain();
+    EXPECT_EQ(prompts->sheet()->logo, SheetState::Logo::placeholder);
+}
+
+}  // namespace
+}  // namespace virela
