@@ -240,6 +240,11 @@ std::optional<virela::VirelaEnvironment> toCore(VIREnvironment* environment) {
     return virela::ios::toOptionalNSString(virela::Virela::supportCode());
 }
 
++ (void)showSupportCode {
+    virela::ios::ensurePlatformInstalled();
+    virela::Virela::showSupportCode();
+}
+
 + (void)stop {
     virela::ios::ensurePlatformInstalled();
     virela::Virela::stop();

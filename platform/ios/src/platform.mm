@@ -2,7 +2,9 @@
 
 #import <Foundation/Foundation.h>
 
+#include "platform/ios/src/banner_presenter.h"
 #include "platform/ios/src/ports.h"
+#include "platform/ios/src/prompt_presenter.h"
 #include "platform/ios/src/uikit_host.h"
 
 namespace virela::ios {
@@ -23,6 +25,8 @@ std::shared_ptr<const Platform> makePlatform() {
     auto windows = std::make_shared<WindowHandles>();
     platform->host = makeUIKitHost(windows);
     platform->renderer = makeUIKitRenderer(windows);
+    platform->prompts = makePromptPresenter(windows);
+    platform->banner = makeBannerPresenter(windows);
     // `actions` stays empty until remote input's adapter joins it.
     return platform;
 }

@@ -15,6 +15,7 @@
 
 #include "platform/ios/src/ports.h"
 #include "platform/ios/src/strings.h"
+#include "platform/ios/src/theme.h"
 
 namespace virela::ios {
 namespace {
@@ -96,17 +97,6 @@ ContentSizeCategory contentSizeCategory(UIContentSizeCategory category) {
         if ([category isEqualToString:entry.uikit]) return entry.ours;
     }
     return ContentSizeCategory::unspecified;
-}
-
-Appearance appearanceOf(UIUserInterfaceStyle style) {
-    switch (style) {
-        case UIUserInterfaceStyleLight:
-            return Appearance::light;
-        case UIUserInterfaceStyleDark:
-            return Appearance::dark;
-        default:
-            return Appearance::unspecified;
-    }
 }
 
 class UIKitDeviceFacts final : public DeviceFacts {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/ios/src/strings.h"
+#include "platform/ios/src/theme.h"
 #include "platform/ios/src/uikit_host.h"
 
 #if !__has_feature(objc_arc)
@@ -21,10 +22,6 @@ namespace {
 CGRect toCGRect(const Rect& rect) {
     if (rect.isNull()) return CGRectNull;
     return CGRectMake(rect.x, rect.y, rect.width, rect.height);
-}
-
-UIColor* toUIColor(const Color& color) {
-    return [UIColor colorWithRed:color.red green:color.green blue:color.blue alpha:color.alpha];
 }
 
 // The label in the largest bold system font up to 14 pt that fits the rectangle's width and

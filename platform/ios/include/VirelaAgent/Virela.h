@@ -186,6 +186,10 @@ NS_SWIFT_NAME(Virela)
 /// when the backend gave none.
 + (nullable NSString*)supportCode NS_SWIFT_NAME(supportCode());
 
+/// Shows the customer their support code in a bottom sheet over the app's window, for them to
+/// read out to the support agent.
++ (void)showSupportCode NS_SWIFT_NAME(showSupportCode());
+
 /// Closes the realtime channel and takes down anything on screen. The registration is kept;
 /// configure starts the client again.
 + (void)stop NS_SWIFT_NAME(stop());
@@ -238,6 +242,27 @@ NS_SWIFT_NAME(VirelaRedaction)
                         label:(nullable NSString*)label
                    labelColor:(nullable UIColor*)labelColor
     NS_SWIFT_NAME(virelaRedact(color:label:labelColor:));
+
+@end
+
+#pragma mark - Theming
+
+/// A view for the colours a layer holds (a border, a shadow). Layers take CGColors, which do not
+/// follow the light and dark appearance: `apply` sets them again whenever the view's colour
+/// appearance changes. It is not called at creation, so set the first colours yourself. Call on
+/// the main thread.
+NS_SWIFT_NAME(ThemedLayerView)
+@interface VIRThemedLayerView : UIView
+
+/// `apply` receives the view, so it need not capture it (which would keep the view alive).
+- (instancetype)initWithApply:(void (^)(VIRThemedLayerView* view))apply NS_DESIGNATED_INITIALIZER;
+- (instancetype)initWithFrame:(CGRect)frame NS_UNAVAILABLE;
+/// Made in code only: decoding one from a storyboard or nib stops the process.
+- (nullable instancetype)initWithCoder:(NSCoder*)coder NS_UNAVAILABLE;
+- (instancetype)init NS_UNAVAILABLE;
++ (instancetype)new NS_UNAVAILABLE;
+
+@property(nonatomic, copy, readonly) void (^apply)(VIRThemedLayerView* view);
 
 @end
 
