@@ -13,6 +13,8 @@
 #include "core/api/virela.hpp"
 #include "core/client/client.hpp"
 #include "core/transport/transport.hpp"
+#include "platform/headless/host/builder.hpp"
+#include "platform/headless/render/image.hpp"
 #include "platform/headless/runtime.hpp"
 #include "tools/devserver/server.hpp"
 
@@ -243,6 +245,82 @@ TEST_F(Channel, ComesBackAfterADroppedConnectionAndABackendRestart) {
     backend.start(options);
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_EQ(backend.connectionsAccepted(deviceId), 3u);
+}
+
+// Waits on the test thread until `ready` holds on the main thread.
+template <class F>
+bool eventually(headless::Runtime& runtime, F ready) {
+    for (int i = 0; i < 500; ++i) {
+        if (runtime.runOnMain(ready)) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+TEST_F(Integration, AScreenshotTheCustomerAllowsReachesTheBackendRedacted) {
+    std::mutex mutex;
+    std::vector<CaptureResult> allowed;
+    std::vector<std::string> errors;
+    runtime->runOnMain([&] {
+        auto window = headless::makeAppWindow(*runtime->host(), {390, 844});
+        headless::add(*window, headless::textField({16, 100, 358, 44}, "hunter2", true));
+        client->setCallbacks({.onAllowed =
+                                  [&](const CaptureResult& r) {
+                                      std::lock_guard lock(mutex);
+                                      allowed.push_back(r);
+                                  },
+                              .onError =
+                                  [&](const VirelaErrorValue& e) {
+                                      std::lock_guard lock(mutex);
+                                      errors.push_back(describe(e));
+                                  }});
+    });
+    ASSERT_EQ(configure(), nullptr);
+    const auto deviceId = runtime->runOnMain([&] { return client->registration()->deviceId; });
+    ASSERT_TRUE(backend.waitForConnection(deviceId, std::chrono::seconds(5)));
+    auto uploads = [&] {
+        std::lock_guard lock(mutex);
+        return allowed.size() + errors.size();
+    };
+
+    devserver::ScreenshotRequest request;
+    request.mode = "PerSession";
+    request.agentName = "Dana";
+    request.workspaceName = "Acme";
+    request.logoUrl = backend.logoUrl();
+    auto asked = backend.askScreenshot(deviceId, request);
+    ASSERT_TRUE(asked);
+    const auto& prompts = runtime->prompts();
+    ASSERT_TRUE(eventually(*runtime, [&] {
+        return prompts->sheet() && prompts->sheet()->logo == headless::SheetState::Logo::image;
+    }));
+    EXPECT_EQ(runtime->runOnMain([&] { return prompts->sheet()->requestLine; }),
+              "Requested by Dana from Acme support · only this app’s screen");
+    ASSERT_TRUE(runtime->runOnMain([&] { return prompts->press("Allow for this call"); }));
+    ASSERT_TRUE(backend.waitForUpload(asked->requestId, std::chrono::seconds(10)));
+    ASSERT_TRUE(eventually(*runtime, [&] { return uploads() == 1; }));
+
+    auto record = backend.captureRequest(asked->requestId);
+    ASSERT_TRUE(record);
+    EXPECT_TRUE(record->promptShown);
+    EXPECT_EQ(record->answer, true);
+    ASSERT_EQ(allowed.size(), 1u) << (errors.empty() ? "" : errors[0]);
+    EXPECT_EQ(allowed[0].captureId, record->captureId);
+    EXPECT_EQ(allowed[0].imageUrl, record->imageUrl);
+    auto png =
+        headless::decodePng(std::vector<std::uint8_t>(record->png.begin(), record->png.end()));
+    ASSERT_TRUE(png);
+    EXPECT_EQ(png->width, 390);
+    const std::uint8_t* box = &png->rgba[(104 * png->width + 20) * 4];
+    EXPECT_EQ(std::vector<int>(box, box + 3), (std::vector<int>{226, 59, 55}));
+    EXPECT_EQ(runtime->runOnMain([&] { return runtime->banner()->text(); }),
+              "Screenshots allowed · 45 min left");
+
+    // Within the allowed call, the agent's next screenshot needs no prompt.
+    ASSERT_TRUE(backend.sendCapture(deviceId, asked->requestId));
+    ASSERT_TRUE(eventually(*runtime, [&] { return uploads() == 2; }));
+    EXPECT_FALSE(runtime->runOnMain([&] { return prompts->sheet().has_value(); }));
+    EXPECT_NE(backend.captureRequest(asked->requestId)->captureId, record->captureId);
 }
 
 TEST_F(Integration, FacadeConfiguresInBothForms) {

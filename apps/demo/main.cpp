@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
@@ -16,11 +17,13 @@
 #include <thread>
 #include <variant>
 
+#include "apps/demo/customer.hpp"
 #include "apps/demo/sample_screen.hpp"
 #include "core/api/errors.hpp"
 #include "core/api/virela.hpp"
 #include "core/capture/capture.hpp"
 #include "core/client/client.hpp"
+#include "core/control/windows.hpp"
 #include "platform/headless/runtime.hpp"
 #include "tools/devserver/server.hpp"
 
@@ -34,12 +37,13 @@ struct Arguments {
     std::optional<std::string> stateDir;
     std::optional<double> staySeconds;
     std::string outDir = "virela-captures";
+    demo::ConsentPolicy consent = demo::ConsentPolicy::allow;
 };
 
 void usage(std::FILE* out) {
     std::fputs(
         "usage: virela-demo [--base-url URL] [--key KEY] [--state-dir DIR] [--stay SECONDS]\n"
-        "                   [--out DIR]\n"
+        "                   [--out DIR] [--consent allow|deny|ask]\n"
         "\n"
         "Without --base-url the demo starts the local backend on 127.0.0.1, plays the agent's\n"
         "side of a short session against it and stops. With --base-url it registers with that\n"
@@ -48,8 +52,10 @@ void usage(std::FILE* out) {
         "  --key KEY         the API key (default vk_demo_local, which the local backend accepts)\n"
         "  --state-dir DIR   where the install identifier is kept (default ~/.local/state/virela)\n"
         "  --stay SECONDS    stay connected this long before stopping (0: until interrupted)\n"
-        "  --out DIR         where captures of the sample screen are written (default\n"
-        "                    ./virela-captures)\n",
+        "  --out DIR         where the screenshots the agent receives are written (default\n"
+        "                    ./virela-captures)\n"
+        "  --consent ANSWER  how the customer answers consent sheets: allow (default), deny, or\n"
+        "                    ask (the sheet is printed and you answer at the terminal)\n",
         out);
 }
 
@@ -73,6 +79,10 @@ std::optional<Arguments> parse(int argc, char** argv) {
             args.stateDir = *v;
         } else if (arg == "--out" && (v = value())) {
             args.outDir = *v;
+        } else if (arg == "--consent" && (v = value())) {
+            auto policy = demo::consentPolicy(*v);
+            if (!policy) return std::nullopt;
+            args.consent = *policy;
         } else if (arg == "--stay" && (v = value())) {
             char* end = nullptr;
             double seconds = std::strtod(v->c_str(), &end);
@@ -174,13 +184,100 @@ extern "C" void onSignal(int) {
     interrupted = true;
 }
 
+// What the host's callbacks reported, so the agent's script can wait for an answer.
+struct HostOutcomes {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int count = 0;
+    void add() {
+        {
+            std::lock_guard lock(mutex);
+            ++count;
+        }
+        changed.notify_all();
+    }
+    // Waits for the outcome after `seen`; false on time-out.
+    bool waitBeyond(int seen, std::chrono::seconds limit) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, limit, [&] { return count > seen; });
+    }
+    int current() {
+        std::lock_guard lock(mutex);
+        return count;
+    }
+};
+
+// Writes the image the agent received for `requestId` and says where it went.
+void saveReceived(virela::devserver::Server& backend, const std::string& requestId,
+                  const std::filesystem::path& path) {
+    auto record = backend.captureRequest(requestId);
+    if (!record || !record->captureId) {
+        say("agent: no image for %s (%s)", requestId.c_str(),
+            record && record->answer == false ? "the customer declined" : "nothing arrived");
+        return;
+    }
+    std::ofstream file(path, std::ios::binary);
+    file.write(record->png.data(), static_cast<std::streamsize>(record->png.size()));
+    if (!file) {
+        say("agent: could not write %s", path.c_str());
+        return;
+    }
+    say("agent: received capture %s (%zu bytes PNG, %s), written to %s", record->captureId->c_str(),
+        record->png.size(), record->imageUrl->c_str(), path.c_str());
+}
+
+// The agent asks for screenshots: once, then for the whole call with a countdown banner and a
+// second screenshot without a prompt.
+void playScreenshots(virela::devserver::Server& backend, HostOutcomes& outcomes,
+                     const std::string& deviceId, const std::filesystem::path& outDir,
+                     demo::ConsentPolicy policy) {
+    const auto answerTime = policy == demo::ConsentPolicy::ask ? 70s : 10s;
+    virela::devserver::ScreenshotRequest once;
+    once.agentName = "Dana";
+    once.workspaceName = "Acme";
+    once.logoUrl = backend.logoUrl();
+    say("agent: Dana asks for a screenshot");
+    int seen = outcomes.current();
+    auto asked = backend.askScreenshot(deviceId, once);
+    if (!asked || !outcomes.waitBeyond(seen, answerTime)) {
+        say("agent: no answer to the screenshot request");
+        return;
+    }
+    saveReceived(backend, asked->requestId, outDir / "screenshot.png");
+
+    virela::devserver::ScreenshotRequest session = once;
+    session.mode = "PerSession";
+    session.consentCopy =
+        "{agent_name} from {company} would like to take screenshots during this call. Anything "
+        "marked private stays hidden.";
+    say("agent: Dana asks to take screenshots for the rest of the call");
+    seen = outcomes.current();
+    asked = backend.askScreenshot(deviceId, session);
+    if (!asked || !outcomes.waitBeyond(seen, answerTime)) {
+        say("agent: no answer to the session request");
+        return;
+    }
+    auto record = backend.captureRequest(asked->requestId);
+    if (!record || !record->captureId) return;  // refused
+    saveReceived(backend, asked->requestId, outDir / "session-1.png");
+    say("agent: (waiting 16 s: the banner refreshes every 15 s)");
+    std::this_thread::sleep_for(16s);
+    say("agent: takes another screenshot, no prompt needed within the call");
+    seen = outcomes.current();
+    backend.sendCapture(deviceId, asked->requestId);
+    if (outcomes.waitBeyond(seen, 10s)) {
+        saveReceived(backend, asked->requestId, outDir / "session-2.png");
+    }
+    say("agent: ends the call");
+    backend.pushText(deviceId, R"({"type":"session","payload":{"state":"ended"}})");
+    std::this_thread::sleep_for(300ms);
+}
+
 // The agent's side of a short session, played by the embedded backend.
 void playAgent(virela::devserver::Server& backend, virela::headless::Runtime& runtime,
                const std::string& deviceId) {
     say("agent: pushing a few actions");
     const char* frames[] = {
-        R"({"type":"consent","payload":{"requestId":"req-1","mode":"AskEveryTime","consentCopy":"{company} would like to see your screen.","agentName":"Sam","workspaceName":"Acme Support","expiresAt":"2030-01-01T00:00:00Z"}})",
-        R"({"type":"expired","payload":{}})",
         R"({"type":"live","payload":{"sessionId":"live-1","state":"requested","generation":"1"}})",
         R"({"type":"guide","payload":{"sessionId":"live-1","kind":"label","x":0.5,"y":0.3,"text":"Tap Settings"}})",
         R"({"type":"live-note","payload":{"sessionId":"live-1","kind":"frameSaved","generation":2}})",
@@ -221,38 +318,34 @@ void playAgent(virela::devserver::Server& backend, virela::headless::Runtime& ru
 
 }  // namespace
 
-// Shows the sample screen and captures it as the agent will receive it: a PNG screenshot and a
-// JPEG live frame, with every sensitive view painted over.
+// Shows the sample screen and captures a JPEG live frame of it, as live sharing will send it,
+// with every sensitive view painted over.
 demo::SampleScreen captureSampleScreen(virela::headless::Runtime& runtime,
                                        const std::filesystem::path& outDir) {
     return runtime.runOnMain([&] {
         auto screen = demo::showSampleScreen(*runtime.host());
         say("app: showing the checkout screen (a password, a card number and a security code "
             "are sensitive)");
-        virela::ScreenCapture capture(virela::WindowRegistry::shared(),
+        virela::ScreenCapture capture(virela::Virela::sharedClient()->windows(),
                                       runtime.platform()->renderer, runtime.platform()->log);
-        std::error_code error;
-        std::filesystem::create_directories(outDir, error);
-        for (const bool live : {false, true}) {
-            const auto path = outDir / (live ? "live-frame.jpg" : "screenshot.png");
-            try {
-                const auto bytes = capture.capture(live);
-                std::size_t boxes = 0;
-                for (const auto& step : capture.lastPlan().steps) {
-                    boxes += step.kind == virela::CaptureStep::Kind::paintRedaction;
-                }
-                std::ofstream file(path, std::ios::binary);
-                file.write(reinterpret_cast<const char*>(bytes.data()),
-                           static_cast<std::streamsize>(bytes.size()));
-                if (!file) {
-                    say("app: could not write %s", path.c_str());
-                    continue;
-                }
-                say("app: %s with %zu redaction boxes written to %s (%zu bytes)",
-                    live ? "live frame" : "screenshot", boxes, path.c_str(), bytes.size());
-            } catch (...) {
-                say("app: capture failed: %s", failureText(std::current_exception()).c_str());
+        const auto path = outDir / "live-frame.jpg";
+        try {
+            const auto bytes = capture.capture(/*live=*/true);
+            std::size_t boxes = 0;
+            for (const auto& step : capture.lastPlan().steps) {
+                boxes += step.kind == virela::CaptureStep::Kind::paintRedaction;
             }
+            std::ofstream file(path, std::ios::binary);
+            file.write(reinterpret_cast<const char*>(bytes.data()),
+                       static_cast<std::streamsize>(bytes.size()));
+            if (file) {
+                say("app: live frame with %zu redaction boxes written to %s (%zu bytes)", boxes,
+                    path.c_str(), bytes.size());
+            } else {
+                say("app: could not write %s", path.c_str());
+            }
+        } catch (...) {
+            say("app: capture failed: %s", failureText(std::current_exception()).c_str());
         }
         return screen;
     });
@@ -285,19 +378,43 @@ int main(int argc, char** argv) {
     virela::devserver::Server backend;
     const bool embedded = !baseUrl;
     if (embedded) {
-        backend.start();
+        virela::devserver::Options backendOptions;
+        // A short allowed call, so that the banner's countdown visibly moves.
+        backendOptions.sessionSeconds = 62;
+        backend.start(backendOptions);
         baseUrl = backend.url();
         say("local backend listening on %s", baseUrl->c_str());
     }
 
+    std::error_code dirError;
+    std::filesystem::create_directories(args->outDir, dirError);
+    HostOutcomes outcomes;
     virela::Virela::on(virela::VirelaCallbacks{
-        .onDenied = [] { say("host: onDenied"); },
-        .onExpired = [] { say("host: onExpired"); },
+        .onRequestShown = [] { say("host: onRequestShown"); },
+        .onAllowed =
+            [&outcomes](const virela::CaptureResult& result) {
+                say("host: onAllowed: capture %s at %s", result.captureId.c_str(),
+                    result.imageUrl.c_str());
+                outcomes.add();
+            },
+        .onDenied =
+            [&outcomes] {
+                say("host: onDenied");
+                outcomes.add();
+            },
+        .onExpired =
+            [&outcomes] {
+                say("host: onExpired");
+                outcomes.add();
+            },
         .onError =
-            [](const virela::VirelaErrorValue& e) {
+            [&outcomes](const virela::VirelaErrorValue& e) {
                 say("host: onError: %s", failureText(e).c_str());
+                outcomes.add();
             },
     });
+    demo::Customer customer(runtime, args->consent,
+                            [](const std::string& line) { say("%s", line.c_str()); });
     auto client = virela::Virela::sharedClient();
     runtime.runOnMain([&] {
         client->setChannelEvents({
@@ -352,10 +469,15 @@ int main(int argc, char** argv) {
 
     const auto screen = captureSampleScreen(runtime, args->outDir);
 
+    say("app: the customer opens the support code");
+    virela::Virela::showSupportCode();
+    if (waitFor([&] { return customer.press("Done"); }, 3s)) say("customer: taps [Done]");
+
     if (embedded) {
         if (!backend.waitForConnection(registration.deviceId, 10s)) {
             say("the device did not connect to the realtime channel");
         }
+        playScreenshots(backend, outcomes, registration.deviceId, args->outDir, args->consent);
         playAgent(backend, runtime, registration.deviceId);
     }
 

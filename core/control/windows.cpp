@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <mutex>
 
-#include "core/client/fatal.hpp"
 #include "core/client/platform.hpp"
 
 namespace virela {
@@ -21,19 +20,6 @@ WindowRegistry::WindowRegistry(std::shared_ptr<HostInterface> host) : host_(std:
 }
 
 WindowRegistry::~WindowRegistry() = default;
-
-WindowRegistry& WindowRegistry::shared() {
-    static WindowRegistry* registry = [] {
-        auto platform = installedPlatform();
-        if (!platform || !platform->host) {
-            fatalPrecondition(
-                "the window registry needs a platform with a host interface; install the "
-                "platform first");
-        }
-        return new WindowRegistry(platform->host);  // lives for the life of the process
-    }();
-    return *registry;
-}
 
 void WindowRegistry::dropGoneAnd(HostHandle window) {
     std::erase_if(tracked_,

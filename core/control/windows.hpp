@@ -24,10 +24,6 @@ class WindowRegistry {
     WindowRegistry(const WindowRegistry&) = delete;
     WindowRegistry& operator=(const WindowRegistry&) = delete;
 
-    // The process-wide registry over the installed platform's host, created on first use and
-    // kept for the life of the process.
-    static WindowRegistry& shared();
-
     HostInterface& host() const noexcept { return *host_; }
     const std::vector<HostHandle>& tracked() const noexcept { return tracked_; }
 
