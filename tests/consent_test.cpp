@@ -26,6 +26,24 @@ constexpr const char* kRegistered =
     R"({"deviceId":"d1","deviceToken":"tok-1","supportCode":"482-913","consentCopy":"c",)"
     R"("captureMode":"AskEveryTime","isTest":true})";
 
+TEST(Palette, HexIsReadLenientlyAndFollowsTheAppearance) {
+    const Color white{1, 1, 1, 1};
+    const Color black{0, 0, 0, 1};
+    EXPECT_EQ(colorFromHex("FFFFFF"), white);
+    EXPECT_EQ(colorFromHex("#FFFFFF"), white);
+    EXPECT_EQ(colorFromHex("+ffffff"), white);
+    EXPECT_EQ(colorFromHex("#80FFFFFF"), white);  // eight digits carry no alpha
+    for (const char* bad : {"#GG0000", "", "#", "#1FFFFFFFF", "-1", "# FFFFFF"}) {
+        EXPECT_EQ(colorFromHex(bad), black) << bad;
+    }
+    EXPECT_EQ(colorFromHex("#0A5A49", 0.5), (Color{10 / 255.0, 90 / 255.0, 73 / 255.0, 0.5}));
+
+    EXPECT_EQ(palette::liveRed.resolve(Appearance::dark), colorFromHex("#FF6A64"));
+    EXPECT_EQ(palette::liveRed.resolve(Appearance::unspecified), colorFromHex("#DC3834"));
+    EXPECT_EQ(palette::liveRed.resolve(Appearance::light), colorFromHex("#DC3834"));
+    EXPECT_EQ(palette::whiteGlass24.resolve(), (Color{1, 1, 1, 0.24}));
+}
+
 TEST(ConsentSheet, TextsFollowTheRequest) {
     EXPECT_EQ(consentBody("{company} lets {agent_name} see {company}.", std::nullopt, std::nullopt),
               "This app lets support see This app.");
