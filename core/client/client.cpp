@@ -384,8 +384,7 @@ void VirelaClient::setPromptExpiryTask(std::shared_ptr<VirelaCancellable> task) 
 }
 
 void VirelaClient::closePrompt() {
-    if (promptExpiryTask_) promptExpiryTask_->cancel();
-    promptExpiryTask_.reset();
+    setPromptExpiryTask(nullptr);
     dismissPrompt();
 }
 

@@ -57,7 +57,6 @@ void ConsentPrompt::dismiss() {
 void ConsentPrompt::choose(Choice choice) {
     // The sheet is gone before the caller hears of the choice; a second tap finds nothing.
     ChoiceCallback callback = std::move(onChoice_);
-    onChoice_ = nullptr;
     dismiss();
     if (callback) callback(choice);
 }

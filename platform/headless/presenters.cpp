@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "platform/headless/host/builder.hpp"
+#include "platform/headless/render/font.hpp"
 #include "platform/headless/render/image.hpp"
 
 namespace virela::headless {
@@ -27,7 +28,13 @@ constexpr double kBannerLevel = 1001;
 
 double textHeight(const std::string& text, double width) {
     const double perLine = std::max(1.0, std::floor(width / kCharWidth));
-    return kLineHeight * std::max(1.0, std::ceil(static_cast<double>(text.size()) / perLine));
+    return kLineHeight * std::max(1.0, std::ceil(static_cast<double>(glyphCount(text)) / perLine));
+}
+
+// The pill's frame for `text`, centred in a window `windowWidth` wide.
+Rect pillFrame(const std::string& text, double windowWidth) {
+    const double width = kCharWidth * static_cast<double>(glyphCount(text)) + 30;
+    return {(windowWidth - width) / 2, 12, width, 30};
 }
 
 }  // namespace
@@ -189,9 +196,7 @@ void HeadlessBannerPresenter::show(HostHandle window, const std::string& text) {
     window_->screenOrigin = anchor->screenOrigin;
     window_->level = kBannerLevel;
     window_->passthrough = true;  // touches fall through to the app; never captured
-    const double width = kCharWidth * static_cast<double>(text.size()) + 30;
-    pill_ = label({(anchor->frame.width - width) / 2, 12, width, 16 + 14}, text,
-                  bannerColors.text.resolve(look));
+    pill_ = label(pillFrame(text, anchor->frame.width), text, bannerColors.text.resolve(look));
     pill_->background = bannerColors.background.resolve(look);
     pill_->borderColor = bannerColors.border.resolve(look);
     pill_->borderWidth = 1;
@@ -205,6 +210,7 @@ void HeadlessBannerPresenter::setText(const std::string& text) {
     if (!pill_) return;
     pill_->text = text;
     pill_->accessibilityLabel = text;
+    pill_->frame = pillFrame(text, window_->frame.width);
     if (onChange_) onChange_();
 }
 
