@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "core/client/client.hpp"
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 #include "tests/support/queue_executor.hpp"
 
 namespace virela {
@@ -19,13 +19,13 @@ using testing::QueueExecutor;
 
 struct CountingRouter final : PushRouter {
     std::size_t routed = 0;
-    void consent(VirelaClient&, const ConsentPush&) override { ++routed; }
-    void capture(const std::shared_ptr<VirelaClient>&, const CapturePush&) override { ++routed; }
-    void live(VirelaClient&, const LivePush&) override { ++routed; }
-    void liveNote(VirelaClient&, const LiveNotePush&) override { ++routed; }
-    void guide(VirelaClient&, const GuidePush&) override { ++routed; }
-    void control(VirelaClient&, const ControlPush&) override { ++routed; }
-    void controlInput(VirelaClient&, const ControlInputPush&) override { ++routed; }
+    void consent(const ConsentPush&) override { ++routed; }
+    void capture(const CapturePush&) override { ++routed; }
+    void live(const LivePush&) override { ++routed; }
+    void liveNote(const LiveNotePush&) override { ++routed; }
+    void guide(const GuidePush&) override { ++routed; }
+    void control(const ControlPush&) override { ++routed; }
+    void controlInput(const ControlInputPush&) override { ++routed; }
 };
 
 const std::vector<std::string>& mixedFrames() {
@@ -56,7 +56,7 @@ void BM_DispatchMixedFrames(benchmark::State& state) {
     const auto& frames = mixedFrames();
     std::size_t i = 0;
     for (auto _ : state) {
-        client->dispatch(frames[i]);
+        client->channel().dispatch(frames[i]);
         executor->drain();
         if (++i == frames.size()) i = 0;
     }

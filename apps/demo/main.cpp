@@ -19,11 +19,9 @@
 
 #include "apps/demo/customer.hpp"
 #include "apps/demo/sample_screen.hpp"
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
 #include "core/api/virela.hpp"
-#include "core/capture/capture.hpp"
-#include "core/client/client.hpp"
-#include "core/control/windows.hpp"
+#include "core/api/diagnostics.hpp"
 #include "platform/headless/runtime.hpp"
 #include "tools/devserver/server.hpp"
 
@@ -326,15 +324,11 @@ demo::SampleScreen captureSampleScreen(virela::headless::Runtime& runtime,
         auto screen = demo::showSampleScreen(*runtime.host());
         say("app: showing the checkout screen (a password, a card number and a security code "
             "are sensitive)");
-        virela::ScreenCapture capture(virela::Virela::sharedClient()->windows(),
-                                      runtime.platform()->renderer, runtime.platform()->log);
         const auto path = outDir / "live-frame.jpg";
         try {
-            const auto bytes = capture.capture(/*live=*/true);
-            std::size_t boxes = 0;
-            for (const auto& step : capture.lastPlan().steps) {
-                boxes += step.kind == virela::CaptureStep::Kind::paintRedaction;
-            }
+            const auto shot = virela::VirelaDiagnostics::captureScreen(/*live=*/true);
+            const auto& bytes = shot.bytes;
+            const std::size_t boxes = shot.redactionBoxes;
             std::ofstream file(path, std::ios::binary);
             file.write(reinterpret_cast<const char*>(bytes.data()),
                        static_cast<std::streamsize>(bytes.size()));
@@ -415,9 +409,7 @@ int main(int argc, char** argv) {
     });
     demo::Customer customer(runtime, args->consent,
                             [](const std::string& line) { say("%s", line.c_str()); });
-    auto client = virela::Virela::sharedClient();
-    runtime.runOnMain([&] {
-        client->setChannelEvents({
+    virela::VirelaDiagnostics::observeChannel({
             .onConnecting =
                 [](const virela::Url& url) { say("connecting to %s", url.str().c_str()); },
             .onOpen = [] { say("connected"); },
@@ -431,7 +423,6 @@ int main(int argc, char** argv) {
                 },
             .onPush = [](const virela::Push& push) { say("push %s", describe(push).c_str()); },
         });
-    });
 
     say("configuring against %s", baseUrl->c_str());
     auto environment = virela::VirelaEnvironment::custom(*virela::Url::parse(*baseUrl));
@@ -444,10 +435,9 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    auto registration = runtime.runOnMain([&] { return *client->registration(); });
-    auto installId = runtime.runOnMain([&] { return client->installId(args->key); });
+    const auto registration = *virela::VirelaDiagnostics::device();
     say("registered: device %s (install %s, capture mode %s%s)", registration.deviceId.c_str(),
-        installId.c_str(), virela::rawValue(registration.captureMode),
+        registration.installId.c_str(), virela::rawValue(registration.captureMode),
         registration.isTest ? ", test" : "");
     auto code = virela::Virela::supportCode();
     say("support code: %s", code ? code->c_str() : "(none)");

@@ -5,8 +5,8 @@
 #include <mutex>
 
 #include "core/client/client.hpp"
-#include "core/client/fatal.hpp"
-#include "core/client/platform.hpp"
+#include "core/ports/fatal.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela {
 

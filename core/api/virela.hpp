@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "core/api/records.hpp"
+#include "core/base/records.hpp"
 
 namespace virela {
 

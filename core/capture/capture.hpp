@@ -7,9 +7,10 @@
 #include <memory>
 #include <vector>
 
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 #include "core/control/windows.hpp"
-#include "core/host/host.hpp"
+#include "core/ports/host.hpp"
+#include "core/ports/renderer.hpp"
 #include "core/redaction/redaction_walk.hpp"
 
 namespace virela {

@@ -1,5 +1,16 @@
 #pragma once
 
+// The client composes the flows and owns what they share: the transport of the latest
+// configure, the stored registration, the host's callbacks and the window registry. It runs
+// the lifecycle (configure, identify, reset, stop) and hands each push to the flow that owns it.
+//
+// Flows: the realtime channel, the capture consent flow and the health reporter. The live
+// session and the control lease join the same way: a class of their own in their subsystem,
+// made in the constructor with the parts they need and this client as their FlowContext, and a
+// branch in route() and in stop().
+//
+// Confined to the main executor: every member function except supportCode() runs there.
+
 #include <exception>
 #include <functional>
 #include <memory>
@@ -7,35 +18,25 @@
 #include <optional>
 #include <string>
 
-#include "core/api/records.hpp"
-#include "core/client/clock.hpp"
-#include "core/client/platform.hpp"
+#include "core/base/records.hpp"
+#include "core/client/push_router.hpp"
 #include "core/client/registration.hpp"
+#include "core/consent/capture_consent_flow.hpp"
 #include "core/consent/consent_prompt.hpp"
+#include "core/flow/flow_context.hpp"
+#include "core/health/health_reporter.hpp"
 #include "core/live/session_banner.hpp"
-#include "core/transport/socket.hpp"
+#include "core/ports/clock.hpp"
+#include "core/ports/platform.hpp"
+#include "core/transport/realtime_channel.hpp"
 #include "core/transport/transport.hpp"
 #include "core/wire/push_records.hpp"
-#include "core/wire/push_router.hpp"
 
 namespace virela {
 
-class ScreenCapture;
 class WindowRegistry;
 
-// What happens on the realtime channel, for diagnostics (the demo prints it). Every callback
-// runs on the main executor.
-struct ChannelEvents {
-    std::function<void(const Url& url)> onConnecting;
-    std::function<void()> onOpen;
-    std::function<void(std::exception_ptr error)> onLost;
-    std::function<void(double delaySeconds, int attempt)> onReconnectScheduled;
-    std::function<void(const Push& push)> onPush;
-};
-
-// The single object that holds all session state. Confined to the main executor: every member
-// function except supportCode() must be called there.
-class VirelaClient : public std::enable_shared_from_this<VirelaClient>, public SocketDelegate {
+class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, public FlowContext {
   public:
     using TransportFactory =
         std::function<std::shared_ptr<Transport>(const Url& baseUrl, const std::string& apiKey)>;
@@ -54,7 +55,9 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient>, public S
 
     // Registers the device and brings the client up. `done` receives nullptr on success or the
     // failure (VirelaError, NetworkError, DecodingError, SerializationError); it runs on the
-    // main executor. On failure the previous registration stays and nothing is opened.
+    // main executor. A failure changes nothing: the last good registration, its transport and
+    // its socket stay. Configures may overlap: each reports its own outcome, and a reply is
+    // applied unless a later configure's reply was applied first.
     void configure(const Url& baseUrl, const std::string& key,
                    const std::optional<VirelaUser>& user, bool collectVendorId, Completion done);
     // Fire and forget; failures are swallowed. `done`, if given, runs on the main executor once
@@ -68,64 +71,29 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient>, public S
     std::optional<std::string> supportCode() const;
 
     void setCallbacks(VirelaCallbacks callbacks) { callbacks_ = std::move(callbacks); }
-    const VirelaCallbacks& callbacks() const noexcept { return callbacks_; }
-
-    // Sends a health report unless the network is the one last reported. `done`, if given, runs
-    // on the main executor when the report was sent, skipped or failed.
-    void reportHealth(std::function<void()> done = {});
-
-    // Opens the realtime channel for the stored registration (replacing any earlier socket).
-    void connect();
-    // After a failure: schedules connect() with back-off, unless stopped or already scheduled.
-    void scheduleReconnect();
-    // (Re)starts the 25-second heartbeat.
-    void startHeartbeat();
-    // Sends a text message when a socket exists; the outcome is ignored.
-    void sendText(std::string text);
-    // Decodes one text frame and routes it on the main executor; drops it silently when it
-    // does not decode. Safe from any thread.
-    void dispatch(std::string_view text);
+    // Puts the support-code sheet over the app's window.
+    void showSupportCode();
 
     // The application-state handlers the lifecycle observers run.
     void onEnterBackground();
     void onEnterForeground();
-
-    void socketDidOpen(const VirelaSocket& socket,
-                       const std::optional<std::string>& protocol) override;
-
-    void setRouter(std::shared_ptr<PushRouter> router);
-    void setChannelEvents(ChannelEvents events) { events_ = std::move(events); }
     // A control request held back while in the background; replayed on the next foreground.
     void holdControlRequest(ControlPush push) { pendingControl_ = std::move(push); }
-    // The screenshot consent flow. Main executor only.
-    void handleConsent(const ConsentPush& push);
-    // Captures and uploads for an already allowed request (a "capture" push or an allowed
-    // answer). Safe from any thread: the work moves to the main executor.
-    void captureAndUpload(std::string requestId);
-    // Puts the support-code sheet over the app's window. Main executor only; does nothing
-    // before the device has a support code or when no window is visible.
-    void showSupportCode();
 
-    // The prompt-expiry wait of the consent flow; cancelled when a prompt is closed.
-    void setPromptExpiryTask(std::shared_ptr<VirelaCancellable> task);
-    bool promptExpiryArmed() const noexcept { return promptExpiryTask_ != nullptr; }
+    // Replaces the router (null restores the client's own, which feeds the flows).
+    void setRouter(std::shared_ptr<PushRouter> router);
 
+    // FlowContext
+    std::shared_ptr<Transport> transport() const override { return transport_; }
+    const RegisterResult* registration() const override {
+        return registration_ ? &*registration_ : nullptr;
+    }
+    const VirelaCallbacks& callbacks() const override { return callbacks_; }
+    WindowRegistry& windows() override;
+
+    RealtimeChannel& channel() const noexcept { return *channel_; }
     ConsentPrompt& prompt() const noexcept { return *prompt_; }
     SessionBanner& sessionBanner() const noexcept { return *sessionBanner_; }
-    // The windows the platform reported visible; created on first use, on the main executor.
-    WindowRegistry& windows();
-
-    const std::shared_ptr<Transport>& transport() const noexcept { return transport_; }
-    const std::optional<RegisterResult>& registration() const noexcept { return registration_; }
-    bool stopped() const noexcept { return stopped_; }
-    const std::optional<std::string>& lastNetworkSent() const noexcept { return lastNetworkSent_; }
-    bool observersInstalled() const noexcept { return backgroundObserver_ != nullptr; }
-    bool watchingNetwork() const noexcept { return pathMonitor_ != nullptr; }
-    const std::shared_ptr<VirelaSocket>& socket() const noexcept { return socket_; }
-    int reconnectAttempts() const noexcept { return reconnectAttempts_; }
-    bool reconnectPending() const noexcept { return reconnectWork_ != nullptr; }
-    bool heartbeatRunning() const noexcept { return heartbeat_ != nullptr; }
-    VirelaClock& clock() const noexcept { return *clock_; }
     const Platform& platform() const noexcept { return *platform_; }
 
     // The install identifier for `key`, created and stored on first use.
@@ -134,56 +102,41 @@ class VirelaClient : public std::enable_shared_from_this<VirelaClient>, public S
   private:
     VirelaClient(std::shared_ptr<const Platform> platform, Options options);
 
-    void registerDevice(std::uint64_t attempt, std::optional<VirelaUser> user, bool collectVendorId,
-                        std::string key, Completion done);
-    void finishRegistration(std::uint64_t attempt, const SendResult& result,
-                            const Completion& done);
+    struct Attempt;
+    void finishRegistration(const std::shared_ptr<Attempt>& attempt, const SendResult& result);
     void setRegistration(std::optional<RegisterResult> registration);
     void installObservers();
     void removeObservers();
-    void startNetworkWatch();
-    void armReceive(const std::shared_ptr<VirelaSocket>& socket);
-    void handleReceived(const std::shared_ptr<VirelaSocket>& socket, std::optional<Push> push,
-                        const std::exception_ptr& error);
     void route(Push push);
-    void closePrompt();
-    void dismissPrompt();
-    void hideSessionBanner();
-    void startPromptExpiry(const std::string& expiresAt);
-    void answer(const std::string& requestId, CaptureMode mode, bool allow);
-    void captureAndUploadOnMain(const std::string& requestId);
-    void reportError(const std::exception_ptr& error);
 
     std::shared_ptr<const Platform> platform_;
+    std::shared_ptr<VirelaClock> clock_;
+    TransportFactory transportFactory_;
 
-    // Session state, in the order the rest of the library reads it.
+    // Session state.
     std::shared_ptr<Transport> transport_;
     std::optional<RegisterResult> registration_;
-    std::shared_ptr<VirelaSocket> socket_;
-    std::shared_ptr<SocketSession> socketSession_;
-    std::shared_ptr<VirelaCancellable> heartbeat_;
-    std::shared_ptr<VirelaCancellable> reconnectWork_;
-    std::shared_ptr<VirelaCancellable> promptExpiryTask_;
-    int reconnectAttempts_ = 0;
+    // The transport the stored registration was made through; a failed configure falls back
+    // to it.
+    std::shared_ptr<Transport> registeredTransport_;
     bool stopped_ = false;
     VirelaCallbacks callbacks_;
     std::unique_ptr<Subscription> backgroundObserver_;
     std::unique_ptr<Subscription> foregroundObserver_;
     std::optional<ControlPush> pendingControl_;
-    std::optional<std::string> lastNetworkSent_;
-    std::optional<std::string> networkInFlight_;
-    std::shared_ptr<PathMonitor> pathMonitor_;
-    std::shared_ptr<VirelaClock> clock_;
-    TransportFactory transportFactory_;
-    std::shared_ptr<PushRouter> router_;
-    ChannelEvents events_;
+
+    // Configures are numbered; a reply older than the one applied is not applied.
+    std::uint64_t configuresStarted_ = 0;
+    std::uint64_t configureApplied_ = 0;
+
+    // What the flows share, and the flows.
     std::shared_ptr<ConsentPrompt> prompt_;
     std::shared_ptr<SessionBanner> sessionBanner_;
     std::unique_ptr<WindowRegistry> windows_;
-    std::unique_ptr<ScreenCapture> capture_;
-
-    // Bumped by every configure; a registration reply for an older one is not applied.
-    std::uint64_t configureAttempt_ = 0;
+    std::shared_ptr<RealtimeChannel> channel_;
+    std::shared_ptr<CaptureConsentFlow> captureConsent_;
+    std::shared_ptr<HealthReporter> health_;
+    std::shared_ptr<PushRouter> router_;
 
     // supportCode() may be asked from any thread, so the code is mirrored under a lock.
     mutable std::mutex supportCodeMutex_;

@@ -4,7 +4,8 @@
 #include <string>
 #include <string_view>
 
-#include "core/api/records.hpp"
+#include "core/base/records.hpp"
+#include "core/wire/device_records.hpp"
 #include "core/health/device_health.hpp"
 #include "core/transport/transport.hpp"
 
@@ -12,23 +13,6 @@ namespace virela {
 
 inline constexpr const char* kSdkVersion = "2.36.6";
 inline constexpr const char* kInstallIdKeyPrefix = "com.virela.installId.";
-
-struct RegisterResult {
-    std::string deviceId;
-    std::string deviceToken;
-    std::optional<std::string> supportCode;
-    std::string consentCopy;
-    CaptureMode captureMode = CaptureMode::askEveryTime;
-    bool isTest = false;
-
-    // Throws DecodingError for a missing required key, a wrong JSON type or an unknown mode.
-    static RegisterResult decode(std::string_view bytes);
-};
-
-struct ResetResult {
-    std::optional<std::string> supportCode;
-    static ResetResult decode(std::string_view bytes);
-};
 
 // The device facts of the registration body, as texts.
 struct RegistrationFacts {

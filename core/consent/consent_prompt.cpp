@@ -1,8 +1,8 @@
 #include "core/consent/consent_prompt.hpp"
 
-#include "core/client/clock.hpp"
-#include "core/client/platform.hpp"
-#include "core/transport/http.hpp"
+#include "core/ports/clock.hpp"
+#include "core/ports/platform.hpp"
+#include "core/ports/http_client.hpp"
 
 namespace virela {
 

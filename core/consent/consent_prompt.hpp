@@ -11,35 +11,14 @@
 #include <string_view>
 
 #include "core/consent/sheets.hpp"
-#include "core/host/host.hpp"
+#include "core/ports/presenters.hpp"
+#include "core/ports/host.hpp"
 
 namespace virela {
 
 class HttpClient;
 class MainExecutor;
 class VirelaCancellable;
-
-// What the sheet's buttons do. The presenter calls them on the main thread.
-struct SheetActions {
-    std::function<void()> allow;
-    std::function<void()> deny;
-    std::function<void()> done;
-};
-
-// The platform's side of the sheet: puts it on screen over a window and takes it away. Main
-// thread only. The model removes a sheet before it presents the next one.
-class PromptPresenter {
-  public:
-    virtual ~PromptPresenter() = default;
-    virtual void presentConsent(HostHandle window, const ConsentSheet& sheet,
-                                SheetActions actions) = 0;
-    virtual void presentSupportCode(HostHandle window, const SupportCodeSheet& sheet,
-                                    SheetActions actions) = 0;
-    // The logo's bytes for the sheet on screen. True when they made an image, which then
-    // replaces the placeholder; false leaves the placeholder.
-    virtual bool showLogo(std::string_view bytes) = 0;
-    virtual void dismiss() = 0;
-};
 
 class ConsentPrompt : public std::enable_shared_from_this<ConsentPrompt> {
   public:

@@ -6,9 +6,10 @@
 #include <optional>
 #include <string>
 
-#include "core/api/records.hpp"
+#include "core/base/records.hpp"
 #include "core/theme/palette.hpp"
-#include "core/transport/url.hpp"
+#include "core/base/url.hpp"
+#include "core/ports/presenters.hpp"
 
 namespace virela {
 
@@ -32,32 +33,11 @@ std::string requestLine(const std::optional<std::string>& agentName,
 // The logo address, when it is given and parses as an absolute URL.
 std::optional<Url> logoAddress(const std::optional<std::string>& logoUrl);
 
-// A consent or control sheet: header (logo tile and title), body, request line, allow above deny.
-struct ConsentSheet {
-    std::string title;
-    std::string body;
-    std::string requestLine;
-    std::string allowTitle;
-    std::string denyTitle;
-    std::optional<Url> logo;
-    friend bool operator==(const ConsentSheet&, const ConsentSheet&) = default;
-};
-
 // The consent sheet for a screenshot or live-sharing request.
 ConsentSheet makeConsentSheet(CaptureMode mode, const std::string& consentCopy,
                               const std::optional<std::string>& agentName,
                               const std::optional<std::string>& workspaceName,
                               const std::optional<std::string>& logoUrl);
-
-// The sheet that shows the device's support code (no logo image).
-struct SupportCodeSheet {
-    std::string title = "Your support code";
-    std::string code;
-    std::string body = "Read this to the support agent so they can find you.";
-    std::string note = "Only while you’re on this call.";
-    std::string doneTitle = "Done";
-    friend bool operator==(const SupportCodeSheet&, const SupportCodeSheet&) = default;
-};
 
 // Which palette colour each element of a sheet takes. The prompts share the eight theme slots.
 struct SheetColors {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <mutex>
 
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela {
 

@@ -10,7 +10,7 @@
 #include <optional>
 #include <vector>
 
-#include "core/host/host.hpp"
+#include "core/ports/host.hpp"
 
 namespace virela {
 

@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "core/client/clock.hpp"
+#include "core/ports/clock.hpp"
 
 namespace virela {
 
@@ -33,7 +33,7 @@ void SessionBanner::show(HostHandle window, double expiresAt) {
     text_ = sessionBannerText(remaining);
     if (presenter_) presenter_->show(window, text_);
     std::weak_ptr<SessionBanner> weak = weak_from_this();
-    timer_ = clock_->every(sessionBannerRefreshSeconds, [weak] {
+    timer_ = clock_->every(TimerId::bannerRefresh, sessionBannerRefreshSeconds, [weak] {
         if (auto self = weak.lock()) self->refresh();
     });
 }

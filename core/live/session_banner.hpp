@@ -8,8 +8,9 @@
 #include <optional>
 #include <string>
 
-#include "core/host/host.hpp"
+#include "core/ports/host.hpp"
 #include "core/theme/palette.hpp"
+#include "core/ports/presenters.hpp"
 
 namespace virela {
 
@@ -30,16 +31,6 @@ inline constexpr BannerColors bannerColors{
     .background = palette::promptTheme[6],
     .text = palette::promptTheme[7],
     .border = palette::sessionTint,
-};
-
-// The platform's side: a raised passthrough window in the scene of `window`, carrying the pill.
-// Main thread only.
-class BannerPresenter {
-  public:
-    virtual ~BannerPresenter() = default;
-    virtual void show(HostHandle window, const std::string& text) = 0;
-    virtual void setText(const std::string& text) = 0;
-    virtual void hide() = 0;
 };
 
 class SessionBanner : public std::enable_shared_from_this<SessionBanner> {

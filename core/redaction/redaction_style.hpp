@@ -4,15 +4,9 @@
 #include <optional>
 #include <string>
 
-#include "core/api/records.hpp"
+#include "core/base/records.hpp"
 
 namespace virela {
-
-// What the host attaches to a view to have it painted over: the style is copied in when the
-// mark is made, so a later change of the default style leaves existing marks as they are.
-struct RedactionMark {
-    VirelaRedaction style;
-};
 
 // The process-wide default style: #E23B37 with "REDACTED" in white until the host replaces it.
 VirelaRedaction defaultRedactionStyle();

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "core/api/records.hpp"
-#include "core/host/host.hpp"
+#include "core/base/records.hpp"
+#include "core/ports/host.hpp"
 #include "core/redaction/redaction_style.hpp"
 
 namespace virela {

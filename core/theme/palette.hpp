@@ -5,8 +5,8 @@
 
 #include <string_view>
 
-#include "core/api/records.hpp"
-#include "core/client/platform.hpp"
+#include "core/base/records.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela {
 

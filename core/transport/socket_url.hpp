@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "core/transport/url.hpp"
+#include "core/base/url.hpp"
 
 namespace virela {
 

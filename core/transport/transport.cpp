@@ -2,11 +2,11 @@
 
 #include <utility>
 
-#include "core/api/errors.hpp"
-#include "core/client/clock.hpp"
-#include "core/client/fatal.hpp"
-#include "core/client/platform.hpp"
-#include "core/client/uuid.hpp"
+#include "core/base/errors.hpp"
+#include "core/ports/clock.hpp"
+#include "core/ports/fatal.hpp"
+#include "core/ports/platform.hpp"
+#include "core/base/uuid.hpp"
 #include "core/wire/json_fields.hpp"
 
 namespace virela {
@@ -48,7 +48,9 @@ Transport::Transport(Url baseUrl, std::string apiKey, std::shared_ptr<HttpClient
       main_(std::move(main)) {}
 
 Url Transport::resolve(std::string_view path) const {
-    auto url = baseUrl_.resolve(path);
+    // A base URL without a scheme or host cannot serve requests; send() then fails them.
+    auto url = baseUrl_.isAbsolute() && baseUrl_.hasAuthority() ? baseUrl_.resolve(path)
+                                                                 : Url::parse(path);
     if (!url) fatalPrecondition("request path is not a valid URL: " + std::string(path));
     return *url;
 }
@@ -107,6 +109,13 @@ SendResult Transport::interpret(HttpOutcome outcome) {
 
 void Transport::send(HttpRequest request, std::function<void(SendResult)> done) const {
     auto main = main_;
+    if (!request.url.isAbsolute() || !request.url.hasAuthority()) {
+        auto error = std::make_exception_ptr(NetworkError(
+            NetworkError::Kind::other,
+            "the base URL has no scheme or host, so nothing can be sent to it: " + baseUrl_.str()));
+        main->post([done = std::move(done), error] { done(SendResult{{}, error}); });
+        return;
+    }
     session_->send(std::move(request), [main, done = std::move(done)](HttpOutcome outcome) mutable {
         main->post([done = std::move(done), outcome = std::move(outcome)]() mutable {
             done(interpret(std::move(outcome)));

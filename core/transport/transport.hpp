@@ -11,8 +11,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/transport/http.hpp"
-#include "core/transport/url.hpp"
+#include "core/ports/http_client.hpp"
+#include "core/base/url.hpp"
 
 namespace virela {
 

@@ -1,6 +1,6 @@
 #include "core/wire/json_fields.hpp"
 
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
 
 namespace virela::wire {
 

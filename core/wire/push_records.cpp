@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
 #include "core/wire/json_fields.hpp"
 
 namespace virela {

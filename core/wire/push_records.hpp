@@ -7,7 +7,7 @@
 #include <string_view>
 #include <variant>
 
-#include "core/api/records.hpp"
+#include "core/base/records.hpp"
 
 namespace virela {
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela::headless {
 

@@ -27,7 +27,7 @@ class StrandQueue final : public SerialQueue {
         asio::post(strand_, std::move(work));
     }
 
-    std::unique_ptr<ScheduledWork> postAfter(double seconds, std::function<void()> work) override {
+    std::shared_ptr<VirelaCancellable> postAfter(double seconds, std::function<void()> work) override {
         return timers_->once(seconds, std::move(work));
     }
 
@@ -85,11 +85,11 @@ void MainLoop::post(std::function<void()> work) {
     asio::post(impl_->threads->context(), std::move(work));
 }
 
-std::unique_ptr<ScheduledWork> MainLoop::postAfter(double seconds, std::function<void()> work) {
+std::shared_ptr<VirelaCancellable> MainLoop::postAfter(double seconds, std::function<void()> work) {
     return impl_->timers->once(seconds, std::move(work));
 }
 
-std::unique_ptr<ScheduledWork> MainLoop::repeat(double interval, std::function<void()> work) {
+std::shared_ptr<VirelaCancellable> MainLoop::repeat(double interval, std::function<void()> work) {
     return impl_->timers->every(interval, std::move(work));
 }
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela::headless {
 
@@ -33,7 +33,7 @@ class WorkerPool {
 };
 
 // The MainExecutor port. Work posted from one thread runs in order; isCurrent() is true only
-// on the loop's own thread. Dropping a ScheduledWork handle does not cancel it.
+// on the loop's own thread. Dropping a token does not cancel it.
 class MainLoop final : public MainExecutor {
   public:
     // Background work goes to `background`.
@@ -41,8 +41,8 @@ class MainLoop final : public MainExecutor {
     ~MainLoop() override;  // shutdown()
 
     void post(std::function<void()> work) override;
-    std::unique_ptr<ScheduledWork> postAfter(double seconds, std::function<void()> work) override;
-    std::unique_ptr<ScheduledWork> repeat(double interval, std::function<void()> work) override;
+    std::shared_ptr<VirelaCancellable> postAfter(double seconds, std::function<void()> work) override;
+    std::shared_ptr<VirelaCancellable> repeat(double interval, std::function<void()> work) override;
     bool isCurrent() const override;
     void postBackground(std::function<void()> work) override;
 

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "core/transport/http.hpp"
+#include "core/ports/http_client.hpp"
 
 namespace virela::headless {
 

@@ -13,7 +13,7 @@ struct HeadlessLifecycle::State : std::enable_shared_from_this<State> {
     };
     struct Task {
         std::function<void()> expiration;
-        std::unique_ptr<ScheduledWork> expiry;
+        std::shared_ptr<VirelaCancellable> expiry;
     };
 
     std::shared_ptr<MainExecutor> main;
@@ -134,7 +134,7 @@ AppLifecycle::BackgroundTaskId HeadlessLifecycle::beginBackgroundTask(
 }
 
 void HeadlessLifecycle::endBackgroundTask(BackgroundTaskId id) {
-    std::unique_ptr<ScheduledWork> expiry;
+    std::shared_ptr<VirelaCancellable> expiry;
     {
         std::lock_guard lock(state_->mutex);
         auto it = state_->tasks.find(id);

@@ -3,7 +3,7 @@
 #include <memory>
 #include <vector>
 
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela::headless {
 

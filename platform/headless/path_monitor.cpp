@@ -51,7 +51,7 @@ struct InterfacePathMonitor::Watch : std::enable_shared_from_this<Watch> {
     std::recursive_mutex deliveryMutex;
     std::atomic<bool> active{true};
     std::mutex pendingMutex;
-    std::unique_ptr<ScheduledWork> pending;
+    std::shared_ptr<VirelaCancellable> pending;
 
     void poll() {
         auto path = read();
@@ -79,7 +79,7 @@ struct InterfacePathMonitor::Watch : std::enable_shared_from_this<Watch> {
             std::lock_guard lock(deliveryMutex);
             active.store(false);
         }
-        std::unique_ptr<ScheduledWork> work;
+        std::shared_ptr<VirelaCancellable> work;
         {
             std::lock_guard lock(pendingMutex);
             work = std::move(pending);

@@ -5,7 +5,7 @@
 #include <memory>
 #include <mutex>
 
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela::headless {
 

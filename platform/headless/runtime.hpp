@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 #include "platform/headless/device_facts.hpp"
 #include "platform/headless/executors.hpp"
 #include "platform/headless/host/headless_host.hpp"

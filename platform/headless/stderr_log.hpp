@@ -3,7 +3,7 @@
 #include <optional>
 #include <string_view>
 
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela::headless {
 

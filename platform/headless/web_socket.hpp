@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "core/transport/socket.hpp"
+#include "core/ports/socket.hpp"
 #include "platform/headless/http_client.hpp"
 
 namespace virela::headless {

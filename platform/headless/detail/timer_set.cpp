@@ -35,7 +35,7 @@ struct TimerSet::Entry {
 };
 
 // Dropping the handle leaves the work scheduled; only cancel() stops it.
-class TimerSet::Handle final : public ScheduledWork {
+class TimerSet::Handle final : public VirelaCancellable {
   public:
     Handle(std::weak_ptr<TimerSet> set, std::uint64_t id, std::shared_ptr<std::atomic<bool>> flag)
         : set_(std::move(set)), id_(id), cancelled_(std::move(flag)) {}
@@ -67,17 +67,17 @@ std::shared_ptr<TimerSet> TimerSet::create(const std::shared_ptr<IoThreads>& thr
 TimerSet::TimerSet(std::shared_ptr<IoThreads> threads, asio::any_io_executor executor)
     : threads_(std::move(threads)), executor_(std::move(executor)) {}
 
-std::unique_ptr<ScheduledWork> TimerSet::once(double seconds, std::function<void()> work) {
+std::shared_ptr<VirelaCancellable> TimerSet::once(double seconds, std::function<void()> work) {
     return schedule(toDuration(seconds, 0.0), Clock::duration::zero(), std::move(work));
 }
 
-std::unique_ptr<ScheduledWork> TimerSet::every(double interval, std::function<void()> work) {
+std::shared_ptr<VirelaCancellable> TimerSet::every(double interval, std::function<void()> work) {
     // A zero or negative interval would spin the loop; one millisecond is the floor.
     auto step = toDuration(interval, 0.001);
     return schedule(step, step, std::move(work));
 }
 
-std::unique_ptr<ScheduledWork> TimerSet::schedule(Clock::duration delay, Clock::duration interval,
+std::shared_ptr<VirelaCancellable> TimerSet::schedule(Clock::duration delay, Clock::duration interval,
                                                   std::function<void()> work) {
     auto id = nextId_.fetch_add(1);
     auto flag = std::make_shared<std::atomic<bool>>(false);

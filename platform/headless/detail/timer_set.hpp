@@ -13,7 +13,7 @@
 #include <memory>
 #include <unordered_map>
 
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 #include "platform/headless/detail/io_threads.hpp"
 
 namespace virela::headless::detail {
@@ -27,8 +27,8 @@ class TimerSet : public std::enable_shared_from_this<TimerSet> {
     static std::shared_ptr<TimerSet> create(const std::shared_ptr<IoThreads>& threads,
                                             boost::asio::any_io_executor executor);
 
-    std::unique_ptr<ScheduledWork> once(double seconds, std::function<void()> work);
-    std::unique_ptr<ScheduledWork> every(double interval, std::function<void()> work);
+    std::shared_ptr<VirelaCancellable> once(double seconds, std::function<void()> work);
+    std::shared_ptr<VirelaCancellable> every(double interval, std::function<void()> work);
 
     // Drops every entry. Only while nothing runs the executor (after its threads are joined).
     void clearStopped();
@@ -39,7 +39,7 @@ class TimerSet : public std::enable_shared_from_this<TimerSet> {
     class Handle;
 
     TimerSet(std::shared_ptr<IoThreads> threads, boost::asio::any_io_executor executor);
-    std::unique_ptr<ScheduledWork> schedule(Clock::duration delay, Clock::duration interval,
+    std::shared_ptr<VirelaCancellable> schedule(Clock::duration delay, Clock::duration interval,
                                             std::function<void()> work);
     void arm(std::uint64_t id, Entry& entry);
     void fired(std::uint64_t id);

@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "core/host/host.hpp"
+#include "core/ports/host.hpp"
 #include "platform/headless/host/screen.hpp"
 
 namespace virela::headless {

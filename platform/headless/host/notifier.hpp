@@ -5,7 +5,7 @@
 #include <map>
 #include <memory>
 
-#include "core/host/host.hpp"
+#include "core/ports/host.hpp"
 
 namespace virela::headless {
 

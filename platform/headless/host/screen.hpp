@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "core/api/records.hpp"
-#include "core/host/geometry.hpp"
-#include "core/host/host.hpp"
+#include "core/base/records.hpp"
+#include "core/base/geometry.hpp"
+#include "core/ports/host.hpp"
 
 namespace virela {
 struct RedactionMark;

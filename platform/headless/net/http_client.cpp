@@ -12,8 +12,8 @@
 #include <sstream>
 #include <variant>
 
-#include "core/api/errors.hpp"
-#include "core/client/clock.hpp"
+#include "core/base/errors.hpp"
+#include "core/ports/clock.hpp"
 #include "platform/headless/detail/timer_set.hpp"
 #include "platform/headless/net/network.hpp"
 

@@ -17,8 +17,8 @@
 #include <variant>
 #include <vector>
 
-#include "core/api/errors.hpp"
-#include "core/transport/url.hpp"
+#include "core/base/errors.hpp"
+#include "core/base/url.hpp"
 #include "platform/headless/detail/io_threads.hpp"
 #include "platform/headless/http_client.hpp"
 

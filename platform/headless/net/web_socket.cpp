@@ -16,7 +16,7 @@
 #include <sstream>
 #include <utility>
 
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
 #include "platform/headless/detail/timer_set.hpp"
 #include "platform/headless/net/network.hpp"
 #include "platform/headless/stderr_log.hpp"

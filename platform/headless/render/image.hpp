@@ -7,8 +7,8 @@
 #include <optional>
 #include <vector>
 
-#include "core/api/records.hpp"
-#include "core/host/geometry.hpp"
+#include "core/base/records.hpp"
+#include "core/base/geometry.hpp"
 
 namespace virela::headless {
 

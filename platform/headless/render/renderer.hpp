@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "core/host/host.hpp"
+#include "core/ports/host.hpp"
+#include "core/ports/renderer.hpp"
 #include "platform/headless/render/image.hpp"
 
 namespace virela::headless {

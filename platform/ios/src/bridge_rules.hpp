@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "core/api/records.hpp"
-#include "core/transport/socket.hpp"
+#include "core/base/records.hpp"
+#include "core/ports/socket.hpp"
 
 namespace virela::ios {
 

@@ -1,6 +1,6 @@
 // The main executor and serial queues, over Grand Central Dispatch and the main run loop.
 //
-// Dropping a ScheduledWork does not cancel it: like a submitted work item, the work still runs
+// Dropping a token does not cancel it: like a submitted work item, the work still runs
 // (and a repeating timer keeps firing) until cancel() is called. Only cancel() stops work.
 
 #import <Foundation/Foundation.h>
@@ -14,7 +14,7 @@ namespace virela::ios {
 namespace {
 
 // A submitted dispatch work item; cancelling keeps it from starting.
-class WorkItem final : public ScheduledWork {
+class WorkItem final : public VirelaCancellable {
   public:
     explicit WorkItem(dispatch_block_t block) : block_(block) {}
     void cancel() override { dispatch_block_cancel(block_); }
@@ -23,7 +23,7 @@ class WorkItem final : public ScheduledWork {
     dispatch_block_t block_;
 };
 
-std::unique_ptr<ScheduledWork> submitAfter(dispatch_queue_t queue, double seconds,
+std::shared_ptr<VirelaCancellable> submitAfter(dispatch_queue_t queue, double seconds,
                                            std::function<void()> work) {
     dispatch_block_t block = dispatch_block_create(static_cast<dispatch_block_flags_t>(0), ^{
       work();
@@ -38,7 +38,7 @@ std::unique_ptr<ScheduledWork> submitAfter(dispatch_queue_t queue, double second
 // A repeating NSTimer on the main run loop, in the common modes so that it keeps firing while
 // the user scrolls. A timer may only be scheduled and invalidated on the main thread, so both
 // hop there; the flag makes cancel() take effect at once, whatever thread calls it.
-class RepeatingTimer final : public ScheduledWork {
+class RepeatingTimer final : public VirelaCancellable {
   public:
     RepeatingTimer(double interval, std::function<void()> work)
         : cancelled_(std::make_shared<std::atomic<bool>>(false)) {
@@ -88,11 +88,11 @@ class MainQueueExecutor final : public MainExecutor {
         });
     }
 
-    std::unique_ptr<ScheduledWork> postAfter(double seconds, std::function<void()> work) override {
+    std::shared_ptr<VirelaCancellable> postAfter(double seconds, std::function<void()> work) override {
         return submitAfter(dispatch_get_main_queue(), seconds, std::move(work));
     }
 
-    std::unique_ptr<ScheduledWork> repeat(double interval, std::function<void()> work) override {
+    std::shared_ptr<VirelaCancellable> repeat(double interval, std::function<void()> work) override {
         return std::make_unique<RepeatingTimer>(interval, std::move(work));
     }
 
@@ -116,7 +116,7 @@ class DispatchSerialQueue final : public SerialQueue {
         });
     }
 
-    std::unique_ptr<ScheduledWork> postAfter(double seconds, std::function<void()> work) override {
+    std::shared_ptr<VirelaCancellable> postAfter(double seconds, std::function<void()> work) override {
         return submitAfter(queue_, seconds, std::move(work));
     }
 

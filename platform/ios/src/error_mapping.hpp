@@ -7,7 +7,7 @@
 #include <exception>
 #include <string>
 
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
 
 namespace virela::ios {
 

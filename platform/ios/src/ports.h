@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "core/client/platform.hpp"
-#include "core/transport/http.hpp"
+#include "core/ports/platform.hpp"
+#include "core/ports/http_client.hpp"
 
 namespace virela::ios {
 

@@ -5,8 +5,8 @@
 
 #import <UIKit/UIKit.h>
 
-#include "core/api/records.hpp"
-#include "core/client/platform.hpp"
+#include "core/base/records.hpp"
+#include "core/ports/platform.hpp"
 #include "core/theme/palette.hpp"
 
 NS_ASSUME_NONNULL_BEGIN

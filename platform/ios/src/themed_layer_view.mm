@@ -2,7 +2,7 @@
 
 #import "VirelaAgent/Virela.h"
 
-#include "core/client/fatal.hpp"
+#include "core/ports/fatal.hpp"
 
 #if !__has_feature(objc_arc)
 #error "platform/ios is built with -fobjc-arc"

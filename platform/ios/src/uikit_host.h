@@ -7,7 +7,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "core/host/host.hpp"
+#include "core/ports/host.hpp"
+#include "core/ports/renderer.hpp"
 
 NS_ASSUME_NONNULL_BEGIN
 

@@ -2,7 +2,7 @@
 
 #import <Foundation/Foundation.h>
 
-#include "core/client/clock.hpp"
+#include "core/ports/clock.hpp"
 #include "platform/ios/src/error_mapping.hpp"
 #include "platform/ios/src/errors.h"
 #include "platform/ios/src/ports.h"

@@ -1,4 +1,4 @@
-#include "core/transport/socket.hpp"
+#include "core/ports/socket.hpp"
 
 namespace virela {
 

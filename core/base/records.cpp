@@ -1,6 +1,5 @@
-#include "core/api/records.hpp"
+#include "core/base/records.hpp"
 
-#include "core/client/fatal.hpp"
 
 namespace virela {
 

@@ -3,9 +3,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
-#include "core/client/clock.hpp"
+#include "core/ports/clock.hpp"
 
 namespace virela {
 
@@ -18,8 +19,17 @@ class ManualClock final : public VirelaClock {
     explicit ManualClock(double start = defaultStart);
     ~ManualClock() override;
 
-    std::shared_ptr<VirelaCancellable> after(double seconds, std::function<void()> work) override;
-    std::shared_ptr<VirelaCancellable> every(double interval, std::function<void()> work) override;
+    std::shared_ptr<VirelaCancellable> after(TimerId id, double seconds,
+                                             std::function<void()> work) override;
+    std::shared_ptr<VirelaCancellable> every(TimerId id, double interval,
+                                             std::function<void()> work) override;
+    // Shorthands for work without a name of its own.
+    std::shared_ptr<VirelaCancellable> after(double seconds, std::function<void()> work) {
+        return after(TimerId::other, seconds, std::move(work));
+    }
+    std::shared_ptr<VirelaCancellable> every(double interval, std::function<void()> work) {
+        return every(TimerId::other, interval, std::move(work));
+    }
 
     // Moves time forward, running everything that falls due on the way (including work that
     // the ran work schedules inside the window).
@@ -28,6 +38,10 @@ class ManualClock final : public VirelaClock {
 
     // Every delay passed to after(), in call order; repeating intervals are not included.
     const std::vector<double>& requestedDelays() const;
+    // Whether work of that name is scheduled and neither run nor cancelled.
+    bool isScheduled(TimerId id) const;
+    // Seconds until the next run of that timer; nullopt when it is not scheduled.
+    std::optional<double> dueIn(TimerId id) const;
     // Work scheduled and neither run nor cancelled (repeating timers count until cancelled).
     std::size_t pendingCount() const;
 

@@ -1,4 +1,4 @@
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 
 #include <mutex>
 

@@ -1,4 +1,4 @@
-#include "core/transport/http.hpp"
+#include "core/ports/http_client.hpp"
 
 #include <algorithm>
 #include <cctype>

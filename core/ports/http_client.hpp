@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/transport/url.hpp"
+#include "core/base/url.hpp"
 
 namespace virela {
 

@@ -1,10 +1,10 @@
-#include "core/client/fatal.hpp"
+#include "core/ports/fatal.hpp"
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela {
 

@@ -8,7 +8,7 @@
 #include <variant>
 #include <vector>
 
-#include "core/transport/url.hpp"
+#include "core/base/url.hpp"
 
 namespace virela {
 

@@ -1,4 +1,4 @@
-#include "core/transport/url.hpp"
+#include "core/base/url.hpp"
 
 #include <algorithm>
 #include <cctype>

@@ -17,18 +17,12 @@
 #include <string_view>
 #include <vector>
 
-#include "core/api/records.hpp"
-#include "core/client/platform.hpp"
-#include "core/host/geometry.hpp"
+#include "core/base/records.hpp"
+#include "core/base/geometry.hpp"
+#include "core/base/handles.hpp"
+#include "core/ports/lifecycle.hpp"
 
 namespace virela {
-
-struct RedactionMark;
-
-// Identifies a scene, window, view, accessibility element, view controller or menu action for
-// as long as the object lives; a handle of a freed object resolves to nothing. 0 is no object.
-using HostHandle = std::uint64_t;
-inline constexpr HostHandle noHandle = 0;
 
 // The platform could not read its interface completely (an object freed while it was read, an
 // exception from the platform). Whatever needed the read fails: an image is never produced from
@@ -280,30 +274,6 @@ class HostActions {
     virtual bool setContentOffset(HostHandle scrollView, Point offset) = 0;
 
     virtual std::optional<ControllerFacts> readController(HostHandle controller) = 0;
-};
-
-// One step of drawing a capture, in the capture window's coordinates (points).
-struct CaptureStep {
-    enum class Kind { drawWindow, paintRedaction } kind = Kind::drawWindow;
-    HostHandle window = noHandle;  // drawWindow
-    Rect rect;
-    VirelaRedaction style;  // paintRedaction
-};
-
-struct CapturePlan {
-    Rect bounds;        // the capture window's bounds
-    double scale = 1;   // pixels per point
-    bool jpeg = false;  // PNG when false
-    double jpegQuality = 0.7;
-    std::vector<CaptureStep> steps;  // in order: later steps cover earlier ones
-};
-
-// Draws a plan into one image and encodes it. Returns no bytes when the encoder produced
-// nothing; throws HostReadError when a window could not be drawn.
-class Renderer {
-  public:
-    virtual ~Renderer() = default;
-    virtual std::vector<std::uint8_t> render(const CapturePlan& plan) = 0;
 };
 
 }  // namespace virela

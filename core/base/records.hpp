@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "core/api/errors.hpp"
-#include "core/transport/url.hpp"
+#include "core/base/errors.hpp"
+#include "core/base/url.hpp"
 
 namespace virela {
 
@@ -67,6 +67,12 @@ struct VirelaRedaction {
 
 // Error values handed to the host: a VirelaError, a NetworkError from the platform, or a
 // DecodingError / SerializationError. Rethrow to inspect, or use describe().
+// What the host attaches to a view to have it painted over: the style is copied in when the
+// mark is made, so a later change of the default style leaves existing marks as they are.
+struct RedactionMark {
+    VirelaRedaction style;
+};
+
 using VirelaErrorValue = std::exception_ptr;
 
 struct VirelaCallbacks {

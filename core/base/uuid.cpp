@@ -1,4 +1,4 @@
-#include "core/client/uuid.hpp"
+#include "core/base/uuid.hpp"
 
 #include <array>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "core/client/manual_clock.hpp"
+#include "core/ports/manual_clock.hpp"
 
 #include <algorithm>
 #include <limits>
@@ -8,6 +8,7 @@ namespace virela {
 struct ManualClock::State {
     struct Entry {
         std::uint64_t id;
+        TimerId name;
         double due;
         double interval;  // 0 for one-shot work
         std::function<void()> work;
@@ -42,17 +43,19 @@ ManualClock::ManualClock(double start) : state_(std::make_shared<State>()) {
 }
 ManualClock::~ManualClock() = default;
 
-std::shared_ptr<VirelaCancellable> ManualClock::after(double seconds, std::function<void()> work) {
+std::shared_ptr<VirelaCancellable> ManualClock::after(TimerId name, double seconds,
+                                                      std::function<void()> work) {
     state_->delays.push_back(seconds);
     auto id = state_->nextId++;
-    state_->entries.push_back({id, state_->now + std::max(0.0, seconds), 0, std::move(work)});
+    state_->entries.push_back({id, name, state_->now + std::max(0.0, seconds), 0, std::move(work)});
     return std::make_shared<ManualToken>(state_, id);
 }
 
-std::shared_ptr<VirelaCancellable> ManualClock::every(double interval, std::function<void()> work) {
+std::shared_ptr<VirelaCancellable> ManualClock::every(TimerId name, double interval,
+                                                      std::function<void()> work) {
     auto id = state_->nextId++;
     double step = std::max(interval, std::numeric_limits<double>::min());
-    state_->entries.push_back({id, state_->now + step, step, std::move(work)});
+    state_->entries.push_back({id, name, state_->now + step, step, std::move(work)});
     return std::make_shared<ManualToken>(state_, id);
 }
 
@@ -85,6 +88,16 @@ const std::vector<double>& ManualClock::requestedDelays() const {
 }
 std::size_t ManualClock::pendingCount() const {
     return state_->entries.size();
+}
+bool ManualClock::isScheduled(TimerId id) const {
+    return dueIn(id).has_value();
+}
+std::optional<double> ManualClock::dueIn(TimerId id) const {
+    std::optional<double> soonest;
+    for (const auto& e : state_->entries) {
+        if (e.name == id && (!soonest || e.due - state_->now < *soonest)) soonest = e.due - state_->now;
+    }
+    return soonest;
 }
 
 }  // namespace virela

@@ -1,4 +1,4 @@
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
 
 namespace virela {
 

@@ -1,0 +1,29 @@
+#pragma once
+
+// What every flow shares with the client, and nothing more: the transport of the latest
+// configure, the stored registration, the host's callbacks and the window registry. A flow gets
+// the stable parts (platform, clock, presenters) when it is made and reads these through here,
+// so it never reaches the rest of the client.
+
+#include <memory>
+
+namespace virela {
+
+class Transport;
+class WindowRegistry;
+struct RegisterResult;
+struct VirelaCallbacks;
+
+class FlowContext {
+  public:
+    virtual ~FlowContext() = default;
+    // Null until the first configure has made one.
+    virtual std::shared_ptr<Transport> transport() const = 0;
+    // Null until a registration has succeeded.
+    virtual const RegisterResult* registration() const = 0;
+    virtual const VirelaCallbacks& callbacks() const = 0;
+    // The windows the platform reports visible. Main executor only.
+    virtual WindowRegistry& windows() = 0;
+};
+
+}  // namespace virela
