@@ -9,7 +9,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
+#include "core/api/diagnostics.hpp"
 #include "core/api/virela.hpp"
 #include "core/client/client.hpp"
 #include "core/transport/transport.hpp"
@@ -338,7 +339,10 @@ TEST_F(Integration, FacadeConfiguresInBothForms) {
 
     Virela::stop();
     runtime->runOnMain([] {});
-    EXPECT_TRUE(Virela::sharedClient()->stopped());
+    // Stopped: the realtime channel is closed, and the registration is kept.
+    const auto device = VirelaDiagnostics::device();
+    ASSERT_TRUE(device);
+    EXPECT_TRUE(eventually(*runtime, [&] { return !backend.connected(device->deviceId); }));
     EXPECT_TRUE(Virela::supportCode());
 }
 
