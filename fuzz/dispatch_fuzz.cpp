@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "core/client/client.hpp"
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 #include "tests/support/queue_executor.hpp"
 
 namespace {
@@ -32,7 +32,7 @@ struct Fixture {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static Fixture fixture;
-    fixture.client->dispatch(std::string_view(reinterpret_cast<const char*>(data), size));
+    fixture.client->channel().dispatch(std::string_view(reinterpret_cast<const char*>(data), size));
     fixture.executor->drain();
     return 0;
 }

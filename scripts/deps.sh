@@ -28,4 +28,5 @@ ensure_packages() {
 BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libboost1.81-dev nlohmann-json3-dev libssl-dev
                 libpng-dev libjpeg62-turbo-dev ca-certificates)
 # What the checks add: tests, benchmarks, clang for the fuzzers and the iOS type-check.
-CHECK_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev)
+# locales-all gives the tests a locale whose decimal mark is a comma.
+CHECK_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev locales-all)

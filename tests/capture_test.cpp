@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
 #include "core/capture/capture.hpp"
 #include "platform/headless/host/builder.hpp"
 #include "platform/headless/render/image.hpp"

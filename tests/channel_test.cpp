@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
 #include "core/client/client.hpp"
-#include "core/client/manual_clock.hpp"
+#include "core/ports/manual_clock.hpp"
 #include "tests/support/fake_platform.hpp"
 
 namespace virela {
@@ -19,14 +19,14 @@ constexpr const char* kRegistered =
 
 struct RecordingRouter final : PushRouter {
     std::vector<std::string> seen;
-    void consent(VirelaClient&, const ConsentPush& p) override {
+    void consent(const ConsentPush& p) override {
         seen.push_back("consent " + p.requestId);
     }
-    void capture(const std::shared_ptr<VirelaClient>&, const CapturePush& p) override {
+    void capture(const CapturePush& p) override {
         seen.push_back("capture " + p.requestId);
     }
-    void live(VirelaClient&, const LivePush& p) override { seen.push_back("live " + p.sessionId); }
-    void control(VirelaClient&, const ControlPush& p) override {
+    void live(const LivePush& p) override { seen.push_back("live " + p.sessionId); }
+    void control(const ControlPush& p) override {
         seen.push_back("control " + p.sessionId);
     }
 };
@@ -81,18 +81,16 @@ TEST_F(ChannelTest, ConnectsWithTheCredentialAndBeatsEvery25Seconds) {
 TEST_F(ChannelTest, BacksOffWithoutLimitAndOpenResetsTheCount) {
     for (int i = 0; i < 7; ++i) {
         failCurrent();
-        EXPECT_TRUE(client->reconnectPending());
-        EXPECT_FALSE(client->heartbeatRunning());
-        client->scheduleReconnect();  // already pending: nothing new
+        EXPECT_TRUE(clock->isScheduled(TimerId::reconnect));
+        EXPECT_FALSE(clock->isScheduled(TimerId::heartbeat));
+        client->channel().scheduleReconnect();  // already pending: nothing new
         clock->advance(30);
         drain();
     }
     EXPECT_EQ(clock->requestedDelays(), (std::vector<double>{1, 2, 4, 8, 16, 30, 30}));
     EXPECT_EQ(fake.sockets.size(), 8u);
-    EXPECT_EQ(client->reconnectAttempts(), 7);
 
     open();
-    EXPECT_EQ(client->reconnectAttempts(), 0);
     failCurrent();
     EXPECT_EQ(clock->requestedDelays().back(), 1);
 }
@@ -108,7 +106,7 @@ TEST_F(ChannelTest, ReplacedSocketDiesQuietly) {
     old->fail();
     drain();
     EXPECT_EQ(denied, 0);
-    EXPECT_FALSE(client->reconnectPending());
+    EXPECT_FALSE(clock->isScheduled(TimerId::reconnect));
     EXPECT_EQ(old->receiveCalls, 1);
 }
 
@@ -117,16 +115,15 @@ TEST_F(ChannelTest, StopClosesNormallyAndBlocksEveryReconnect) {
     client->stop();
     drain();
     EXPECT_EQ(socket->closeCode, 1000);
-    EXPECT_FALSE(client->socket());
-    EXPECT_FALSE(client->heartbeatRunning());
+    EXPECT_FALSE(clock->isScheduled(TimerId::heartbeat));
 
-    client->scheduleReconnect();
+    client->channel().scheduleReconnect();
     client->onEnterForeground();
     fake.lifecycle->send(AppEvent::willEnterForeground);
     clock->advance(100);
     drain();
     EXPECT_EQ(fake.sockets.size(), 1u);
-    EXPECT_FALSE(client->reconnectPending());
+    EXPECT_FALSE(clock->isScheduled(TimerId::reconnect));
 
     // A new configure lifts the block.
     fake.http->reply("/v1/sdk/devices", 200, kRegistered);
@@ -139,12 +136,12 @@ TEST_F(ChannelTest, StopClosesNormallyAndBlocksEveryReconnect) {
 
 TEST_F(ChannelTest, ReconfiguringDropsARetryLeftFromBefore) {
     failCurrent();
-    ASSERT_TRUE(client->reconnectPending());
+    ASSERT_TRUE(clock->isScheduled(TimerId::reconnect));
     fake.http->reply("/v1/sdk/devices", 200, kRegistered);
     client->configure(*Url::parse("https://backend.test"), "k", std::nullopt, false,
                       [](std::exception_ptr) {});
     drain();
-    EXPECT_FALSE(client->reconnectPending());
+    EXPECT_FALSE(clock->isScheduled(TimerId::reconnect));
     clock->advance(60);
     drain();
     EXPECT_EQ(fake.sockets.size(), 2u);
@@ -155,13 +152,12 @@ TEST_F(ChannelTest, ForegroundSaysSoOnAnOpenSocketAndReconnectsOtherwise) {
     clock->advance(1);
     drain();
     failCurrent();  // attempts now 2, a retry pending in 2 s
-    ASSERT_TRUE(client->reconnectPending());
+    ASSERT_TRUE(clock->isScheduled(TimerId::reconnect));
 
     fake.lifecycle->send(AppEvent::willEnterForeground);
     drain();
     EXPECT_EQ(fake.sockets.size(), 3u);  // connected at once
-    EXPECT_FALSE(client->reconnectPending());
-    EXPECT_EQ(client->reconnectAttempts(), 0);
+    EXPECT_FALSE(clock->isScheduled(TimerId::reconnect));
 
     client->holdControlRequest(ControlPush{"s1", LiveState::requested});
     fake.lifecycle->send(AppEvent::willEnterForeground);
@@ -190,9 +186,21 @@ TEST_F(ChannelTest, BackgroundTaskEndsOnceTheStateIsSent) {
     EXPECT_EQ(fake.lifecycle->ended.size(), 1u);
 }
 
+TEST_F(ChannelTest, AHandlerThatThrowsStopsNeitherRoutingNorReconnection) {
+    client->setCallbacks({.onDenied = [] { throw std::runtime_error("host bug"); },
+                          .onExpired = [this] { ++expired; }});
+    push(R"({"type":"denied","payload":{}})");
+    push(R"({"type":"expired","payload":{}})");
+    EXPECT_EQ(expired, 1);
+    EXPECT_TRUE(current().receiving());
+    ASSERT_FALSE(fake.log->lines.empty());
+    EXPECT_EQ(fake.log->lines.back().second, "push handling failed: denied — host bug");
+
+    failCurrent();  // the server's close is still noticed
+    EXPECT_TRUE(clock->isScheduled(TimerId::reconnect));
+}
+
 TEST_F(ChannelTest, RoutesInArrivalOrderAndActsOnExpiredDeniedAndSession) {
-    auto expiry = clock->after(60, [] { FAIL() << "expiry should have been cancelled"; });
-    client->setPromptExpiryTask(expiry);
     push(
         R"({"type":"consent","payload":{"requestId":"r1","mode":"PerSession","consentCopy":"c","expiresAt":"2026-01-01T00:00:00Z"}})");
     push(R"({"type":"expired"})");  // no payload: dropped

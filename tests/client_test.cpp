@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
 #include "core/client/client.hpp"
 #include "core/client/registration.hpp"
 #include "tests/support/fake_platform.hpp"
@@ -109,8 +109,8 @@ TEST_F(ClientTest, ConfigureRegistersAndBringsTheClientUp) {
 
     EXPECT_EQ(client->transport()->deviceToken(), "tok-1");
     EXPECT_EQ(client->supportCode(), "111-222");
-    EXPECT_TRUE(client->observersInstalled());
-    EXPECT_TRUE(client->watchingNetwork());
+    EXPECT_EQ(fake.lifecycle->observerCount(), 2u);
+    EXPECT_EQ(fake.paths->running(), 1u);
 }
 
 TEST_F(ClientTest, FailedConfigureKeepsThePreviousRegistration) {
@@ -140,15 +140,12 @@ TEST_F(ClientTest, FirstFailedConfigureOpensNothing) {
                      R"("consentCopy":"c","captureMode":"Never","isTest":true})");
     EXPECT_THROW(std::rethrow_exception(configure()), DecodingError);
     EXPECT_FALSE(client->registration());
-    EXPECT_FALSE(client->observersInstalled());
-    EXPECT_FALSE(client->watchingNetwork());
+    EXPECT_EQ(fake.paths->running(), 0u);
     EXPECT_EQ(fake.lifecycle->observerCount(), 0u);
 
-    // A base URL that nothing could be sent to fails without replacing the transport.
-    auto transport = client->transport();
+    // A base URL that nothing could be sent to fails without sending anything.
     base = *Url::parse("api.example.com/v1");
     EXPECT_THROW(std::rethrow_exception(configure()), NetworkError);
-    EXPECT_EQ(client->transport(), transport);
     EXPECT_EQ(fake.http->requests.size(), 1u);
 }
 
@@ -204,12 +201,11 @@ TEST_F(ClientTest, StopTearsDownAndALateRegistrationDoesNotRevive) {
     fake.http->reply("/v1/sdk/devices/health", 200, "{}");
     ASSERT_EQ(configure(), nullptr);
     client->stop();
-    EXPECT_TRUE(client->stopped());
-    EXPECT_FALSE(client->observersInstalled());
+    EXPECT_EQ(fake.lifecycle->observerCount(), 0u);
     EXPECT_EQ(fake.paths->running(), 0u);
     EXPECT_EQ(client->supportCode(), "111-222");  // kept after stop
 
-    // A configure whose reply arrives after stop() completes as cancelled and opens nothing.
+    // A registration whose reply arrives after stop() is kept and reported, but opens nothing.
     std::exception_ptr outcome;
     client->configure(base, "key-a", std::nullopt, false,
                       [&](std::exception_ptr e) { outcome = e; });
@@ -218,10 +214,11 @@ TEST_F(ClientTest, StopTearsDownAndALateRegistrationDoesNotRevive) {
     client->stop();
     fake.http->completePending(0, HttpOutcome{HttpResponse{200, {}, kRegistered}, nullptr});
     fake.executor->drain();
-    EXPECT_THROW(std::rethrow_exception(outcome), NetworkError);
-    EXPECT_FALSE(client->observersInstalled());
+    EXPECT_EQ(outcome, nullptr);
+    EXPECT_EQ(fake.lifecycle->observerCount(), 0u);
+    EXPECT_EQ(fake.paths->running(), 0u);
 
-    // A newer configure wins over an older one still in flight.
+    // A newer configure wins over an older one still in flight; both report success.
     std::exception_ptr older, newer;
     client->configure(base, "key-a", std::nullopt, false, [&](std::exception_ptr e) { older = e; });
     fake.executor->drain();
@@ -231,9 +228,65 @@ TEST_F(ClientTest, StopTearsDownAndALateRegistrationDoesNotRevive) {
     fake.http->completePending(0, HttpOutcome{HttpResponse{200, {}, kRegistered}, nullptr});
     fake.executor->drain();
     EXPECT_EQ(newer, nullptr);
-    EXPECT_THROW(std::rethrow_exception(older), NetworkError);
+    EXPECT_EQ(older, nullptr);
     EXPECT_EQ(client->transport()->apiKey(), "key-b");
     EXPECT_EQ(client->transport()->deviceToken(), "tok-1");
+}
+
+TEST_F(ClientTest, OverlappingConfiguresNeverLoseTheLastGoodRegistration) {
+    // The older registration succeeds while the newer one is on its way, then the newer one
+    // fails: the client stays registered and connected through the older one.
+    std::exception_ptr older = std::make_exception_ptr(std::runtime_error("not finished"));
+    std::exception_ptr newer = older;
+    client->configure(base, "key-a", std::nullopt, false, [&](std::exception_ptr e) { older = e; });
+    fake.executor->drain();
+    client->configure(*Url::parse("https://other.test"), "key-b", std::nullopt, false,
+                      [&](std::exception_ptr e) { newer = e; });
+    fake.executor->drain();
+    ASSERT_EQ(fake.http->pendingCount(), 2u);
+    fake.http->completePending(0, HttpOutcome{HttpResponse{200, {}, kRegistered}, nullptr});
+    fake.executor->drain();
+    EXPECT_EQ(older, nullptr);
+    ASSERT_EQ(fake.sockets.size(), 1u);
+    fake.http->completePending(
+        0, HttpOutcome{std::nullopt,
+                       std::make_exception_ptr(NetworkError(NetworkError::Kind::timedOut, "slow"))});
+    fake.executor->drain();
+    EXPECT_THROW(std::rethrow_exception(newer), NetworkError);
+    EXPECT_EQ(client->registration()->deviceId, "d1");
+    EXPECT_EQ(client->supportCode(), "111-222");
+    EXPECT_EQ(fake.sockets.size(), 1u);
+    EXPECT_FALSE(fake.sockets[0]->closeCode);
+}
+
+TEST_F(ClientTest, AFirstConfigureWithoutSchemeOrHostFailsAndNothingAborts) {
+    base = *Url::parse("localhost:8080");
+    auto error = configure();
+    ASSERT_TRUE(error);
+    try {
+        std::rethrow_exception(error);
+    } catch (const NetworkError& e) {
+        EXPECT_NE(std::string(e.what()).find("no scheme or host"), std::string::npos);
+    }
+    // identify and reset fail quietly instead of stopping the process.
+    bool identified = false, reset = false;
+    client->identify("u1", std::nullopt, std::nullopt, [&] { identified = true; });
+    client->reset([&] { reset = true; });
+    fake.executor->drain();
+    EXPECT_TRUE(identified && reset);
+    EXPECT_TRUE(fake.http->requestsTo("/v1/sdk/devices/identify").empty());
+    EXPECT_TRUE(fake.sockets.empty());
+
+    // After a good registration, a configure with such a URL never talks to the old backend.
+    base = *Url::parse("https://backend.test");
+    fake.http->reply("/v1/sdk/devices", 200, kRegistered);
+    ASSERT_EQ(configure(), nullptr);
+    base = *Url::parse("backend.test");
+    EXPECT_THROW(std::rethrow_exception(configure()), NetworkError);
+    client->identify("u1", std::nullopt, std::nullopt);
+    fake.executor->drain();
+    EXPECT_TRUE(fake.http->requestsTo("/v1/sdk/devices/identify").empty());
+    EXPECT_EQ(client->registration()->deviceId, "d1");
 }
 
 TEST(ClientDeathTest, IdentifyOrResetBeforeConfigureStopsTheProcess) {

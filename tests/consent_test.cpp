@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "core/client/client.hpp"
-#include "core/client/manual_clock.hpp"
+#include "core/ports/manual_clock.hpp"
 #include "core/consent/sheets.hpp"
 #include "core/wire/date_time.hpp"
 #include "platform/headless/host/builder.hpp"
@@ -159,7 +159,7 @@ class ConsentFlowTest : public ::testing::Test {
         return text;
     }
     void push(const json& message) {
-        client->dispatch(message.dump());
+        client->channel().dispatch(message.dump());
         fake.executor->drain();
     }
     void press(const std::string& title) {
@@ -209,11 +209,21 @@ TEST_F(ConsentFlowTest, PushesThatCannotBeShownAreDroppedWithoutACallback) {
     broken["payload"]["mode"] = "Sometimes";
     push(broken);
     push(consent("bad id"));  // could never be answered
+    push({{"type", "capture"}, {"payload", {{"requestId", "caf\u00e9 %"}}}});
     EXPECT_TRUE(events.empty());
     EXPECT_FALSE(prompts->sheet());
+    // Support staff can still see why nothing happened.
+    std::vector<std::string> logged;
+    for (const auto& [level, line] : fake.log->lines) {
+        if (level == LogLevel::error) logged.push_back(line);
+    }
+    EXPECT_EQ(logged, (std::vector<std::string>{
+                          "consent request dropped: request id \"bad id\" cannot form a request path",
+                          "capture request dropped: request id \"caf\u00e9 %\" cannot form a "
+                          "request path"}));
 
     auto unconfigured = VirelaClient::create(fake.platform, {clock, {}});
-    unconfigured->dispatch(consent("r3").dump());
+    unconfigured->channel().dispatch(consent("r3").dump());
     fake.executor->drain();
     EXPECT_FALSE(prompts->sheet());
 }
@@ -231,7 +241,7 @@ TEST_F(ConsentFlowTest, ANewerRequestReplacesTheOlderOneAndItsExpiry) {
     press("Allow once");
     EXPECT_EQ(requests("/v1/sdk/captures/r1/respond"), 0u);
     EXPECT_EQ(requests("/v1/sdk/captures/r2/respond"), 1u);
-    EXPECT_FALSE(client->promptExpiryArmed());
+    EXPECT_FALSE(clock->isScheduled(TimerId::promptExpiry));
     clock->advance(100);
     EXPECT_EQ(events, (std::vector<std::string>{"shown", "shown", "allowed"}));
 }
@@ -249,7 +259,7 @@ TEST_F(ConsentFlowTest, ExpiryComesTwoSecondsLateAndNeverSoonerThanOneSecond) {
     clock->advance(0.2);
     EXPECT_FALSE(prompts->sheet());
     EXPECT_EQ(events.back(), "expired");
-    EXPECT_FALSE(client->promptExpiryArmed());
+    EXPECT_FALSE(clock->isScheduled(TimerId::promptExpiry));
 
     // An expiry that cannot be read arms nothing: the sheet waits for the customer.
     auto unreadable = consent("r3");
@@ -310,7 +320,7 @@ TEST_F(ConsentFlowTest, DenyAndRefusalsEndTheRequestWithoutACapture) {
     push(consent("r3"));
     push({{"type", "denied"}, {"payload", json::object()}});
     EXPECT_FALSE(prompts->sheet());
-    EXPECT_FALSE(client->promptExpiryArmed());
+    EXPECT_FALSE(clock->isScheduled(TimerId::promptExpiry));
     EXPECT_EQ(events.back(), "denied");
     push(consent("r4"));
     push({{"type", "expired"}, {"payload", json::object()}});

@@ -23,8 +23,8 @@
 #include <thread>
 #include <vector>
 
-#include "core/api/errors.hpp"
-#include "core/client/clock.hpp"
+#include "core/base/errors.hpp"
+#include "core/ports/clock.hpp"
 #include "platform/headless/device_facts.hpp"
 #include "platform/headless/executors.hpp"
 #include "platform/headless/http_client.hpp"
@@ -189,7 +189,7 @@ TEST_F(MainLoopTest, RepeatKeepsTimeAndStopsWhenCancelled) {
 
     // A tick may cancel its own timer; a zero interval is floored instead of spinning.
     std::atomic<int> selfTicks{0};
-    std::atomic<ScheduledWork*> self{nullptr};
+    std::atomic<VirelaCancellable*> self{nullptr};
     auto handle = loop.repeat(0, [&] {
         if (++selfTicks != 3) return;
         while (self == nullptr) std::this_thread::yield();

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "core/transport/socket.hpp"
+#include "core/ports/socket.hpp"
 #include "core/wire/push_records.hpp"
 
 namespace virela {

@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
 #include "core/transport/transport.hpp"
 #include "tests/support/fake_platform.hpp"
 

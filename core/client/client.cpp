@@ -141,20 +141,14 @@ void VirelaClient::finishRegistration(const std::shared_ptr<Attempt>& attempt,
         }
     }
     if (failure) {
-        // The latest configure failed: requests go on through the last good registration's
-        // transport, if there is one.
-        if (attempt->number == configuresStarted_ && registeredTransport_) {
-            transport_ = registeredTransport_;
-        }
         attempt->done(failure);
         return;
     }
     // A reply older than the one applied would only take the client back.
     if (attempt->number > configureApplied_) {
         configureApplied_ = attempt->number;
+        // The transport stays the newest configure's: a configure still on its way replaced it.
         attempt->transport->setDeviceToken(registration->deviceToken);
-        transport_ = attempt->transport;
-        registeredTransport_ = attempt->transport;
         const std::string deviceToken = registration->deviceToken;
         setRegistration(std::move(registration));
         // After stop() the registration is kept, but nothing is brought up until the next
@@ -162,7 +156,7 @@ void VirelaClient::finishRegistration(const std::shared_ptr<Attempt>& attempt,
         if (!stopped_) {
             installObservers();
             health_->start();
-            channel_->start(transport_->baseUrl(), deviceToken);
+            channel_->start(attempt->transport->baseUrl(), deviceToken);
         }
     }
     attempt->done(nullptr);

@@ -55,9 +55,9 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
 
     // Registers the device and brings the client up. `done` receives nullptr on success or the
     // failure (VirelaError, NetworkError, DecodingError, SerializationError); it runs on the
-    // main executor. A failure changes nothing: the last good registration, its transport and
-    // its socket stay. Configures may overlap: each reports its own outcome, and a reply is
-    // applied unless a later configure's reply was applied first.
+    // main executor. The transport is replaced at once; a failure changes nothing else: the
+    // last good registration and its socket stay. Configures may overlap: each reports its own
+    // outcome, and a registration is applied unless a later configure's was applied first.
     void configure(const Url& baseUrl, const std::string& key,
                    const std::optional<VirelaUser>& user, bool collectVendorId, Completion done);
     // Fire and forget; failures are swallowed. `done`, if given, runs on the main executor once
@@ -116,9 +116,6 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     // Session state.
     std::shared_ptr<Transport> transport_;
     std::optional<RegisterResult> registration_;
-    // The transport the stored registration was made through; a failed configure falls back
-    // to it.
-    std::shared_ptr<Transport> registeredTransport_;
     bool stopped_ = false;
     VirelaCallbacks callbacks_;
     std::unique_ptr<Subscription> backgroundObserver_;

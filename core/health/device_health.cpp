@@ -1,7 +1,7 @@
 #include "core/health/device_health.hpp"
 
+#include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 
@@ -12,9 +12,13 @@ namespace health {
 std::string sizeText(std::int64_t bytes) {
     const double gigabytes = static_cast<double>(bytes) / 1'000'000'000.0;
     if (gigabytes >= 1.0) {
+        // to_chars never consults the process locale: the point stays a point wherever the
+        // host app runs.
         char buffer[64];
-        std::snprintf(buffer, sizeof buffer, "%.1f GB free", gigabytes);
-        return buffer;
+        const auto end = std::to_chars(buffer, buffer + sizeof buffer, gigabytes,
+                                       std::chars_format::fixed, 1)
+                             .ptr;
+        return std::string(buffer, end) + " GB free";
     }
     return std::to_string(bytes / 1'000'000) + " MB free";
 }

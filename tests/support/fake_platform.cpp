@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <utility>
 
-#include "core/api/errors.hpp"
+#include "core/base/errors.hpp"
 
 namespace virela::testing {
 
 namespace {
-class FlagWork final : public ScheduledWork {
+class FlagWork final : public VirelaCancellable {
   public:
     explicit FlagWork(std::shared_ptr<bool> flag) : flag_(std::move(flag)) {}
     void cancel() override { *flag_ = true; }
@@ -23,13 +23,13 @@ class NoopCancellable final : public VirelaCancellable {
 };
 }  // namespace
 
-std::unique_ptr<ScheduledWork> FakeExecutor::postAfter(double, std::function<void()> work) {
+std::shared_ptr<VirelaCancellable> FakeExecutor::postAfter(double, std::function<void()> work) {
     auto flag = std::make_shared<bool>(false);
     delayed_.push_back({std::move(work), flag});
     return std::make_unique<FlagWork>(flag);
 }
 
-std::unique_ptr<ScheduledWork> FakeExecutor::repeat(double interval, std::function<void()> work) {
+std::shared_ptr<VirelaCancellable> FakeExecutor::repeat(double interval, std::function<void()> work) {
     return postAfter(interval, std::move(work));
 }
 

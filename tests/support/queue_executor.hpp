@@ -4,7 +4,7 @@
 #include <functional>
 #include <memory>
 
-#include "core/client/platform.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela::testing {
 
@@ -13,10 +13,10 @@ namespace virela::testing {
 class QueueExecutor final : public MainExecutor {
   public:
     void post(std::function<void()> work) override { queue_.push_back(std::move(work)); }
-    std::unique_ptr<ScheduledWork> postAfter(double, std::function<void()>) override {
+    std::shared_ptr<VirelaCancellable> postAfter(double, std::function<void()>) override {
         return nullptr;
     }
-    std::unique_ptr<ScheduledWork> repeat(double, std::function<void()>) override {
+    std::shared_ptr<VirelaCancellable> repeat(double, std::function<void()>) override {
         return nullptr;
     }
     bool isCurrent() const override { return true; }
