@@ -21,6 +21,8 @@ TEST(HealthTexts, FollowTheCardRules) {
     EXPECT_EQ(health::sizeText(999'999'999), "999 MB free");
     EXPECT_EQ(health::sizeText(12'345'678'901), "12.3 GB free");
     EXPECT_EQ(health::sizeText(0), "0 MB free");
+    EXPECT_EQ(health::sizeText(1'949'999'999), "1.9 GB free");
+    EXPECT_EQ(health::sizeText(9'960'000'000), "10.0 GB free");
     // A host app running under a locale whose decimal mark is a comma changes nothing.
     for (const char* name : {"de_DE.UTF-8", "fr_FR.UTF-8", "ru_RU.UTF-8"}) {
         if (!std::setlocale(LC_ALL, name)) continue;

@@ -1,6 +1,5 @@
 #include "core/health/device_health.hpp"
 
-#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <mutex>
@@ -10,15 +9,13 @@ namespace virela {
 namespace health {
 
 std::string sizeText(std::int64_t bytes) {
-    const double gigabytes = static_cast<double>(bytes) / 1'000'000'000.0;
-    if (gigabytes >= 1.0) {
-        // to_chars never consults the process locale: the point stays a point wherever the
-        // host app runs.
-        char buffer[64];
-        const auto end = std::to_chars(buffer, buffer + sizeof buffer, gigabytes,
-                                       std::chars_format::fixed, 1)
-                             .ptr;
-        return std::string(buffer, end) + " GB free";
+    if (bytes >= 1'000'000'000) {
+        // Tenths of a gigabyte in integers, rounded half to even as printf's "%.1f" would, so
+        // that the text never depends on the process locale's decimal mark.
+        std::int64_t tenths = bytes / 100'000'000;
+        const std::int64_t rest = bytes % 100'000'000;
+        if (rest > 50'000'000 || (rest == 50'000'000 && tenths % 2 == 1)) ++tenths;
+        return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " GB free";
     }
     return std::to_string(bytes / 1'000'000) + " MB free";
 }
