@@ -19,16 +19,10 @@ constexpr const char* kRegistered =
 
 struct RecordingRouter final : PushRouter {
     std::vector<std::string> seen;
-    void consent(const ConsentPush& p) override {
-        seen.push_back("consent " + p.requestId);
-    }
-    void capture(const CapturePush& p) override {
-        seen.push_back("capture " + p.requestId);
-    }
+    void consent(const ConsentPush& p) override { seen.push_back("consent " + p.requestId); }
+    void capture(const CapturePush& p) override { seen.push_back("capture " + p.requestId); }
     void live(const LivePush& p) override { seen.push_back("live " + p.sessionId); }
-    void control(const ControlPush& p) override {
-        seen.push_back("control " + p.sessionId);
-    }
+    void control(const ControlPush& p) override { seen.push_back("control " + p.sessionId); }
 };
 
 class ChannelTest : public ::testing::Test {

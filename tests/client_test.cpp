@@ -249,8 +249,8 @@ TEST_F(ClientTest, OverlappingConfiguresNeverLoseTheLastGoodRegistration) {
     EXPECT_EQ(older, nullptr);
     ASSERT_EQ(fake.sockets.size(), 1u);
     fake.http->completePending(
-        0, HttpOutcome{std::nullopt,
-                       std::make_exception_ptr(NetworkError(NetworkError::Kind::timedOut, "slow"))});
+        0, HttpOutcome{std::nullopt, std::make_exception_ptr(
+                                         NetworkError(NetworkError::Kind::timedOut, "slow"))});
     fake.executor->drain();
     EXPECT_THROW(std::rethrow_exception(newer), NetworkError);
     EXPECT_EQ(client->registration()->deviceId, "d1");

@@ -6,8 +6,8 @@
 #include <nlohmann/json.hpp>
 
 #include "core/client/client.hpp"
-#include "core/ports/manual_clock.hpp"
 #include "core/consent/sheets.hpp"
+#include "core/ports/manual_clock.hpp"
 #include "core/wire/date_time.hpp"
 #include "platform/headless/host/builder.hpp"
 #include "platform/headless/presenters.hpp"
@@ -217,10 +217,11 @@ TEST_F(ConsentFlowTest, PushesThatCannotBeShownAreDroppedWithoutACallback) {
     for (const auto& [level, line] : fake.log->lines) {
         if (level == LogLevel::error) logged.push_back(line);
     }
-    EXPECT_EQ(logged, (std::vector<std::string>{
-                          "consent request dropped: request id \"bad id\" cannot form a request path",
-                          "capture request dropped: request id \"caf\u00e9 %\" cannot form a "
-                          "request path"}));
+    EXPECT_EQ(logged,
+              (std::vector<std::string>{
+                  "consent request dropped: request id \"bad id\" cannot form a request path",
+                  "capture request dropped: request id \"caf\u00e9 %\" cannot form a "
+                  "request path"}));
 
     auto unconfigured = VirelaClient::create(fake.platform, {clock, {}});
     unconfigured->channel().dispatch(consent("r3").dump());

@@ -5,8 +5,8 @@
 #include <nlohmann/json.hpp>
 
 #include "core/client/client.hpp"
-#include "core/ports/manual_clock.hpp"
 #include "core/health/device_health.hpp"
+#include "core/ports/manual_clock.hpp"
 #include "tests/support/fake_platform.hpp"
 
 namespace virela {

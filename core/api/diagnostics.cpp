@@ -16,7 +16,8 @@ auto onMainAndWait(Work work) -> decltype(work(std::declval<VirelaClient&>())) {
     const auto& main = client->platform().main;
     if (main->isCurrent()) return work(*client);
     using Result = decltype(work(*client));
-    auto task = std::make_shared<std::packaged_task<Result()>>([client, work] { return work(*client); });
+    auto task =
+        std::make_shared<std::packaged_task<Result()>>([client, work] { return work(*client); });
     auto result = task->get_future();
     main->post([task] { (*task)(); });
     return result.get();
@@ -24,7 +25,8 @@ auto onMainAndWait(Work work) -> decltype(work(std::declval<VirelaClient&>())) {
 }  // namespace
 
 void VirelaDiagnostics::observeChannel(ChannelEvents events) {
-    onMainAndWait([&events](VirelaClient& client) { client.channel().setEvents(std::move(events)); });
+    onMainAndWait(
+        [&events](VirelaClient& client) { client.channel().setEvents(std::move(events)); });
 }
 
 std::optional<DeviceDiagnostics> VirelaDiagnostics::device() {

@@ -1,6 +1,5 @@
 #include "core/base/records.hpp"
 
-
 namespace virela {
 
 namespace {

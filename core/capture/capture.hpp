@@ -7,9 +7,9 @@
 #include <memory>
 #include <vector>
 
-#include "core/ports/platform.hpp"
 #include "core/control/windows.hpp"
 #include "core/ports/host.hpp"
+#include "core/ports/platform.hpp"
 #include "core/ports/renderer.hpp"
 #include "core/redaction/redaction_walk.hpp"
 

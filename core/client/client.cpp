@@ -116,17 +116,17 @@ void VirelaClient::configure(const Url& baseUrl, const std::string& key,
     facts.installId = installId(key);
 
     std::weak_ptr<VirelaClient> weak = weak_from_this();
-    DeviceHealth(platform_).collect([weak, attempt, user, facts = std::move(facts)](
-                                        DeviceHealthSnapshot health) mutable {
-        if (!weak.lock()) return;
-        facts.health = std::move(health);
-        attempt->transport->postJson(kDevicesPath, registrationBody(user, facts), true,
-                                     [weak, attempt](const SendResult& result) {
-                                         if (auto client = weak.lock()) {
-                                             client->finishRegistration(attempt, result);
-                                         }
-                                     });
-    });
+    DeviceHealth(platform_).collect(
+        [weak, attempt, user, facts = std::move(facts)](DeviceHealthSnapshot health) mutable {
+            if (!weak.lock()) return;
+            facts.health = std::move(health);
+            attempt->transport->postJson(kDevicesPath, registrationBody(user, facts), true,
+                                         [weak, attempt](const SendResult& result) {
+                                             if (auto client = weak.lock()) {
+                                                 client->finishRegistration(attempt, result);
+                                             }
+                                         });
+        });
 }
 
 void VirelaClient::finishRegistration(const std::shared_ptr<Attempt>& attempt,

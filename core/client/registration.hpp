@@ -5,9 +5,9 @@
 #include <string_view>
 
 #include "core/base/records.hpp"
-#include "core/wire/device_records.hpp"
 #include "core/health/device_health.hpp"
 #include "core/transport/transport.hpp"
+#include "core/wire/device_records.hpp"
 
 namespace virela {
 

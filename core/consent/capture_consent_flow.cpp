@@ -45,8 +45,7 @@ CaptureResult decodeCaptureResult(std::string_view bytes) {
 
 }  // namespace
 
-std::shared_ptr<CaptureConsentFlow> CaptureConsentFlow::create(Parts parts,
-                                                               FlowContext& context) {
+std::shared_ptr<CaptureConsentFlow> CaptureConsentFlow::create(Parts parts, FlowContext& context) {
     return std::shared_ptr<CaptureConsentFlow>(new CaptureConsentFlow(std::move(parts), context));
 }
 
@@ -64,9 +63,9 @@ void CaptureConsentFlow::handleConsent(const ConsentPush& push) {
     if (!usableInPath(push.requestId)) {
         // Nothing can be answered for it; say so, since the agent will wait in vain.
         if (parts_.platform->log) {
-            parts_.platform->log->write(
-                LogLevel::error, "consent request dropped: request id \"" + push.requestId +
-                                     "\" cannot form a request path");
+            parts_.platform->log->write(LogLevel::error, "consent request dropped: request id \"" +
+                                                             push.requestId +
+                                                             "\" cannot form a request path");
         }
         return;
     }
@@ -100,9 +99,9 @@ void CaptureConsentFlow::handleConsent(const ConsentPush& push) {
 void CaptureConsentFlow::handleCapture(const CapturePush& push) {
     if (!usableInPath(push.requestId)) {
         if (parts_.platform->log) {
-            parts_.platform->log->write(LogLevel::error,
-                                        "capture request dropped: request id \"" +
-                                            push.requestId + "\" cannot form a request path");
+            parts_.platform->log->write(LogLevel::error, "capture request dropped: request id \"" +
+                                                             push.requestId +
+                                                             "\" cannot form a request path");
         }
         return;
     }
@@ -136,8 +135,8 @@ void CaptureConsentFlow::startPromptExpiry(const std::string& expiresAt) {
     cancelPromptExpiry();
     std::optional<double> deadline = parseInternetDateTime(expiresAt);
     if (!deadline) return;  // the prompt then stays until answered or replaced
-    const double delay = std::max(*deadline - parts_.clock->now() + kExpiryGraceSeconds,
-                                  kMinimumExpirySeconds);
+    const double delay =
+        std::max(*deadline - parts_.clock->now() + kExpiryGraceSeconds, kMinimumExpirySeconds);
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
     // Cancelling the task is what keeps a stale expiry from closing a newer prompt.
     promptExpiry_ = parts_.clock->after(TimerId::promptExpiry, delay, [weak] {
@@ -151,7 +150,8 @@ void CaptureConsentFlow::startPromptExpiry(const std::string& expiresAt) {
 
 std::shared_ptr<Transport> CaptureConsentFlow::requireTransport(const char* what) const {
     auto transport = context_.transport();
-    if (!transport) fatalPrecondition(std::string(what) + " needs the transport that configure made");
+    if (!transport)
+        fatalPrecondition(std::string(what) + " needs the transport that configure made");
     return transport;
 }
 

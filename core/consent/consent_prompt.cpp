@@ -1,8 +1,8 @@
 #include "core/consent/consent_prompt.hpp"
 
 #include "core/ports/clock.hpp"
-#include "core/ports/platform.hpp"
 #include "core/ports/http_client.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela {
 

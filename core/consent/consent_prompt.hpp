@@ -11,8 +11,8 @@
 #include <string_view>
 
 #include "core/consent/sheets.hpp"
-#include "core/ports/presenters.hpp"
 #include "core/ports/host.hpp"
+#include "core/ports/presenters.hpp"
 
 namespace virela {
 

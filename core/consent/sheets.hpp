@@ -7,9 +7,9 @@
 #include <string>
 
 #include "core/base/records.hpp"
-#include "core/theme/palette.hpp"
 #include "core/base/url.hpp"
 #include "core/ports/presenters.hpp"
+#include "core/theme/palette.hpp"
 
 namespace virela {
 

@@ -57,27 +57,27 @@ void HealthReporter::send(std::function<void()> done) {
     }
     inFlight_ = true;
     std::weak_ptr<HealthReporter> weak = weak_from_this();
-    DeviceHealth(platform_).collect([weak, done = std::move(done)](
-                                        const DeviceHealthSnapshot& snapshot) {
-        auto self = weak.lock();
-        if (!self) return;
-        auto transport = self->context_.transport();
-        const auto& network = snapshot.network;
-        // Only the network decides: a report for the network last accepted tells the agent
-        // nothing new.
-        if (!transport || (network && network == self->lastNetworkSent_)) {
-            self->finish(network, false);
-            if (done) done();
-            return;
-        }
-        transport->postJson(kHealthPath, health::reportBody(snapshot), false,
-                            [weak, network, done](const SendResult& result) {
-                                if (auto reporter = weak.lock()) {
-                                    reporter->finish(network, static_cast<bool>(result));
-                                }
-                                if (done) done();
-                            });
-    });
+    DeviceHealth(platform_).collect(
+        [weak, done = std::move(done)](const DeviceHealthSnapshot& snapshot) {
+            auto self = weak.lock();
+            if (!self) return;
+            auto transport = self->context_.transport();
+            const auto& network = snapshot.network;
+            // Only the network decides: a report for the network last accepted tells the agent
+            // nothing new.
+            if (!transport || (network && network == self->lastNetworkSent_)) {
+                self->finish(network, false);
+                if (done) done();
+                return;
+            }
+            transport->postJson(kHealthPath, health::reportBody(snapshot), false,
+                                [weak, network, done](const SendResult& result) {
+                                    if (auto reporter = weak.lock()) {
+                                        reporter->finish(network, static_cast<bool>(result));
+                                    }
+                                    if (done) done();
+                                });
+        });
 }
 
 void HealthReporter::finish(const std::optional<std::string>& network, bool accepted) {

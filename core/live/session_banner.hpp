@@ -9,8 +9,8 @@
 #include <string>
 
 #include "core/ports/host.hpp"
-#include "core/theme/palette.hpp"
 #include "core/ports/presenters.hpp"
+#include "core/theme/palette.hpp"
 
 namespace virela {
 

@@ -6,11 +6,16 @@ namespace virela {
 
 std::string_view timerName(TimerId id) noexcept {
     switch (id) {
-        case TimerId::heartbeat: return "heartbeat";
-        case TimerId::reconnect: return "reconnect";
-        case TimerId::promptExpiry: return "prompt expiry";
-        case TimerId::bannerRefresh: return "banner refresh";
-        case TimerId::other: break;
+        case TimerId::heartbeat:
+            return "heartbeat";
+        case TimerId::reconnect:
+            return "reconnect";
+        case TimerId::promptExpiry:
+            return "prompt expiry";
+        case TimerId::bannerRefresh:
+            return "banner refresh";
+        case TimerId::other:
+            break;
     }
     return "other";
 }

@@ -24,8 +24,9 @@ class MainExecutor {
     virtual ~MainExecutor() = default;
     virtual void post(std::function<void()> work) = 0;
     virtual std::shared_ptr<VirelaCancellable> postAfter(double seconds,
-                                                     std::function<void()> work) = 0;
-    virtual std::shared_ptr<VirelaCancellable> repeat(double interval, std::function<void()> work) = 0;
+                                                         std::function<void()> work) = 0;
+    virtual std::shared_ptr<VirelaCancellable> repeat(double interval,
+                                                      std::function<void()> work) = 0;
     virtual bool isCurrent() const = 0;
     // Runs work on a thread that is not the main one (the callback form of configure completes
     // there).
@@ -38,7 +39,7 @@ class SerialQueue {
     virtual ~SerialQueue() = default;
     virtual void post(std::function<void()> work) = 0;
     virtual std::shared_ptr<VirelaCancellable> postAfter(double seconds,
-                                                     std::function<void()> work) = 0;
+                                                         std::function<void()> work) = 0;
 };
 
 // Code that owns main-thread state says so: in debug builds, reaching it on another thread stops

@@ -17,9 +17,9 @@
 #include <string_view>
 #include <vector>
 
-#include "core/base/records.hpp"
 #include "core/base/geometry.hpp"
 #include "core/base/handles.hpp"
+#include "core/base/records.hpp"
 #include "core/ports/lifecycle.hpp"
 
 namespace virela {

@@ -95,7 +95,8 @@ bool ManualClock::isScheduled(TimerId id) const {
 std::optional<double> ManualClock::dueIn(TimerId id) const {
     std::optional<double> soonest;
     for (const auto& e : state_->entries) {
-        if (e.name == id && (!soonest || e.due - state_->now < *soonest)) soonest = e.due - state_->now;
+        if (e.name == id && (!soonest || e.due - state_->now < *soonest))
+            soonest = e.due - state_->now;
     }
     return soonest;
 }

@@ -57,8 +57,8 @@ class PromptPresenter {
     virtual void dismiss() = 0;
 };
 
-// The session banner's side: a raised passthrough window in the scene of `window`, carrying the pill.
-// Main thread only.
+// The session banner's side: a raised passthrough window in the scene of `window`, carrying the
+// pill. Main thread only.
 class BannerPresenter {
   public:
     virtual ~BannerPresenter() = default;

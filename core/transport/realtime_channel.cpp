@@ -130,9 +130,8 @@ void RealtimeChannel::route(Push push) {
     } catch (...) {
         // A host callback that throws must not take the channel down with it.
         if (platform_->log) {
-            platform_->log->write(LogLevel::error,
-                                  std::string("push handling failed: ") + type + " — " +
-                                      describe(std::current_exception()));
+            platform_->log->write(LogLevel::error, std::string("push handling failed: ") + type +
+                                                       " — " + describe(std::current_exception()));
         }
     }
 }
@@ -169,8 +168,7 @@ void RealtimeChannel::send(std::string text) {
         socket_->send(SocketMessage::text(std::move(text)), [](const std::exception_ptr&) {});
 }
 
-void RealtimeChannel::socketDidOpen(const VirelaSocket& socket,
-                                    const std::optional<std::string>&) {
+void RealtimeChannel::socketDidOpen(const VirelaSocket& socket, const std::optional<std::string>&) {
     std::weak_ptr<RealtimeChannel> weak = weak_from_this();
     const VirelaSocket* opened = &socket;
     platform_->main->post([weak, opened] {

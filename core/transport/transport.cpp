@@ -3,10 +3,10 @@
 #include <utility>
 
 #include "core/base/errors.hpp"
+#include "core/base/uuid.hpp"
 #include "core/ports/clock.hpp"
 #include "core/ports/fatal.hpp"
 #include "core/ports/platform.hpp"
-#include "core/base/uuid.hpp"
 #include "core/wire/json_fields.hpp"
 
 namespace virela {
@@ -50,7 +50,7 @@ Transport::Transport(Url baseUrl, std::string apiKey, std::shared_ptr<HttpClient
 Url Transport::resolve(std::string_view path) const {
     // A base URL without a scheme or host cannot serve requests; send() then fails them.
     auto url = baseUrl_.isAbsolute() && baseUrl_.hasAuthority() ? baseUrl_.resolve(path)
-                                                                 : Url::parse(path);
+                                                                : Url::parse(path);
     if (!url) fatalPrecondition("request path is not a valid URL: " + std::string(path));
     return *url;
 }

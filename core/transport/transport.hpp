@@ -11,8 +11,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/ports/http_client.hpp"
 #include "core/base/url.hpp"
+#include "core/ports/http_client.hpp"
 
 namespace virela {
 

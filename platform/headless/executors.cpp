@@ -27,7 +27,8 @@ class StrandQueue final : public SerialQueue {
         asio::post(strand_, std::move(work));
     }
 
-    std::shared_ptr<VirelaCancellable> postAfter(double seconds, std::function<void()> work) override {
+    std::shared_ptr<VirelaCancellable> postAfter(double seconds,
+                                                 std::function<void()> work) override {
         return timers_->once(seconds, std::move(work));
     }
 

@@ -41,7 +41,8 @@ class MainLoop final : public MainExecutor {
     ~MainLoop() override;  // shutdown()
 
     void post(std::function<void()> work) override;
-    std::shared_ptr<VirelaCancellable> postAfter(double seconds, std::function<void()> work) override;
+    std::shared_ptr<VirelaCancellable> postAfter(double seconds,
+                                                 std::function<void()> work) override;
     std::shared_ptr<VirelaCancellable> repeat(double interval, std::function<void()> work) override;
     bool isCurrent() const override;
     void postBackground(std::function<void()> work) override;

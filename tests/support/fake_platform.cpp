@@ -29,7 +29,8 @@ std::shared_ptr<VirelaCancellable> FakeExecutor::postAfter(double, std::function
     return std::make_unique<FlagWork>(flag);
 }
 
-std::shared_ptr<VirelaCancellable> FakeExecutor::repeat(double interval, std::function<void()> work) {
+std::shared_ptr<VirelaCancellable> FakeExecutor::repeat(double interval,
+                                                        std::function<void()> work) {
     return postAfter(interval, std::move(work));
 }
 

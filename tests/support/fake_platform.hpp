@@ -13,15 +13,16 @@
 #include <vector>
 
 #include "core/ports/clock.hpp"
-#include "core/ports/platform.hpp"
 #include "core/ports/http_client.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela::testing {
 
 class FakeExecutor final : public MainExecutor, public SerialQueue {
   public:
     void post(std::function<void()> work) override { queue_.push_back(std::move(work)); }
-    std::shared_ptr<VirelaCancellable> postAfter(double seconds, std::function<void()> work) override;
+    std::shared_ptr<VirelaCancellable> postAfter(double seconds,
+                                                 std::function<void()> work) override;
     std::shared_ptr<VirelaCancellable> repeat(double interval, std::function<void()> work) override;
     bool isCurrent() const override { return true; }
     void postBackground(std::function<void()> work) override { post(std::move(work)); }

@@ -77,8 +77,9 @@ std::shared_ptr<VirelaCancellable> TimerSet::every(double interval, std::functio
     return schedule(step, step, std::move(work));
 }
 
-std::shared_ptr<VirelaCancellable> TimerSet::schedule(Clock::duration delay, Clock::duration interval,
-                                                  std::function<void()> work) {
+std::shared_ptr<VirelaCancellable> TimerSet::schedule(Clock::duration delay,
+                                                      Clock::duration interval,
+                                                      std::function<void()> work) {
     auto id = nextId_.fetch_add(1);
     auto flag = std::make_shared<std::atomic<bool>>(false);
     auto handle = std::make_unique<Handle>(weak_from_this(), id, flag);

@@ -40,7 +40,7 @@ class TimerSet : public std::enable_shared_from_this<TimerSet> {
 
     TimerSet(std::shared_ptr<IoThreads> threads, boost::asio::any_io_executor executor);
     std::shared_ptr<VirelaCancellable> schedule(Clock::duration delay, Clock::duration interval,
-                                            std::function<void()> work);
+                                                std::function<void()> work);
     void arm(std::uint64_t id, Entry& entry);
     void fired(std::uint64_t id);
 

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "core/base/records.hpp"
 #include "core/base/geometry.hpp"
+#include "core/base/records.hpp"
 #include "core/ports/host.hpp"
 
 namespace virela {

@@ -10,8 +10,8 @@
 #include <cstddef>
 #include <string_view>
 
-#include "core/base/records.hpp"
 #include "core/base/geometry.hpp"
+#include "core/base/records.hpp"
 #include "platform/headless/render/image.hpp"
 
 namespace virela::headless {

@@ -7,8 +7,8 @@
 #include <optional>
 #include <vector>
 
-#include "core/base/records.hpp"
 #include "core/base/geometry.hpp"
+#include "core/base/records.hpp"
 
 namespace virela::headless {
 

@@ -24,7 +24,7 @@ class WorkItem final : public VirelaCancellable {
 };
 
 std::shared_ptr<VirelaCancellable> submitAfter(dispatch_queue_t queue, double seconds,
-                                           std::function<void()> work) {
+                                               std::function<void()> work) {
     dispatch_block_t block = dispatch_block_create(static_cast<dispatch_block_flags_t>(0), ^{
       work();
     });
@@ -88,11 +88,13 @@ class MainQueueExecutor final : public MainExecutor {
         });
     }
 
-    std::shared_ptr<VirelaCancellable> postAfter(double seconds, std::function<void()> work) override {
+    std::shared_ptr<VirelaCancellable> postAfter(double seconds,
+                                                 std::function<void()> work) override {
         return submitAfter(dispatch_get_main_queue(), seconds, std::move(work));
     }
 
-    std::shared_ptr<VirelaCancellable> repeat(double interval, std::function<void()> work) override {
+    std::shared_ptr<VirelaCancellable> repeat(double interval,
+                                              std::function<void()> work) override {
         return std::make_unique<RepeatingTimer>(interval, std::move(work));
     }
 
@@ -116,7 +118,8 @@ class DispatchSerialQueue final : public SerialQueue {
         });
     }
 
-    std::shared_ptr<VirelaCancellable> postAfter(double seconds, std::function<void()> work) override {
+    std::shared_ptr<VirelaCancellable> postAfter(double seconds,
+                                                 std::function<void()> work) override {
         return submitAfter(queue_, seconds, std::move(work));
     }
 

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "core/ports/platform.hpp"
 #include "core/ports/http_client.hpp"
+#include "core/ports/platform.hpp"
 
 namespace virela::ios {
 
