@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "core/client/client.hpp"
 #include "core/ports/platform.hpp"
 #include "tests/support/queue_executor.hpp"
@@ -75,6 +77,19 @@ void BM_DecodeOnly(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_DecodeOnly);
+
+// Baseline for both: a plain JSON parse of the same frames, so BM_DispatchMixedFrames /
+// BM_JsonParseOnly is what decoding into records and routing add to parsing.
+void BM_JsonParseOnly(benchmark::State& state) {
+    const auto& frames = mixedFrames();
+    std::size_t i = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(nlohmann::json::parse(frames[i], nullptr, false));
+        if (++i == frames.size()) i = 0;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_JsonParseOnly);
 
 }  // namespace
 }  // namespace virela

@@ -68,6 +68,27 @@ BENCHMARK(redactionWalk)
     ->Complexity(benchmark::oN)
     ->Unit(benchmark::kMicrosecond);
 
+// Baseline for redactionWalk: a visitor that descends into every view of the same tree and
+// does nothing, so redactionWalk / bareScan is what the rules add to reading the host.
+void bareScan(benchmark::State& state) {
+    const auto views = static_cast<int>(state.range(0));
+    GeneratedScreen screen(views, views / 100);
+    struct Nothing final : ViewVisitor {
+        std::size_t seen = 0;
+        bool visit(const ViewFacts&) override {
+            ++seen;
+            return true;
+        }
+    } visitor;
+    for (auto _ : state) {
+        visitor.seen = 0;
+        screen.host->walkViews(screen.window->handle(), visitor);
+        benchmark::DoNotOptimize(visitor.seen);
+    }
+    state.counters["visited"] = static_cast<double>(visitor.seen);
+}
+BENCHMARK(bareScan)->Arg(1000)->Arg(3000)->Arg(10000)->Arg(30000)->Unit(benchmark::kMicrosecond);
+
 // The same walk over facts read once and replayed: core's own share, without the cost of
 // reading the headless host's view objects.
 class ReplayHost final : public HostInterface {
@@ -152,5 +173,19 @@ void capture(benchmark::State& state, bool live) {
 }
 BENCHMARK_CAPTURE(capture, still, false)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(capture, liveFrame, true)->Unit(benchmark::kMillisecond);
+
+// Baseline for capture/liveFrame: the JPEG encode alone of the very pixels a live frame
+// draws, so liveFrame / jpegEncodeOnly is what walking, planning and drawing add.
+void jpegEncodeOnly(benchmark::State& state) {
+    PhoneScreen screen;
+    screen.capture.capture(true);
+    HeadlessRenderer renderer;
+    const Image pixels = renderer.draw(screen.capture.lastPlan());
+    const double quality = screen.capture.lastPlan().jpegQuality;
+    std::size_t bytes = 0;
+    for (auto _ : state) bytes = encodeJpeg(pixels, quality).size();
+    state.counters["bytes"] = static_cast<double>(bytes);
+}
+BENCHMARK(jpegEncodeOnly)->Unit(benchmark::kMillisecond);
 
 }  // namespace
