@@ -1,5 +1,10 @@
 #include "apps/demo/sample_screen.hpp"
 
+#include <fstream>
+
+#include "apps/demo/transcript.hpp"
+#include "core/api/diagnostics.hpp"
+
 namespace demo {
 
 using namespace virela::headless;
@@ -47,6 +52,31 @@ SampleScreen showSampleScreen(HeadlessHost& host) {
     auto keyboard = addWindow(*window, 10, "UITextEffectsWindow");
     add(*keyboard, view({0, 560, 390, 284}, rgb(0xD1D5DB)));
     return screen;
+}
+
+SampleScreen showAndCaptureSampleScreen(Runtime& runtime, const std::filesystem::path& outDir) {
+    return runtime.runOnMain([&] {
+        auto screen = showSampleScreen(*runtime.host());
+        say("app: showing the checkout screen (a password, a card number and a security code "
+            "are sensitive)");
+        const auto path = outDir / "live-frame.jpg";
+        try {
+            const auto shot = virela::VirelaDiagnostics::captureScreen(/*live=*/true);
+            std::ofstream file(path, std::ios::binary);
+            file.write(reinterpret_cast<const char*>(shot.bytes.data()),
+                       static_cast<std::streamsize>(shot.bytes.size()));
+            if (file) {
+                say("app: live frame with " + std::to_string(shot.redactionBoxes) +
+                    " redaction boxes written to " + path.string() + " (" +
+                    std::to_string(shot.bytes.size()) + " bytes)");
+            } else {
+                say("app: could not write " + path.string());
+            }
+        } catch (...) {
+            say("app: capture failed: " + failureText(std::current_exception()));
+        }
+        return screen;
+    });
 }
 
 }  // namespace demo

@@ -1,0 +1,85 @@
+#include "apps/demo/transcript.hpp"
+
+#include <charconv>
+#include <cstdio>
+#include <mutex>
+#include <variant>
+
+#include "core/base/errors.hpp"
+
+namespace demo {
+
+namespace {
+// Lines come from the main loop, the backend's thread and the demo's own; keep them whole.
+std::mutex printMutex;
+
+std::string text(const std::optional<std::string>& value) {
+    return value ? *value : "-";
+}
+std::string optionalNumber(const std::optional<double>& value) {
+    return value ? number(*value) : "-";
+}
+}  // namespace
+
+void say(std::string_view line) {
+    std::lock_guard lock(printMutex);
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+std::string number(double value) {
+    char buffer[32];
+    const auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+    return std::string(buffer, end);
+}
+
+std::string failureText(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const virela::VirelaError& e) {
+        return "status " + std::to_string(e.status()) + ", code " + e.code() + ", message " +
+               e.message();
+    } catch (const virela::NetworkError& e) {
+        return std::string("status 0, code ") + virela::toString(e.kind()) + ", message " +
+               e.what();
+    } catch (const std::exception& e) {
+        return std::string("status 0, code undecodable, message ") + e.what();
+    }
+}
+
+std::string describe(const virela::Push& push) {
+    using namespace virela;
+    struct Describe {
+        std::string operator()(const ConsentPush& p) const {
+            return "request " + p.requestId + " (" + rawValue(p.mode) + ") from " +
+                   text(p.agentName) + ", expires " + p.expiresAt;
+        }
+        std::string operator()(const CapturePush& p) const { return "request " + p.requestId; }
+        std::string operator()(const LivePush& p) const {
+            return "session " + p.sessionId + " " + rawValue(p.state) + ", generation " +
+                   text(p.generation);
+        }
+        std::string operator()(const LiveNotePush& p) const {
+            return "session " + p.sessionId + " " + rawValue(p.kind) + ", generation " +
+                   text(p.generation);
+        }
+        std::string operator()(const GuidePush& p) const {
+            return p.kind + " at (" + optionalNumber(p.x) + ", " + optionalNumber(p.y) + ")" +
+                   (p.text ? " \"" + *p.text + "\"" : "");
+        }
+        std::string operator()(const ControlPush& p) const {
+            return "session " + p.sessionId + " " + rawValue(p.state) + ", generation " +
+                   text(p.generation);
+        }
+        std::string operator()(const ControlInputPush& p) const {
+            return p.action + " at (" + optionalNumber(p.x) + ", " + optionalNumber(p.y) + ")";
+        }
+        std::string operator()(const SessionPush& p) const { return "state " + p.state; }
+        std::string operator()(const ExpiredPush&) const { return "the pending request expired"; }
+        std::string operator()(const DeniedPush&) const { return "the pending request was denied"; }
+    };
+    return std::string(pushType(push)) + ": " + std::visit(Describe{}, push);
+}
+
+}  // namespace demo
