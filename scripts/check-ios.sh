@@ -45,11 +45,17 @@ third_party="$(mktemp -d)"
 trap 'rm -rf "${third_party}"' EXIT
 ln -s "${nlohmann_parent}/nlohmann" "${third_party}/nlohmann"
 
+# The version header CMake generates from project(... VERSION ...), made the same way here.
+generated="${third_party}/generated"
+mkdir -p "${generated}/core/base"
+version="$(sed -nE 's/^project\(VirelaAgent VERSION ([0-9.]+).*/\1/p' "${root}/CMakeLists.txt")"
+sed "s/@PROJECT_VERSION@/${version}/" "${root}/cmake/version.hpp.in" > "${generated}/core/base/version.hpp"
+
 # The same warnings the CMake build makes errors of on our own code.
 warnings=(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-align
           -Woverloaded-virtual -Wnull-dereference -Wimplicit-fallthrough -Werror)
 common=(-std=c++20 -stdlib=libc++ -target arm64-apple-ios15.0 -isysroot "${sdk}" -fsyntax-only
-        "${warnings[@]}" -I"${root}" -I"${root}/platform/ios/include" -isystem "${third_party}")
+        "${warnings[@]}" -I"${root}" -I"${generated}" -I"${root}/platform/ios/include" -isystem "${third_party}")
 
 echo "ios check: ${cxx} ($("${cxx}" --version | head -n 1))"
 echo "ios check: SDK ${sdk}"

@@ -20,6 +20,14 @@ scripts/check-ios.sh
 echo "== tests"
 ctest --test-dir build/test --output-on-failure -j"$jobs"
 
+echo "== the installed package, used by a program outside the tree"
+rm -rf build/test/install build/consumer
+cmake --install build/test --prefix build/test/install >/dev/null
+cmake -S tests/consumer -B build/consumer -G Ninja -DCMAKE_PREFIX_PATH="$PWD/build/test/install" \
+      >/dev/null
+cmake --build build/consumer >/dev/null
+build/consumer/virela-consumer
+
 echo "== fuzzing the realtime dispatcher (a fixed, short run; see README for a longer one)"
 CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVIRELA_FUZZ=ON \
       -DVIRELA_TESTS=OFF -DVIRELA_BENCH=OFF -DVIRELA_DEMO=OFF >/dev/null

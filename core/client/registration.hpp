@@ -5,13 +5,13 @@
 #include <string_view>
 
 #include "core/base/records.hpp"
+#include "core/base/version.hpp"
 #include "core/health/device_health.hpp"
 #include "core/transport/transport.hpp"
 #include "core/wire/device_records.hpp"
 
 namespace virela {
 
-inline constexpr const char* kSdkVersion = "2.36.6";
 inline constexpr const char* kInstallIdKeyPrefix = "com.virela.installId.";
 
 // The device facts of the registration body, as texts.
