@@ -9,9 +9,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/base/errors.hpp"
 #include "core/api/diagnostics.hpp"
 #include "core/api/virela.hpp"
+#include "core/base/errors.hpp"
 #include "core/client/client.hpp"
 #include "core/transport/transport.hpp"
 #include "platform/headless/host/builder.hpp"
@@ -39,10 +39,11 @@ class Integration : public ::testing::Test {
         headless::RuntimeOptions options;
         options.stateDirectory = stateDir;
         runtime = std::make_unique<headless::Runtime>(options);
-        backend.start();
+        backend.start(backendOptions());
         base = *Url::parse(backend.url());
         client = runtime->runOnMain([&] { return VirelaClient::create(runtime->platform()); });
     }
+    virtual devserver::Options backendOptions() const { return {}; }
     void TearDown() override {
         runtime->runOnMain([&] { client.reset(); });
         backend.stop();
@@ -207,6 +208,28 @@ TEST_F(Channel, ConnectsWithTheCredentialOnlyAndSendsStateMessagesVerbatim) {
     EXPECT_EQ(backend.framesFrom(deviceId),
               (std::vector<std::string>{R"({"type":"state","state":"background"})",
                                         R"({"type":"state","state":"foreground"})"}));
+    EXPECT_EQ(backend.connectionsAccepted(deviceId), 1u);
+}
+
+// Device tokens are opaque: base64-style ones carry "/", "+", "=", ":" and even spaces.
+class OddToken : public Channel {
+  protected:
+    devserver::Options backendOptions() const override {
+        devserver::Options options;
+        options.tokenPrefix = "ab/cd+ef==:gh ij-";
+        return options;
+    }
+};
+
+TEST_F(OddToken, TheCredentialGoesAsItStandsAndTheChannelWorks) {
+    const std::string token = backend.device(deviceId)->token;
+    ASSERT_EQ(token.rfind("ab/cd+ef==:gh ij-", 0), 0u);
+    EXPECT_EQ(backend.requests("/sdk/socket").at(0).header("Sec-WebSocket-Protocol"),
+              "virela.device." + token);
+    backend.pushText(deviceId, R"({"type":"denied","payload":{}})");
+    for (int i = 0; i < 500 && denied == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(denied, 1);
     EXPECT_EQ(backend.connectionsAccepted(deviceId), 1u);
 }
 

@@ -33,12 +33,17 @@ DeviceInfo DeviceRegistry::registerDevice(const std::string& apiKey,
     }
     std::string token;
     do {
-        token = randomHex(40);
+        token = tokenPrefix_ + randomHex(40);
     } while (byToken(token) != nullptr);
     existing->token = token;
     existing->tokens.push_back(std::move(token));
     existing->registration = std::move(body);
     return *existing;
+}
+
+void DeviceRegistry::setTokenPrefix(std::string prefix) {
+    std::lock_guard lock(mutex_);
+    tokenPrefix_ = std::move(prefix);
 }
 
 bool DeviceRegistry::knowsToken(std::string_view token) const {

@@ -22,6 +22,8 @@ class DeviceRegistry {
                               const std::optional<std::string>& installId, std::string body);
 
     bool knowsToken(std::string_view token) const;
+    // What every token issued from now on starts with.
+    void setTokenPrefix(std::string prefix);
     // Each returns false (and changes nothing) when the token is unknown.
     bool identify(std::string_view token, IdentifiedUser user);
     bool storeHealth(std::string_view token, std::string body);
@@ -33,6 +35,7 @@ class DeviceRegistry {
     std::vector<DeviceInfo> all() const;
 
   private:
+    std::string tokenPrefix_;
     const DeviceInfo* lookup(std::string_view idTokenOrCode) const;
     DeviceInfo* byToken(std::string_view token);
     const DeviceInfo* byToken(std::string_view token) const;

@@ -125,6 +125,7 @@ void Server::start(Options options) {
     if (impl_->http) throw std::logic_error("devserver is already running");
 
     impl_->router = Router();
+    impl_->registry.setTokenPrefix(options.tokenPrefix);
     addDeviceRoutes(impl_->router, impl_->registry,
                     {options.apiKeys, options.consentCopy, options.captureMode});
     Impl* impl = impl_.get();

@@ -81,6 +81,9 @@ struct Options {
     double promptSeconds = 60;
     // The session an allowed PerSession request opens.
     double sessionSeconds = 45 * 60;
+    // Put before every device token issued, so that tests can hand out tokens with "/", "=",
+    // ":" or spaces in them.
+    std::string tokenPrefix;
     // Called on the server thread for each request once its reply is decided; status 0 means
     // the connection is closed without a reply. Must not call stop().
     std::function<void(const RecordedRequest&, int status)> onRequest;

@@ -286,8 +286,10 @@ void BeastWebSocket::Impl::start() {
     endpoint = std::get<detail::Endpoint>(target);
     std::string offered;
     for (const auto& protocol : protocols) {
-        // Anything else could smuggle text into the request's header block.
-        if (!detail::isToken(protocol)) {
+        // The credential goes as it stands ("/", "=", ":" and spaces included); only what
+        // would end the header line or the list element is refused.
+        if (protocol.empty() || protocol.find_first_of(",\r\n", 0) != std::string::npos ||
+            protocol.find('\0') != std::string::npos) {
             endWith(networkError(Kind::other, "invalid subprotocol \"" + protocol + "\"", 0));
             return finish();
         }
