@@ -13,6 +13,8 @@
 #include "core/api/virela.hpp"
 #include "core/base/errors.hpp"
 #include "core/client/client.hpp"
+#include "core/ports/manual_clock.hpp"
+#include "core/transport/realtime_channel.hpp"
 #include "core/transport/transport.hpp"
 #include "platform/headless/host/builder.hpp"
 #include "platform/headless/render/image.hpp"
@@ -38,12 +40,16 @@ class Integration : public ::testing::Test {
         stateDir = freshStateDir();
         headless::RuntimeOptions options;
         options.stateDirectory = stateDir;
+        adjust(options);
         runtime = std::make_unique<headless::Runtime>(options);
         backend.start(backendOptions());
-        base = *Url::parse(backend.url());
+        base = *Url::parse(serverUrl());
         client = runtime->runOnMain([&] { return VirelaClient::create(runtime->platform()); });
     }
     virtual devserver::Options backendOptions() const { return {}; }
+    virtual void adjust(headless::RuntimeOptions&) const {}
+    virtual std::string serverUrl() const { return backend.url(); }
+    void screenshotAllowedEndToEnd();
     void TearDown() override {
         runtime->runOnMain([&] { client.reset(); });
         backend.stop();
@@ -181,6 +187,16 @@ TEST_F(Integration, InstallIdentifierSurvivesARestartAndHealthIsReported) {
     EXPECT_EQ(json::parse(health[0].body).size(), 8u);
 }
 
+// Waits on the test thread until `ready` holds on the main thread.
+template <class F>
+bool eventually(headless::Runtime& runtime, F ready) {
+    for (int i = 0; i < 500; ++i) {
+        if (runtime.runOnMain(ready)) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
 class Channel : public Integration {
   protected:
     void SetUp() override {
@@ -233,6 +249,92 @@ TEST_F(OddToken, TheCredentialGoesAsItStandsAndTheChannelWorks) {
     EXPECT_EQ(backend.connectionsAccepted(deviceId), 1u);
 }
 
+// The backend over https and wss, with a certificate made for this run.
+class OverTls : public Integration {
+  protected:
+    static const devserver::TlsIdentity& identity() {
+        static const devserver::TlsIdentity made = devserver::makeSelfSignedIdentity();
+        return made;
+    }
+    devserver::Options backendOptions() const override {
+        devserver::Options options;
+        options.tls = identity();
+        return options;
+    }
+    void adjust(headless::RuntimeOptions& options) const override {
+        options.http.caPem = identity().certificatePem;
+    }
+    std::string serverUrl() const override { return backend.tlsUrl(); }
+};
+
+TEST_F(OverTls, AWholeSessionRunsOverHttpsAndWss) {
+    ASSERT_EQ(base.scheme(), "https");
+    ASSERT_EQ(configure(), nullptr);
+    const auto deviceId = runtime->runOnMain([&] { return client->registration()->deviceId; });
+    ASSERT_TRUE(backend.waitForConnection(deviceId, std::chrono::seconds(5)));
+    EXPECT_EQ(backend.requests("/sdk/socket").at(0).header("Sec-WebSocket-Protocol"),
+              "virela.device." + backend.device(deviceId)->token);
+
+    std::atomic<int> denied{0};
+    runtime->runOnMain([&] { client->setCallbacks({.onDenied = [&] { ++denied; }}); });
+    backend.pushText(deviceId, R"({"type":"denied","payload":{}})");
+    runtime->lifecycle().enterBackground();
+    ASSERT_TRUE(backend.waitForFrames(deviceId, 1, std::chrono::seconds(5)));
+    EXPECT_TRUE(eventually(*runtime, [&] { return denied == 1; }));
+
+    std::promise<void> identified;
+    runtime->runOnMain(
+        [&] { client->identify("u1", "Ana", std::nullopt, [&] { identified.set_value(); }); });
+    identified.get_future().get();
+    ASSERT_TRUE(backend.device(deviceId)->user);
+}
+
+// Without the test certificate in its trust, the client refuses the backend.
+class UntrustedTls : public OverTls {
+  protected:
+    void adjust(headless::RuntimeOptions&) const override {}
+};
+
+TEST_F(UntrustedTls, FailsWithASecureConnectionErrorAndTheSocketOnlyBacksOff) {
+    try {
+        std::rethrow_exception(configure());
+        FAIL() << "configure succeeded against an untrusted certificate";
+    } catch (const NetworkError& e) {
+        EXPECT_EQ(e.kind(), NetworkError::Kind::secureConnection) << e.what();
+    }
+
+    // The channel meets the same certificate: each attempt fails the same clear way and the
+    // next one waits its turn; time only moves when the test moves it.
+    auto clock = std::make_shared<ManualClock>();
+    std::atomic<int> attempts{0};
+    std::vector<double> delays;
+    std::vector<std::exception_ptr> lost;
+    auto channel = runtime->runOnMain([&] {
+        auto made = RealtimeChannel::create(runtime->platform(), clock);
+        made->setEvents(
+            {.onConnecting = [&](const Url&) { ++attempts; },
+             .onLost = [&](std::exception_ptr e) { lost.push_back(e); },
+             .onReconnectScheduled = [&](double delay, int) { delays.push_back(delay); }});
+        made->start(base, "any-token");
+        return made;
+    });
+    ASSERT_TRUE(eventually(*runtime, [&] { return delays.size() == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    runtime->runOnMain([&] { clock->advance(1); });
+    ASSERT_TRUE(eventually(*runtime, [&] { return delays.size() == 2; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    runtime->runOnMain([&] {
+        EXPECT_EQ(attempts, 2);
+        EXPECT_EQ(delays, (std::vector<double>{1, 2}));
+        try {
+            std::rethrow_exception(lost.at(0));
+        } catch (const NetworkError& e) {
+            EXPECT_EQ(e.kind(), NetworkError::Kind::secureConnection) << e.what();
+        }
+        channel->stop();
+    });
+}
+
 TEST_F(Channel, BadFramesAreDroppedWithoutClosingTheSocket) {
     backend.pushText(deviceId, "{not json");
     backend.pushBinary(deviceId, std::string("\x00\xff", 2));
@@ -271,17 +373,9 @@ TEST_F(Channel, ComesBackAfterADroppedConnectionAndABackendRestart) {
     EXPECT_EQ(backend.connectionsAccepted(deviceId), 3u);
 }
 
-// Waits on the test thread until `ready` holds on the main thread.
-template <class F>
-bool eventually(headless::Runtime& runtime, F ready) {
-    for (int i = 0; i < 500; ++i) {
-        if (runtime.runOnMain(ready)) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-}
-
-TEST_F(Integration, AScreenshotTheCustomerAllowsReachesTheBackendRedacted) {
+// The agent asks, the customer allows, and the redacted PNG reaches the backend; then a second
+// screenshot within the allowed call needs no prompt.
+void Integration::screenshotAllowedEndToEnd() {
     std::mutex mutex;
     std::vector<CaptureResult> allowed;
     std::vector<std::string> errors;
@@ -345,6 +439,14 @@ TEST_F(Integration, AScreenshotTheCustomerAllowsReachesTheBackendRedacted) {
     ASSERT_TRUE(eventually(*runtime, [&] { return uploads() == 2; }));
     EXPECT_FALSE(runtime->runOnMain([&] { return prompts->sheet().has_value(); }));
     EXPECT_NE(backend.captureRequest(asked->requestId)->captureId, record->captureId);
+}
+
+TEST_F(Integration, AScreenshotTheCustomerAllowsReachesTheBackendRedacted) {
+    screenshotAllowedEndToEnd();
+}
+
+TEST_F(OverTls, AScreenshotTheCustomerAllowsReachesTheBackendOverHttps) {
+    screenshotAllowedEndToEnd();
 }
 
 TEST_F(Integration, FacadeConfiguresInBothForms) {

@@ -47,6 +47,8 @@ struct Server::Impl {
     // Serialises start and stop. Never taken on the server thread.
     std::mutex lifecycle;
     std::unique_ptr<HttpServer> http;
+    std::unique_ptr<TlsFront> tlsFront;
+    std::string tlsUrl;
 
     // Everything below is shared with the server thread.
     mutable std::mutex mutex;
@@ -154,16 +156,32 @@ void Server::start(Options options) {
         impl_->sockets.shutdown();
         throw;
     }
+    std::unique_ptr<TlsFront> front;
+    if (options.tls) {
+        try {
+            front = std::make_unique<TlsFront>(options.host, options.tlsPort, http->port(),
+                                               *options.tls);
+        } catch (...) {
+            http->halt();
+            impl_->sockets.shutdown();
+            throw;
+        }
+    }
     {
         std::lock_guard lock(impl_->mutex);
         impl_->port = http->port();
         impl_->url = http->url();
+        impl_->tlsUrl = front ? "https" + impl_->url.substr(4, impl_->url.rfind(':') - 4) + ":" +
+                                    std::to_string(front->port())
+                              : "";
     }
     impl_->http = std::move(http);
+    impl_->tlsFront = std::move(front);
 }
 
 void Server::stop() {
     std::lock_guard lifecycle(impl_->lifecycle);
+    impl_->tlsFront.reset();
     if (impl_->http) {
         // The thread goes first, so that no session is still running while the hub forgets
         // them all, and the io_context last, so that the hub never posts to a dead one.
@@ -174,6 +192,7 @@ void Server::stop() {
     std::lock_guard lock(impl_->mutex);
     impl_->port = 0;
     impl_->url.clear();
+    impl_->tlsUrl.clear();
 }
 
 bool Server::running() const {
@@ -189,6 +208,11 @@ std::uint16_t Server::port() const {
 std::string Server::url() const {
     std::lock_guard lock(impl_->mutex);
     return impl_->url;
+}
+
+std::string Server::tlsUrl() const {
+    std::lock_guard lock(impl_->mutex);
+    return impl_->tlsUrl;
 }
 
 std::vector<RecordedRequest> Server::requests() const {

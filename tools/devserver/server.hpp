@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/devserver/tls.hpp"
+
 namespace virela::devserver {
 
 struct Header {
@@ -84,6 +86,9 @@ struct Options {
     // Put before every device token issued, so that tests can hand out tokens with "/", "=",
     // ":" or spaces in them.
     std::string tokenPrefix;
+    // Also serve https and wss with this identity, on `tlsPort` (0 picks a free one).
+    std::optional<TlsIdentity> tls;
+    std::uint16_t tlsPort = 0;
     // Called on the server thread for each request once its reply is decided; status 0 means
     // the connection is closed without a reply. Must not call stop().
     std::function<void(const RecordedRequest&, int status)> onRequest;
@@ -152,6 +157,8 @@ class Server {
 
     std::uint16_t port() const;  // 0 when not running
     std::string url() const;     // "http://127.0.0.1:PORT"; empty when not running
+    // "https://127.0.0.1:PORT" when started with a TLS identity; empty otherwise.
+    std::string tlsUrl() const;
 
     std::vector<RecordedRequest> requests() const;
     std::vector<RecordedRequest> requests(std::string_view path) const;
