@@ -51,7 +51,7 @@ TlsIdentity makeSelfSignedIdentity() {
     check(X509_set_version(cert.p, 2));
     check(ASN1_INTEGER_set(X509_get_serialNumber(cert.p), 1));
     X509_gmtime_adj(X509_getm_notBefore(cert.p), -60);
-    X509_gmtime_adj(X509_getm_notAfter(cert.p), 24 * 60 * 60);
+    X509_gmtime_adj(X509_getm_notAfter(cert.p), 24L * 60 * 60);
     check(X509_set_pubkey(cert.p, key.p));
     X509_NAME* name = X509_get_subject_name(cert.p);
     check(X509_NAME_add_entry_by_txt(
@@ -84,7 +84,9 @@ namespace {
 class Relay : public std::enable_shared_from_this<Relay> {
   public:
     Relay(tcp::socket outside, ssl::context& tls, tcp::endpoint plain)
-        : outside_(std::move(outside), tls), inside_(outside_.get_executor()), plain_(plain) {}
+        : outside_(std::move(outside), tls),
+          inside_(outside_.get_executor()),
+          plain_(std::move(plain)) {}
 
     void run() {
         outside_.async_handshake(ssl::stream_base::server,

@@ -82,6 +82,20 @@ void IoThreads::shutdown() {
     }
 }
 
+void IoThreads::runLeftovers() {
+    if (!stopped() || runsCurrentThread()) return;
+    io_.restart();
+    try {
+        io_.poll();
+    } catch (const std::exception& e) {
+        writeStderrLine(LogLevel::error,
+                        "uncaught exception while stopping " + name_ + ": " + e.what());
+    } catch (...) {
+        writeStderrLine(LogLevel::error, "uncaught exception while stopping " + name_);
+    }
+    io_.stop();
+}
+
 void IoThreads::track(const std::shared_ptr<TimerSet>& timers) {
     std::lock_guard lock(mutex_);
     std::erase_if(timerSets_, [](const std::weak_ptr<TimerSet>& w) { return w.expired(); });

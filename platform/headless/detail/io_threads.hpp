@@ -36,6 +36,10 @@ class IoThreads : public std::enable_shared_from_this<IoThreads> {
     // Stops the loop, joins the threads (a thread calling this on itself is detached instead)
     // and clears every registered timer set, which releases the work they hold. Idempotent.
     void shutdown();
+    // After shutdown() has joined the threads: runs the handlers that were posted but never ran,
+    // so that whatever they carry completes the way their owners decide (as cancelled) now
+    // rather than when the loop is destroyed. Never blocks; does nothing on a loop thread.
+    void runLeftovers();
 
     // Timer sets on this loop; shutdown() clears the ones still alive.
     void track(const std::shared_ptr<TimerSet>& timers);

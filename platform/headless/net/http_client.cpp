@@ -112,8 +112,7 @@ class Exchange : public detail::NetworkJob, public std::enable_shared_from_this<
     std::string where() const { return host_ + ":" + std::to_string(port_); }
 
     bool prepare();
-    void onResolved(const error_code& ec, const tcp::resolver::results_type& endpoints);
-    void onConnected(const error_code& ec);
+    void onConnected(ConnectStep step, const error_code& ec);
     template <class Stream>
     void write(Stream& stream);
     template <class Stream>
@@ -137,6 +136,7 @@ class Exchange : public detail::NetworkJob, public std::enable_shared_from_this<
     http::request<http::string_body> message_;
     beast::flat_buffer buffer_;
     std::optional<http::response_parser<http::string_body>> parser_;
+    detail::Endpoint endpoint_;
     std::string host_;  // without IPv6 brackets
     int port_ = 0;
     bool finished_ = false;
@@ -150,6 +150,7 @@ bool Exchange::prepare() {
     auto endpoint = detail::endpointOf(request_.url, "http", "https");
     if (auto* problem = std::get_if<std::string>(&endpoint)) return invalid(*problem);
     auto& where = std::get<detail::Endpoint>(endpoint);
+    endpoint_ = where;
     host_ = where.host;
     port_ = where.port;
     if (!isToken(request_.method)) return invalid("invalid HTTP method");
@@ -196,37 +197,28 @@ void Exchange::start() {
     deadline_.async_wait([self = shared_from_this()](const error_code& ec) {
         if (!ec) self->abort(Kind::timedOut);
     });
-    resolver_.async_resolve(
-        host_, std::to_string(port_),
-        [self = shared_from_this()](const error_code& ec,
-                                    const tcp::resolver::results_type& endpoints) {
-            self->onResolved(ec, endpoints);
+    detail::connectStream(
+        resolver_, endpoint_, tcp(), tls_ ? &*tls_ : nullptr, options_->verifyPeer,
+        [self = shared_from_this()] { return !self->finished_; },
+        [self = shared_from_this()](ConnectStep step, const error_code& ec) {
+            self->onConnected(step, ec);
         });
 }
 
-void Exchange::onResolved(const error_code& ec, const tcp::resolver::results_type& endpoints) {
+void Exchange::onConnected(ConnectStep step, const error_code& ec) {
     if (finished_) return;
-    if (ec) return fail(Phase::resolve, ec);
-    tcp().async_connect(endpoints,
-                        [self = shared_from_this()](const error_code& e, const tcp::endpoint&) {
-                            self->onConnected(e);
-                        });
-}
-
-void Exchange::onConnected(const error_code& ec) {
-    if (finished_) return;
-    if (ec) return fail(Phase::connect, ec);
-    if (!tls_) return write(*plain_);
-
-    if (auto tlsError = detail::prepareTls(*tls_, host_, options_->verifyPeer)) {
-        return fail(Phase::handshake, tlsError);
+    if (ec) {
+        switch (step) {
+            case ConnectStep::resolve:
+                return fail(Phase::resolve, ec);
+            case ConnectStep::connect:
+                return fail(Phase::connect, ec);
+            case ConnectStep::tls:
+                return fail(Phase::handshake, ec);
+        }
     }
-    tls_->async_handshake(ssl::stream_base::client,
-                          [self = shared_from_this()](const error_code& e) {
-                              if (self->finished_) return;
-                              if (e) return self->fail(Phase::handshake, e);
-                              self->write(*self->tls_);
-                          });
+    if (tls_) return write(*tls_);
+    write(*plain_);
 }
 
 template <class Stream>

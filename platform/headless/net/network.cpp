@@ -83,6 +83,9 @@ void Network::shutdown() {
             writeStderrLine(LogLevel::error, "network completion threw");
         }
     }
+    // Steps posted just before the stop (a receive, a send) find their jobs abandoned and
+    // complete as cancelled.
+    threads_->runLeftovers();
 }
 
 std::variant<Endpoint, std::string> endpointOf(const Url& url, std::string_view plainScheme,
@@ -116,6 +119,9 @@ std::exception_ptr networkError(NetworkError::Kind kind, const std::string& deta
     return std::make_exception_ptr(error);
 }
 
+namespace {
+
+// Server name indication (for host names, never address literals) and peer verification.
 error_code prepareTls(boost::beast::ssl_stream<boost::beast::tcp_stream>& stream,
                       const std::string& host, bool verifyPeer) {
     error_code addressError;
@@ -132,6 +138,51 @@ error_code prepareTls(boost::beast::ssl_stream<boost::beast::tcp_stream>& stream
         stream.set_verify_mode(ssl::verify_none);
     }
     return {};
+}
+
+}  // namespace
+
+void connectStream(asio::ip::tcp::resolver& resolver, const Endpoint& endpoint,
+                   boost::beast::tcp_stream& tcp,
+                   boost::beast::ssl_stream<boost::beast::tcp_stream>* tls, bool verifyPeer,
+                   std::function<bool()> wanted, ConnectDone done) {
+    // One state for the three steps; the handlers hold it, the owner holds the streams.
+    struct Steps {
+        boost::beast::tcp_stream& tcp;
+        boost::beast::ssl_stream<boost::beast::tcp_stream>* tls;
+        std::string host;
+        bool verifyPeer;
+        std::function<bool()> wanted;
+        ConnectDone done;
+    };
+    auto steps = std::make_shared<Steps>(
+        Steps{tcp, tls, endpoint.host, verifyPeer, std::move(wanted), std::move(done)});
+    auto proceed = [](const std::shared_ptr<Steps>& s, ConnectStep step, const error_code& ec) {
+        if (ec || !s->wanted()) {
+            s->done(step, ec ? ec : error_code(asio::error::operation_aborted));
+            return false;
+        }
+        return true;
+    };
+    resolver.async_resolve(
+        endpoint.host, std::to_string(endpoint.port),
+        [steps, proceed](const error_code& ec, const asio::ip::tcp::resolver::results_type& found) {
+            if (!proceed(steps, ConnectStep::resolve, ec)) return;
+            steps->tcp.async_connect(
+                found, [steps, proceed](const error_code& e, const asio::ip::tcp::endpoint&) {
+                    if (!proceed(steps, ConnectStep::connect, e)) return;
+                    if (!steps->tls) return steps->done(ConnectStep::connect, {});
+                    if (auto tlsError = prepareTls(*steps->tls, steps->host, steps->verifyPeer)) {
+                        return steps->done(ConnectStep::tls, tlsError);
+                    }
+                    steps->tls->async_handshake(ssl::stream_base::client,
+                                                [steps, proceed](const error_code& h) {
+                                                    if (!proceed(steps, ConnectStep::tls, h))
+                                                        return;
+                                                    steps->done(ConnectStep::tls, {});
+                                                });
+                });
+        });
 }
 
 bool isToken(std::string_view text) {

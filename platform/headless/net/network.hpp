@@ -4,11 +4,13 @@
 // clients share. Only .cpp files of the headless platform include this header.
 
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 
 #include <exception>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -97,10 +99,17 @@ enum class ConnectStep { resolve, connect, tls };
 std::pair<NetworkError::Kind, std::string> describeConnectFailure(
     ConnectStep step, const boost::system::error_code& ec);
 
-// Server name indication (for host names, never address literals) and peer verification, before
-// the TLS handshake.
-boost::system::error_code prepareTls(boost::beast::ssl_stream<boost::beast::tcp_stream>& stream,
-                                     const std::string& host, bool verifyPeer);
+// Resolve, connect and, on a secure endpoint, the TLS handshake with server name indication and
+// host verification: the steps every connection of the HTTP and WebSocket clients takes before
+// its own protocol starts, written once. Runs on the network thread. `wanted` is asked after
+// every step, so that a connection its owner gave up never goes further; `done` is called once,
+// with an empty code on success or the step that failed and why (operation_aborted when no
+// longer wanted).
+using ConnectDone = std::function<void(ConnectStep failed, const boost::system::error_code& ec)>;
+void connectStream(boost::asio::ip::tcp::resolver& resolver, const Endpoint& endpoint,
+                   boost::beast::tcp_stream& tcp,
+                   boost::beast::ssl_stream<boost::beast::tcp_stream>* tls, bool verifyPeer,
+                   std::function<bool()> wanted, ConnectDone done);
 
 // An HTTP token (method, header name, WebSocket subprotocol).
 bool isToken(std::string_view text);

@@ -12,7 +12,6 @@
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 #include <deque>
-#include <mutex>
 #include <sstream>
 #include <utility>
 
@@ -64,9 +63,10 @@ void invokeAll(std::vector<std::function<void()>>& calls) {
 
 }  // namespace
 
-// The connection behind one BeastWebSocket. Callers reach it from any thread through the
-// mutex-guarded queues; the Beast objects are touched only on the network thread (or by
-// abandon() once that thread has stopped). Handlers hold the Impl, which must not hold the
+// The connection behind one BeastWebSocket, in the Beast idiom: every operation is posted to
+// the network thread, which alone touches the connection's state; one write is in flight and the
+// rest wait in `outgoing`. Callers on other threads read only `state`, and after the network has
+// gone, `gone` and the error it ended with. Handlers hold the Impl, which must not hold the
 // Network: a handler left in a stopped loop would otherwise keep the loop alive forever.
 struct BeastWebSocket::Impl final : detail::NetworkJob, std::enable_shared_from_this<Impl> {
     enum class Stage { idle, connecting, open, finished };
@@ -89,20 +89,22 @@ struct BeastWebSocket::Impl final : detail::NetworkJob, std::enable_shared_from_
 
     ~Impl() override { jobs->remove(this); }
 
-    // Any thread.
+    // Any thread: each posts its step.
     void resume();
     void cancel(int closeCode, std::optional<std::string> reason);
     void send(SocketMessage message, std::function<void(std::exception_ptr)> completion);
     void receive(std::function<void(SocketReceiveResult)> completion);
+    // Once the network thread has stopped (or from it, as it stops).
     void abandon() override;
 
     // The network thread.
-    void post(void (Impl::*step)()) {
-        asio::post(io, [self = shared_from_this(), step] { ((*self).*step)(); });
+    template <class Step>
+    void post(Step step) {
+        asio::post(io,
+                   [self = shared_from_this(), step = std::move(step)]() mutable { step(*self); });
     }
     void start();
-    void onResolved(const error_code& ec, const tcp::resolver::results_type& endpoints);
-    void onConnected(const error_code& ec);
+    void onConnected(ConnectStep step, const error_code& ec);
     template <class Stream>
     void handshake(Stream& ws);
     void onHandshake(error_code ec);
@@ -115,18 +117,14 @@ struct BeastWebSocket::Impl final : detail::NetworkJob, std::enable_shared_from_
     template <class Stream>
     void write(Stream& ws, bool text);
     void onWritten(const error_code& ec);
-    void onCancel();
+    void onCancel(const websocket::close_reason& frame);
     void startClose();
     void abortConnect();
     void fail(Phase phase, const error_code& ec);
     void finish();
 
-    bool stopping() {
-        std::lock_guard lock(mutex);
-        return timedOut || end != nullptr;
-    }
+    bool stopping() const { return timedOut || end != nullptr; }
     void endWith(std::exception_ptr error) {
-        std::lock_guard lock(mutex);
         if (!end) end = std::move(error);
     }
     std::string where() const { return endpoint.host + ":" + std::to_string(endpoint.port); }
@@ -153,11 +151,14 @@ struct BeastWebSocket::Impl final : detail::NetworkJob, std::enable_shared_from_
     WebSocketOptions options;
     std::weak_ptr<BeastWebSocket> owner;
 
-    // Shared with callers, under `mutex`.
-    std::mutex mutex;
+    // Read from any thread.
     std::atomic<SocketState> state{SocketState::suspended};
+    // Set once the network has gone; `goneError` is written before and never after.
+    std::atomic<bool> gone{false};
+    std::exception_ptr goneError;
+
+    // The network thread only.
     Stage stage = Stage::idle;
-    bool networkGone = false;  // completions run on the caller's thread from now on
     bool timedOut = false;
     std::optional<websocket::close_reason> closeRequest;
     std::exception_ptr end;  // why the connection ended, or is ending
@@ -165,8 +166,6 @@ struct BeastWebSocket::Impl final : detail::NetworkJob, std::enable_shared_from_
     std::deque<std::function<void(SocketReceiveResult)>> receivers;
     std::deque<std::pair<SocketMessage, std::function<void(std::exception_ptr)>>> outgoing;
     std::function<void(std::exception_ptr)> writeDone;  // the write in flight
-
-    // The network thread only.
     tcp::resolver resolver;
     asio::steady_timer openTimer;
     asio::steady_timer closeTimer;
@@ -183,17 +182,37 @@ struct BeastWebSocket::Impl final : detail::NetworkJob, std::enable_shared_from_
     bool finished = false;
 };
 
+namespace {
+
+// A completion handed to the network thread. Should the loop stop before the step runs (its
+// handler is then destroyed unrun), the completion still runs once, as cancelled.
+template <class Result>
+class Pending {
+  public:
+    explicit Pending(std::function<void(Result)> completion) : completion_(std::move(completion)) {}
+    ~Pending() {
+        if (!completion_) return;
+        std::vector<std::function<void()>> call{
+            [&] { completion_(Result(networkError(Kind::cancelled, "network is shut down", 0))); }};
+        invokeAll(call);
+    }
+    Pending(const Pending&) = delete;
+    Pending& operator=(const Pending&) = delete;
+    std::function<void(Result)> take() { return std::exchange(completion_, nullptr); }
+
+  private:
+    std::function<void(Result)> completion_;
+};
+
+}  // namespace
+
 // ---------------------------------------------------------------------------------------------
 // Calls from any thread
 
 void BeastWebSocket::Impl::resume() {
-    {
-        std::lock_guard lock(mutex);
-        if (stage != Stage::idle || end) return;
-        stage = Stage::connecting;
-        state = SocketState::running;
-    }
-    post(&Impl::start);
+    SocketState expected = SocketState::suspended;
+    if (!state.compare_exchange_strong(expected, SocketState::running)) return;
+    post([](Impl& self) { self.start(); });
 }
 
 void BeastWebSocket::Impl::cancel(int closeCode, std::optional<std::string> reason) {
@@ -201,83 +220,57 @@ void BeastWebSocket::Impl::cancel(int closeCode, std::optional<std::string> reas
     frame.code = static_cast<std::uint16_t>(closeCodeToSend(closeCode));
     auto text = closeReasonToSend(std::move(reason).value_or(""));
     frame.reason.assign(text.data(), text.size());
-    {
-        std::lock_guard lock(mutex);
-        if (stage == Stage::finished || closeRequest || networkGone) return;
-        closeRequest = frame;
-        if (!end) end = networkError(Kind::cancelled, "socket cancelled", 0);
-        incoming.clear();
-        state = SocketState::canceling;
+    // Running or suspended becomes canceling; a finished socket stays completed.
+    SocketState now = state.load();
+    while ((now == SocketState::running || now == SocketState::suspended) &&
+           !state.compare_exchange_weak(now, SocketState::canceling)) {
     }
-    post(&Impl::onCancel);
+    if (gone.load(std::memory_order_acquire)) return;
+    post([frame](Impl& self) { self.onCancel(frame); });
 }
 
 void BeastWebSocket::Impl::send(SocketMessage message,
                                 std::function<void(std::exception_ptr)> completion) {
     if (!completion) completion = [](const std::exception_ptr&) {};
-    std::exception_ptr failed;
-    {
-        std::lock_guard lock(mutex);
-        if (!networkGone) {
-            outgoing.emplace_back(std::move(message), std::move(completion));
-        } else {
-            failed = end;
-        }
-    }
-    if (failed) return completion(failed);
-    post(&Impl::pump);
+    if (gone.load(std::memory_order_acquire)) return completion(goneError);
+    auto pending = std::make_shared<Pending<std::exception_ptr>>(std::move(completion));
+    post([message = std::move(message), pending](Impl& self) mutable {
+        self.outgoing.emplace_back(std::move(message), pending->take());
+        self.pump();
+    });
 }
 
 void BeastWebSocket::Impl::receive(std::function<void(SocketReceiveResult)> completion) {
     if (!completion) completion = [](const SocketReceiveResult&) {};
-    std::exception_ptr failed;
-    {
-        std::lock_guard lock(mutex);
-        if (!networkGone) {
-            receivers.push_back(std::move(completion));
-        } else {
-            failed = end;
-        }
-    }
-    if (failed) return completion(failed);
-    post(&Impl::pump);
+    if (gone.load(std::memory_order_acquire)) return completion(goneError);
+    auto pending = std::make_shared<Pending<SocketReceiveResult>>(std::move(completion));
+    post([pending](Impl& self) {
+        self.receivers.push_back(pending->take());
+        self.pump();
+    });
 }
 
 void BeastWebSocket::Impl::abandon() {
     // The network thread has stopped, or is this thread and stops once the current handler
-    // returns; either way nothing else touches the streams now.
-    std::vector<std::function<void()>> calls;
-    {
-        std::lock_guard lock(mutex);
-        networkGone = true;
-        if (!end) end = networkError(Kind::cancelled, "network is shut down", 0);
-        stage = Stage::finished;
-        state = SocketState::completed;
-        incoming.clear();
-        for (auto& receiver : receivers) {
-            calls.push_back([receiver = std::move(receiver), error = end] { receiver(error); });
-        }
-        receivers.clear();
-        if (writeDone) {
-            calls.push_back([done = std::move(writeDone), error = end] { done(error); });
-            writeDone = nullptr;
-        }
-        for (auto& [message, done] : outgoing) {
-            calls.push_back([done = std::move(done), error = end] { done(error); });
-        }
-        outgoing.clear();
-    }
+    // returns; either way nothing else touches the connection now.
+    endWith(networkError(Kind::cancelled, "network is shut down", 0));
+    goneError = end;
+    gone.store(true, std::memory_order_release);
+    stage = Stage::finished;
+    state = SocketState::completed;
+    incoming.clear();
     finished = true;
     error_code ignored;
     if (auto* stream = tcp()) stream->socket().close(ignored);
-    invokeAll(calls);
+    pump();
 }
 
 // ---------------------------------------------------------------------------------------------
 // Opening, on the network thread
 
 void BeastWebSocket::Impl::start() {
-    if (stopping()) return finish();
+    if (stopping() || finished) return finish();
+    stage = Stage::connecting;
     auto target = detail::endpointOf(url, "ws", "wss");
     if (auto* problem = std::get_if<std::string>(&target)) {
         endWith(networkError(Kind::other, *problem, 0));
@@ -314,46 +307,32 @@ void BeastWebSocket::Impl::start() {
 
     openTimer.expires_after(detail::toDuration(options.openTimeoutSeconds, 0.0));
     openTimer.async_wait([self = shared_from_this()](const error_code& ec) {
-        if (ec || self->finished) return;
-        {
-            std::lock_guard lock(self->mutex);
-            if (self->stage != Stage::connecting) return;
-            self->timedOut = true;
-        }
+        if (ec || self->finished || self->stage != Stage::connecting) return;
+        self->timedOut = true;
         self->abortConnect();
     });
-    resolver.async_resolve(endpoint.host, std::to_string(endpoint.port),
-                           [self = shared_from_this()](const error_code& ec,
-                                                       const tcp::resolver::results_type& found) {
-                               self->onResolved(ec, found);
-                           });
-}
-
-void BeastWebSocket::Impl::onResolved(const error_code& ec,
-                                      const tcp::resolver::results_type& endpoints) {
-    if (finished) return;
-    if (ec || stopping()) return fail(Phase::resolve, ec ? ec : asio::error::operation_aborted);
-    tcp()->async_connect(endpoints,
-                         [self = shared_from_this()](const error_code& e, const tcp::endpoint&) {
-                             self->onConnected(e);
-                         });
-}
-
-void BeastWebSocket::Impl::onConnected(const error_code& ec) {
-    if (finished) return;
-    if (ec || stopping()) return fail(Phase::connect, ec ? ec : asio::error::operation_aborted);
-    if (plain) return handshake(*plain);
-    if (auto tlsError = detail::prepareTls(secure->next_layer(), endpoint.host, verifyPeer)) {
-        return fail(Phase::secure, tlsError);
-    }
-    secure->next_layer().async_handshake(
-        ssl::stream_base::client, [self = shared_from_this()](const error_code& e) {
-            if (self->finished) return;
-            if (e || self->stopping()) {
-                return self->fail(Phase::secure, e ? e : asio::error::operation_aborted);
-            }
-            self->handshake(*self->secure);
+    detail::connectStream(
+        resolver, endpoint, *tcp(), secure ? &secure->next_layer() : nullptr, verifyPeer,
+        [self = shared_from_this()] { return !self->finished && !self->stopping(); },
+        [self = shared_from_this()](ConnectStep step, const error_code& ec) {
+            self->onConnected(step, ec);
         });
+}
+
+void BeastWebSocket::Impl::onConnected(ConnectStep step, const error_code& ec) {
+    if (finished) return;
+    if (ec) {
+        switch (step) {
+            case ConnectStep::resolve:
+                return fail(Phase::resolve, ec);
+            case ConnectStep::connect:
+                return fail(Phase::connect, ec);
+            case ConnectStep::tls:
+                return fail(Phase::secure, ec);
+        }
+    }
+    if (plain) return handshake(*plain);
+    handshake(*secure);
 }
 
 template <class Stream>
@@ -387,10 +366,7 @@ void BeastWebSocket::Impl::onHandshake(error_code ec) {
         return finish();
     }
     openTimer.cancel();
-    {
-        std::lock_guard lock(mutex);
-        stage = Stage::open;
-    }
+    stage = Stage::open;
     // Reading starts only after the delegate has heard of the opening, so no message can
     // overtake it.
     auto socket = owner.lock();
@@ -436,12 +412,7 @@ void BeastWebSocket::Impl::fail(Phase phase, const error_code& ec) {
         return {Kind::other, "talking to "};
     }();
     if (ec == asio::error::timed_out && phase != Phase::resolve) kind = Kind::timedOut;
-    bool expired = false;
-    {
-        std::lock_guard lock(mutex);
-        expired = timedOut;
-    }
-    if (expired) {
+    if (timedOut) {
         endWith(networkError(Kind::timedOut,
                              "opening the WebSocket to " + where() + " timed out after " +
                                  secondsText(options.openTimeoutSeconds) + " s",
@@ -489,24 +460,17 @@ void BeastWebSocket::Impl::onRead(Stream& ws, const error_code& ec) {
                        ? SocketMessage::text(beast::buffers_to_string(readBuffer.data()))
                        : SocketMessage::binary(beast::buffers_to_string(readBuffer.data()));
     readBuffer.consume(readBuffer.size());
-    bool overflow = false;
-    {
-        std::lock_guard lock(mutex);
-        if (closeRequest) {
-            // Cancelled: nobody takes messages any more, but reading goes on until the close.
-        } else if (incoming.size() >= options.maxQueuedMessages) {
-            overflow = true;
-        } else {
-            incoming.push_back(std::move(message));
-        }
-    }
-    if (overflow) {
+    if (closeRequest) {
+        // Cancelled: nobody takes messages any more, but reading goes on until the close.
+    } else if (incoming.size() >= options.maxQueuedMessages) {
         // A reader this far behind is stuck; dropping beats growing without bound.
         endWith(networkError(Kind::other,
                              "more than " + std::to_string(options.maxQueuedMessages) +
                                  " unread messages from " + where(),
                              0));
         return finish();
+    } else {
+        incoming.push_back(std::move(message));
     }
     pump();
     if (!finished) read(ws);
@@ -514,39 +478,39 @@ void BeastWebSocket::Impl::onRead(Stream& ws, const error_code& ec) {
 
 void BeastWebSocket::Impl::pump() {
     std::vector<std::function<void()>> calls;
-    std::optional<bool> writeText;
-    {
-        std::lock_guard lock(mutex);
-        while (!receivers.empty()) {
-            // Messages that arrived before the end are still delivered, in order.
-            if (!incoming.empty()) {
-                calls.push_back([receiver = std::move(receivers.front()),
-                                 message = std::move(incoming.front())]() mutable {
-                    receiver(std::move(message));
-                });
-                incoming.pop_front();
-            } else if (end) {
-                calls.push_back(
-                    [receiver = std::move(receivers.front()), error = end] { receiver(error); });
-            } else {
-                break;
-            }
-            receivers.pop_front();
+    while (!receivers.empty()) {
+        // Messages that arrived before the end are still delivered, in order.
+        if (!incoming.empty()) {
+            calls.push_back([receiver = std::move(receivers.front()),
+                             message = std::move(incoming.front())]() mutable {
+                receiver(std::move(message));
+            });
+            incoming.pop_front();
+        } else if (end) {
+            calls.push_back(
+                [receiver = std::move(receivers.front()), error = end] { receiver(error); });
+        } else {
+            break;
         }
-        if (end) {
-            for (auto& [message, done] : outgoing) {
-                calls.push_back([done = std::move(done), error = end] { done(error); });
-            }
-            outgoing.clear();
-        } else if (stage == Stage::open && !writeActive && !outgoing.empty()) {
-            auto& [message, done] = outgoing.front();
-            writing = std::move(message.data);
-            writeText = message.kind == SocketMessage::Kind::text;
-            writeDone = std::move(done);
-            outgoing.pop_front();
-        }
+        receivers.pop_front();
     }
-    if (writeText) withStream([this, text = *writeText](auto& ws) { write(ws, text); });
+    if (end) {
+        if (writeDone && finished) {
+            calls.push_back([done = std::move(writeDone), error = end] { done(error); });
+            writeDone = nullptr;
+        }
+        for (auto& [message, done] : outgoing) {
+            calls.push_back([done = std::move(done), error = end] { done(error); });
+        }
+        outgoing.clear();
+    } else if (stage == Stage::open && !writeActive && !outgoing.empty()) {
+        auto& [message, done] = outgoing.front();
+        writing = std::move(message.data);
+        const bool text = message.kind == SocketMessage::Kind::text;
+        writeDone = std::move(done);
+        outgoing.pop_front();
+        withStream([this, text](auto& ws) { write(ws, text); });
+    }
     invokeAll(calls);
 }
 
@@ -563,13 +527,7 @@ void BeastWebSocket::Impl::write(Stream& ws, bool text) {
 void BeastWebSocket::Impl::onWritten(const error_code& ec) {
     writeActive = false;
     writing.clear();
-    std::function<void(std::exception_ptr)> done;
-    {
-        std::lock_guard lock(mutex);
-        done = std::move(writeDone);
-        writeDone = nullptr;
-    }
-    if (done) {
+    if (auto done = std::exchange(writeDone, nullptr)) {
         std::exception_ptr result;
         if (ec) {
             Kind kind = ec == asio::error::timed_out ? Kind::timedOut : Kind::other;
@@ -587,15 +545,13 @@ void BeastWebSocket::Impl::onWritten(const error_code& ec) {
 // ---------------------------------------------------------------------------------------------
 // Closing, on the network thread
 
-void BeastWebSocket::Impl::onCancel() {
+void BeastWebSocket::Impl::onCancel(const websocket::close_reason& frame) {
+    if (stage == Stage::finished || finished || closeRequest) return;
+    closeRequest = frame;
+    endWith(networkError(Kind::cancelled, "socket cancelled", 0));
+    incoming.clear();
     pump();  // pending receives and queued sends fail as cancelled
-    if (finished) return;
-    Stage now;
-    {
-        std::lock_guard lock(mutex);
-        now = stage;
-    }
-    switch (now) {
+    switch (stage) {
         case Stage::idle:
             return finish();
         case Stage::connecting:
@@ -614,11 +570,7 @@ void BeastWebSocket::Impl::onCancel() {
 void BeastWebSocket::Impl::startClose() {
     if (closing || finished) return;
     closing = true;
-    websocket::close_reason frame;
-    {
-        std::lock_guard lock(mutex);
-        if (closeRequest) frame = *closeRequest;
-    }
+    const websocket::close_reason frame = closeRequest.value_or(websocket::close_reason{});
     closeTimer.expires_after(detail::toDuration(options.closeTimeoutSeconds, 0.0));
     closeTimer.async_wait([self = shared_from_this()](const error_code& ec) {
         if (!ec) self->finish();  // the peer is too slow to answer: drop the connection
@@ -640,12 +592,9 @@ void BeastWebSocket::Impl::finish() {
     closeTimer.cancel();
     resolver.cancel();
     if (auto* stream = tcp()) stream->socket().close(ignored);
-    {
-        std::lock_guard lock(mutex);
-        stage = Stage::finished;
-        state = SocketState::completed;
-        if (!end) end = networkError(Kind::other, "WebSocket closed", 0);
-    }
+    stage = Stage::finished;
+    state = SocketState::completed;
+    endWith(networkError(Kind::other, "WebSocket closed", 0));
     pump();
 }
 
