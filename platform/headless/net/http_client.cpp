@@ -27,7 +27,6 @@ using tcp = asio::ip::tcp;
 using boost::system::error_code;
 using Kind = NetworkError::Kind;
 using detail::ConnectStep;
-using detail::describeConnectFailure;
 using detail::isToken;
 using detail::networkError;
 
@@ -101,7 +100,7 @@ class Exchange : public detail::NetworkJob, public std::enable_shared_from_this<
     }
 
   private:
-    enum class Phase { resolve, connect, handshake, write, read };
+    enum class Phase { write, read };
 
     beast::tcp_stream& tcp() { return tls_ ? beast::get_lowest_layer(*tls_) : *plain_; }
     std::string seconds() const {
@@ -207,16 +206,7 @@ void Exchange::start() {
 
 void Exchange::onConnected(ConnectStep step, const error_code& ec) {
     if (finished_) return;
-    if (ec) {
-        switch (step) {
-            case ConnectStep::resolve:
-                return fail(Phase::resolve, ec);
-            case ConnectStep::connect:
-                return fail(Phase::connect, ec);
-            case ConnectStep::tls:
-                return fail(Phase::handshake, ec);
-        }
-    }
+    if (ec) return finish({std::nullopt, detail::connectFailure(step, ec, where())});
     if (tls_) return write(*tls_);
     write(*plain_);
 }
@@ -277,22 +267,8 @@ void Exchange::onRead(Stream& stream, error_code ec) {
 void Exchange::fail(Phase phase, const error_code& ec) {
     if (finished_) return;
     if (phase == Phase::read && isMalformed(ec)) return finish({std::nullopt, nullptr});
-    auto [kind, action] = [&]() -> std::pair<Kind, std::string> {
-        switch (phase) {
-            case Phase::resolve:
-                return describeConnectFailure(ConnectStep::resolve, ec);
-            case Phase::connect:
-                return describeConnectFailure(ConnectStep::connect, ec);
-            case Phase::handshake:
-                return describeConnectFailure(ConnectStep::tls, ec);
-            case Phase::write:
-                return {Kind::other, "sending to "};
-            case Phase::read:
-                return {Kind::other, "reading the response from "};
-        }
-        return {Kind::other, "talking to "};
-    }();
-    if (ec == asio::error::timed_out && phase != Phase::resolve) kind = Kind::timedOut;
+    const Kind kind = ec == asio::error::timed_out ? Kind::timedOut : Kind::other;
+    const std::string action = phase == Phase::write ? "sending to " : "reading the response from ";
     finish({std::nullopt, networkError(kind, action + where() + ": " + ec.message(), ec.value())});
 }
 

@@ -194,19 +194,23 @@ bool isToken(std::string_view text) {
     });
 }
 
-std::pair<NetworkError::Kind, std::string> describeConnectFailure(
-    ConnectStep step, const boost::system::error_code& ec) {
+std::exception_ptr connectFailure(ConnectStep step, const boost::system::error_code& ec,
+                                  const std::string& where) {
     using Kind = NetworkError::Kind;
-    switch (step) {
-        case ConnectStep::resolve:
-            return {Kind::cannotResolve, "cannot resolve "};
-        case ConnectStep::connect:
-            return {ec == boost::asio::error::connection_refused ? Kind::refused : Kind::other,
-                    "cannot connect to "};
-        case ConnectStep::tls:
-            return {Kind::secureConnection, "TLS handshake failed with "};
-    }
-    return {Kind::other, "cannot connect to "};
+    auto [kind, action] = [&]() -> std::pair<Kind, const char*> {
+        switch (step) {
+            case ConnectStep::resolve:
+                return {Kind::cannotResolve, "cannot resolve "};
+            case ConnectStep::connect:
+                return {ec == asio::error::connection_refused ? Kind::refused : Kind::other,
+                        "cannot connect to "};
+            case ConnectStep::tls:
+                return {Kind::secureConnection, "TLS handshake failed with "};
+        }
+        return {Kind::other, "cannot connect to "};
+    }();
+    if (ec == asio::error::timed_out && step != ConnectStep::resolve) kind = Kind::timedOut;
+    return networkError(kind, action + where + ": " + ec.message(), ec.value());
 }
 
 }  // namespace virela::headless::detail

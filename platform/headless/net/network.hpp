@@ -94,10 +94,10 @@ std::exception_ptr networkError(NetworkError::Kind kind, const std::string& deta
 // The steps every connection takes before its own protocol starts.
 enum class ConnectStep { resolve, connect, tls };
 
-// How a failure at one of those steps is reported: its kind and the words that start the
-// message ("cannot connect to " ...).
-std::pair<NetworkError::Kind, std::string> describeConnectFailure(
-    ConnectStep step, const boost::system::error_code& ec);
+// A failure at one of those steps as the library reports it: its kind and a message naming the
+// step and the peer (`where`, "host:port").
+std::exception_ptr connectFailure(ConnectStep step, const boost::system::error_code& ec,
+                                  const std::string& where);
 
 // Resolve, connect and, on a secure endpoint, the TLS handshake with server name indication and
 // host verification: the steps every connection of the HTTP and WebSocket clients takes before

@@ -31,7 +31,6 @@ using tcp = asio::ip::tcp;
 using boost::system::error_code;
 using Kind = NetworkError::Kind;
 using detail::ConnectStep;
-using detail::describeConnectFailure;
 using detail::networkError;
 
 namespace {
@@ -70,7 +69,6 @@ void invokeAll(std::vector<std::function<void()>>& calls) {
 // Network: a handler left in a stopped loop would otherwise keep the loop alive forever.
 struct BeastWebSocket::Impl final : detail::NetworkJob, std::enable_shared_from_this<Impl> {
     enum class Stage { idle, connecting, open, finished };
-    enum class Phase { resolve, connect, secure, handshake };
 
     Impl(detail::Network& network, Url address, std::vector<std::string> offered,
          std::weak_ptr<SocketDelegate> observer, WebSocketOptions settings)
@@ -120,7 +118,8 @@ struct BeastWebSocket::Impl final : detail::NetworkJob, std::enable_shared_from_
     void onCancel(const websocket::close_reason& frame);
     void startClose();
     void abortConnect();
-    void fail(Phase phase, const error_code& ec);
+    // Ends an opening that failed (an open that timed out says so instead).
+    void failOpening(std::exception_ptr error);
     void finish();
 
     bool stopping() const { return timedOut || end != nullptr; }
@@ -321,16 +320,7 @@ void BeastWebSocket::Impl::start() {
 
 void BeastWebSocket::Impl::onConnected(ConnectStep step, const error_code& ec) {
     if (finished) return;
-    if (ec) {
-        switch (step) {
-            case ConnectStep::resolve:
-                return fail(Phase::resolve, ec);
-            case ConnectStep::connect:
-                return fail(Phase::connect, ec);
-            case ConnectStep::tls:
-                return fail(Phase::secure, ec);
-        }
-    }
+    if (ec) return failOpening(detail::connectFailure(step, ec, where()));
     if (plain) return handshake(*plain);
     handshake(*secure);
 }
@@ -355,7 +345,11 @@ void BeastWebSocket::Impl::onHandshake(error_code ec) {
             status));
         return finish();
     }
-    if (ec) return fail(Phase::handshake, ec);
+    if (ec) {
+        const Kind kind = ec == asio::error::timed_out ? Kind::timedOut : Kind::other;
+        return failOpening(networkError(
+            kind, "WebSocket handshake failed with " + where() + ": " + ec.message(), ec.value()));
+    }
     std::string chosen(response[http::field::sec_websocket_protocol]);
     if (!chosen.empty() &&
         std::find(protocols.begin(), protocols.end(), chosen) == protocols.end()) {
@@ -397,29 +391,14 @@ void BeastWebSocket::Impl::abortConnect() {
     if (auto* stream = tcp()) stream->socket().close(ignored);
 }
 
-void BeastWebSocket::Impl::fail(Phase phase, const error_code& ec) {
-    auto [kind, action] = [&]() -> std::pair<Kind, std::string> {
-        switch (phase) {
-            case Phase::resolve:
-                return describeConnectFailure(ConnectStep::resolve, ec);
-            case Phase::connect:
-                return describeConnectFailure(ConnectStep::connect, ec);
-            case Phase::secure:
-                return describeConnectFailure(ConnectStep::tls, ec);
-            case Phase::handshake:
-                return {Kind::other, "WebSocket handshake failed with "};
-        }
-        return {Kind::other, "talking to "};
-    }();
-    if (ec == asio::error::timed_out && phase != Phase::resolve) kind = Kind::timedOut;
+void BeastWebSocket::Impl::failOpening(std::exception_ptr error) {
     if (timedOut) {
-        endWith(networkError(Kind::timedOut,
+        error = networkError(Kind::timedOut,
                              "opening the WebSocket to " + where() + " timed out after " +
                                  secondsText(options.openTimeoutSeconds) + " s",
-                             asio::error::timed_out));
-    } else {
-        endWith(networkError(kind, action + where() + ": " + ec.message(), ec.value()));
+                             asio::error::timed_out);
     }
+    endWith(std::move(error));
     finish();
 }
 
