@@ -63,6 +63,8 @@ std::shared_ptr<SerialQueue> WorkerPool::makeSerialQueue(const std::string& labe
 
 void WorkerPool::shutdown() {
     impl_->threads->shutdown();
+    // Work still queued (a probe's timer holding its own queue) would keep the pool alive.
+    impl_->threads->dropPending();
 }
 
 struct MainLoop::Impl {

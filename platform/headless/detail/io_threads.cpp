@@ -82,18 +82,9 @@ void IoThreads::shutdown() {
     }
 }
 
-void IoThreads::runLeftovers() {
+void IoThreads::dropPending() {
     if (!stopped() || runsCurrentThread()) return;
-    io_.restart();
-    try {
-        io_.poll();
-    } catch (const std::exception& e) {
-        writeStderrLine(LogLevel::error,
-                        "uncaught exception while stopping " + name_ + ": " + e.what());
-    } catch (...) {
-        writeStderrLine(LogLevel::error, "uncaught exception while stopping " + name_);
-    }
-    io_.stop();
+    io_.dropPending();
 }
 
 void IoThreads::track(const std::shared_ptr<TimerSet>& timers) {

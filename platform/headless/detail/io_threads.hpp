@@ -36,10 +36,10 @@ class IoThreads : public std::enable_shared_from_this<IoThreads> {
     // Stops the loop, joins the threads (a thread calling this on itself is detached instead)
     // and clears every registered timer set, which releases the work they hold. Idempotent.
     void shutdown();
-    // After shutdown() has joined the threads: runs the handlers that were posted but never ran,
-    // so that whatever they carry completes the way their owners decide (as cancelled) now
-    // rather than when the loop is destroyed. Never blocks; does nothing on a loop thread.
-    void runLeftovers();
+    // After shutdown() has joined the threads: destroys every handler still queued, unrun, so
+    // that what they hold is released now. A handler that holds what holds this loop would
+    // otherwise keep both alive for ever. Does nothing on a loop thread.
+    void dropPending();
 
     // Timer sets on this loop; shutdown() clears the ones still alive.
     void track(const std::shared_ptr<TimerSet>& timers);
@@ -48,7 +48,13 @@ class IoThreads : public std::enable_shared_from_this<IoThreads> {
     IoThreads(std::string name, int threadCount);
     void run();
 
-    mutable boost::asio::io_context io_;  // get_executor() is not const
+    // An io_context whose services can be shut down before it is destroyed.
+    class Context : public boost::asio::io_context {
+      public:
+        using io_context::io_context;
+        void dropPending() { shutdown(); }
+    };
+    mutable Context io_;  // get_executor() is not const
     std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> guard_;
     std::string name_;
     int threadCount_;

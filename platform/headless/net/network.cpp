@@ -83,9 +83,9 @@ void Network::shutdown() {
             writeStderrLine(LogLevel::error, "network completion threw");
         }
     }
-    // Steps posted just before the stop (a receive, a send) find their jobs abandoned and
-    // complete as cancelled.
-    threads_->runLeftovers();
+    // Steps posted just before the stop (a receive, a send) are dropped unrun; their
+    // completions then run once, as cancelled.
+    threads_->dropPending();
 }
 
 std::variant<Endpoint, std::string> endpointOf(const Url& url, std::string_view plainScheme,
