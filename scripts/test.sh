@@ -21,12 +21,14 @@ echo "== tests"
 ctest --test-dir build/test --output-on-failure -j"$jobs"
 
 echo "== the installed package, used by a program outside the tree"
-rm -rf build/test/install build/consumer
+# Install what was just built, then build one small program against it with find_package and
+# run it against the local backend.
+rm -rf build/test/install build/test/consumer
 cmake --install build/test --prefix build/test/install >/dev/null
-cmake -S tests/consumer -B build/consumer -G Ninja -DCMAKE_PREFIX_PATH="$PWD/build/test/install" \
-      >/dev/null
-cmake --build build/consumer >/dev/null
-build/consumer/virela-consumer
+cmake -S tests/consumer -B build/test/consumer -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DCMAKE_PREFIX_PATH="$PWD/build/test/install" >/dev/null
+cmake --build build/test/consumer >/dev/null
+build/test/consumer/virela-consumer build/test/consumer/state
 
 echo "== fuzzing the realtime dispatcher (a fixed, short run; see README for a longer one)"
 CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVIRELA_FUZZ=ON \
