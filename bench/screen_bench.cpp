@@ -69,8 +69,8 @@ BENCHMARK(redactionWalk)
     ->Unit(benchmark::kMicrosecond);
 
 // Baseline for redactionWalk: a visitor that descends into every view of the same tree and
-// does nothing, so redactionWalk / bareScan is what the rules add to reading the host.
-void bareScan(benchmark::State& state) {
+// does nothing, so the ratio is what the rules add to reading the host.
+void redactionWalkBaselineBareScan(benchmark::State& state) {
     const auto views = static_cast<int>(state.range(0));
     GeneratedScreen screen(views, views / 100);
     struct Nothing final : ViewVisitor {
@@ -87,7 +87,12 @@ void bareScan(benchmark::State& state) {
     }
     state.counters["visited"] = static_cast<double>(visitor.seen);
 }
-BENCHMARK(bareScan)->Arg(1000)->Arg(3000)->Arg(10000)->Arg(30000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(redactionWalkBaselineBareScan)
+    ->Arg(1000)
+    ->Arg(3000)
+    ->Arg(10000)
+    ->Arg(30000)
+    ->Unit(benchmark::kMicrosecond);
 
 // The same walk over facts read once and replayed: core's own share, without the cost of
 // reading the headless host's view objects.
@@ -175,8 +180,8 @@ BENCHMARK_CAPTURE(capture, still, false)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(capture, liveFrame, true)->Unit(benchmark::kMillisecond);
 
 // Baseline for capture/liveFrame: the JPEG encode alone of the very pixels a live frame
-// draws, so liveFrame / jpegEncodeOnly is what walking, planning and drawing add.
-void jpegEncodeOnly(benchmark::State& state) {
+// draws, so the ratio is what walking, planning and drawing add to the encode.
+void liveFrameBaselineJpegEncode(benchmark::State& state) {
     PhoneScreen screen;
     screen.capture.capture(true);
     HeadlessRenderer renderer;
@@ -186,6 +191,8 @@ void jpegEncodeOnly(benchmark::State& state) {
     for (auto _ : state) bytes = encodeJpeg(pixels, quality).size();
     state.counters["bytes"] = static_cast<double>(bytes);
 }
-BENCHMARK(jpegEncodeOnly)->Unit(benchmark::kMillisecond);
+BENCHMARK(liveFrameBaselineJpegEncode)
+    ->Name("capture/liveFrameBaselineJpegEncode")
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
