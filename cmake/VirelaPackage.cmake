@@ -12,8 +12,6 @@ install(TARGETS virela_core virela_asio virela_headless virela_devserver
 # written against the tree compiles against the package unchanged.
 install(DIRECTORY core/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/core
   FILES_MATCHING PATTERN "*.hpp")
-install(FILES ${PROJECT_BINARY_DIR}/generated/core/base/version.hpp
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/core/base)
 # net/ includes Asio and Beast, detail/ is what the sources share; no public header needs either.
 install(DIRECTORY platform/headless/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/platform/headless
   FILES_MATCHING PATTERN "*.hpp" PATTERN "net" EXCLUDE PATTERN "detail" EXCLUDE)

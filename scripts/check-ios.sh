@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
-# Type-checks the iOS binding (every .mm and .cpp under platform/ios) and the core's .cpp files
-# for arm64-apple-ios15.0 against an iOS SDK's headers. Nothing is built or linked: we cannot
-# build for iOS on Linux, but clang can tell us whether the code compiles there.
+# Type-checks the iOS binding for arm64-apple-ios15.0 against an iOS SDK's headers: every .mm and
+# .cpp of the Objective-C++ target, the core's .cpp files, and every public header on its own and
+# through the umbrella header as a plain Objective-C client (and a Clang module, as Swift's
+# importer builds it) sees them. Nothing is built or linked: we cannot build for iOS on Linux,
+# but clang can tell us whether the code compiles there. Swift is NOT compiled here: there is no
+# Swift toolchain for iOS on this machine, so the files under platform/ios/swift and
+# platform/ios/tests/swift are checked by reading them.
 #
 #   VIRELA_IOS_SDK=/path/to/iPhoneOS16.5.sdk scripts/check-ios.sh
 #
@@ -14,6 +18,7 @@
 # The C++ standard library comes from the SDK (usr/include/c++/v1), never from this machine.
 # nlohmann/json is the one header library taken from the host; it is exposed through a folder
 # that contains only it, so no other host header can stand in for a missing SDK header.
+# Any warning fails the check.
 
 set -euo pipefail
 
@@ -26,6 +31,8 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 sdk="${VIRELA_IOS_SDK}"
 cxx="${CXX:-clang++}"
 nlohmann_parent="${VIRELA_NLOHMANN_INCLUDE:-/usr/include}"
+objc="${root}/platform/ios/objc"
+public="${objc}/include"
 
 if ! "${cxx}" --version 2>/dev/null | grep -qi clang; then
     echo "ios check: ${cxx} is not clang (set CXX)" >&2
@@ -41,59 +48,98 @@ if [[ ! -f "${nlohmann_parent}/nlohmann/json.hpp" ]]; then
     exit 2
 fi
 
-third_party="$(mktemp -d)"
-trap 'rm -rf "${third_party}"' EXIT
-ln -s "${nlohmann_parent}/nlohmann" "${third_party}/nlohmann"
+scratch="$(mktemp -d)"
+trap 'rm -rf "${scratch}"' EXIT
+mkdir -p "${scratch}/third_party"
+ln -s "${nlohmann_parent}/nlohmann" "${scratch}/third_party/nlohmann"
 
-# The version header CMake generates from project(... VERSION ...), made the same way here.
-generated="${third_party}/generated"
-mkdir -p "${generated}/core/base"
-version="$(sed -nE 's/^project\(VirelaAgent VERSION ([0-9.]+).*/\1/p' "${root}/CMakeLists.txt")"
-sed "s/@PROJECT_VERSION@/${version}/" "${root}/cmake/version.hpp.in" > "${generated}/core/base/version.hpp"
-
+target=(-target arm64-apple-ios15.0 -isysroot "${sdk}")
 # The same warnings the CMake build makes errors of on our own code.
 warnings=(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-align
           -Woverloaded-virtual -Wnull-dereference -Wimplicit-fallthrough -Werror)
-common=(-std=c++20 -stdlib=libc++ -target arm64-apple-ios15.0 -isysroot "${sdk}" -fsyntax-only
-        "${warnings[@]}" -I"${root}" -I"${generated}" -I"${root}/platform/ios/include" -isystem "${third_party}")
+common=(-std=c++20 -stdlib=libc++ "${target[@]}" -fsyntax-only "${warnings[@]}"
+        -I"${root}" -I"${public}" -isystem "${scratch}/third_party")
+# What an app's own Objective-C sees: everything clang has, minus the warnings about the
+# app's build itself (padding, pre-C99 style, #import under modules: Apple's own headers).
+client=(-x objective-c "${target[@]}" -fobjc-arc -fsyntax-only -I"${public}" -Werror
+        -Weverything -Wno-padded -Wno-declaration-after-statement -Wno-poison-system-directories
+        -Wno-auto-import)
 
 echo "ios check: ${cxx} ($("${cxx}" --version | head -n 1))"
 echo "ios check: SDK ${sdk}"
+echo "ios check: Swift sources are not compiled here (no Swift toolchain for iOS)"
 
 failed=0
 checked=0
-check() {
-    local language="$1" file="$2"
-    shift 2
-    local relative="${file#"${root}"/}"
-    if "${cxx}" -x "${language}" "${common[@]}" "$@" "${file}"; then
-        echo "ok      ${relative}"
+report() {
+    local ok="$1" what="$2"
+    if [[ "${ok}" == 0 ]]; then
+        echo "ok      ${what}"
     else
-        echo "FAILED  ${relative}"
+        echo "FAILED  ${what}"
         failed=$((failed + 1))
     fi
     checked=$((checked + 1))
 }
 
+check() {
+    local language="$1" file="$2"
+    shift 2
+    local status=0
+    "${cxx}" -x "${language}" "${common[@]}" "$@" "${file}" || status=$?
+    report "${status}" "${file#"${root}"/}"
+}
+
 while IFS= read -r -d '' file; do
     check objective-c++ "${file}" -fobjc-arc
-done < <(find "${root}/platform/ios" -name '*.mm' -print0 | sort -z)
+done < <(find "${objc}" -name '*.mm' -print0 | sort -z)
 
-# The public header as a pure Objective-C client (and Swift's importer) sees it.
-header_probe="${third_party}/public_header.m"
-printf '#import "VirelaAgent/Virela.h"\n' > "${header_probe}"
-if "${cxx}" -x objective-c -target arm64-apple-ios15.0 -isysroot "${sdk}" -fobjc-arc \
-        -fsyntax-only -Wall -Wextra -Werror -I"${root}/platform/ios/include" "${header_probe}"; then
-    echo "ok      platform/ios/include/VirelaAgent/Virela.h (as Objective-C)"
-else
-    echo "FAILED  platform/ios/include/VirelaAgent/Virela.h (as Objective-C)"
-    failed=$((failed + 1))
-fi
-checked=$((checked + 1))
+# Each public header on its own: it must import whatever it uses.
+while IFS= read -r -d '' header; do
+    relative="${header#"${public}"/}"
+    probe="${scratch}/probe.m"
+    printf '#import <%s>\n' "${relative}" > "${probe}"
+    status=0
+    "${cxx}" "${client[@]}" "${probe}" || status=$?
+    report "${status}" "platform/ios/objc/include/${relative} (alone, as Objective-C)"
+done < <(find "${public}" -name '*.h' -print0 | sort -z)
+
+# The umbrella header names every public header, so `@import` and Swift see all of them.
+umbrella="VirelaAgentObjC/VirelaAgentObjC.h"
+while IFS= read -r -d '' header; do
+    relative="${header#"${public}"/}"
+    [[ "${relative}" == "${umbrella}" ]] && continue
+    status=0
+    grep -qxF "#import <${relative}>" "${public}/${umbrella}" || status=$?
+    report "${status}" "platform/ios/objc/include/${relative} (named by the umbrella header)"
+done < <(find "${public}" -name '*.h' -print0 | sort -z)
+
+# The umbrella header from a plain Objective-C file, and as the module Swift and `@import` use.
+probe="${scratch}/umbrella.m"
+printf '#import <%s>\n' "${umbrella}" > "${probe}"
+status=0
+"${cxx}" "${client[@]}" "${probe}" || status=$?
+report "${status}" "platform/ios/objc/include/${umbrella} (umbrella, as Objective-C)"
+
+mkdir -p "${scratch}/module"
+cat > "${scratch}/module/module.modulemap" <<MAP
+module VirelaAgentObjC {
+    umbrella header "${public}/${umbrella}"
+    export *
+    module * { export * }
+}
+MAP
+probe="${scratch}/module.m"
+printf '@import VirelaAgentObjC;\n' > "${probe}"
+status=0
+"${cxx}" "${client[@]}" -fmodules -fmodules-cache-path="${scratch}/cache" \
+    -fmodule-map-file="${scratch}/module/module.modulemap" -Wincomplete-umbrella "${probe}" ||
+    status=$?
+report "${status}" "platform/ios/objc/include/${umbrella} (as the module VirelaAgentObjC)"
 
 while IFS= read -r -d '' file; do
     check c++ "${file}"
-done < <(find "${root}/platform/ios/src" "${root}/core" -name '*.cpp' -print0 | sort -z)
+done < <(find "${objc}/src" "${root}/core" -name '*.cpp' -print0 | sort -z)
 
 echo "ios check: ${checked} checked, ${failed} failed"
 [[ ${failed} -eq 0 ]]

@@ -9,8 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
+#include "core/base/json.hpp"
 #include "core/base/url.hpp"
 #include "core/ports/http_client.hpp"
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
+#include "core/base/json.hpp"
 
 namespace virela::wire {
 

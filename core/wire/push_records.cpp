@@ -1,6 +1,6 @@
 #include "core/wire/push_records.hpp"
 
-#include <nlohmann/json.hpp>
+#include "core/base/json.hpp"
 
 #include "core/base/errors.hpp"
 #include "core/wire/json_fields.hpp"

@@ -1,9 +1,9 @@
 // SwiftUI's way to redact a view. SwiftUI views have no UIView of their own to carry a mark, so
 // a marker view goes behind the content, laid out to the same frame, and carries it instead.
-// This file belongs to the VirelaAgent module, whose Objective-C API it sees without an import.
 
 import SwiftUI
 import UIKit
+@_exported import VirelaAgentObjC
 
 public extension View {
     /// Paints over this view in captures and live sessions. Each nil value is taken from the

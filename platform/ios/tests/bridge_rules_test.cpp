@@ -1,6 +1,6 @@
 // The small decisions of the iOS adapters that do not need Foundation, run on Linux.
 
-#include "platform/ios/src/bridge_rules.hpp"
+#include "platform/ios/objc/src/bridge_rules.hpp"
 
 #include <gtest/gtest.h>
 

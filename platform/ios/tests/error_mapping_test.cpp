@@ -1,7 +1,7 @@
 // The iOS binding's error rules, run on Linux: how a failed URL-session task becomes the core's
 // NetworkError, and how the core's error values are flattened for the host's NSError.
 
-#include "platform/ios/src/error_mapping.hpp"
+#include "platform/ios/objc/src/error_mapping.hpp"
 
 #include <gtest/gtest.h>
 

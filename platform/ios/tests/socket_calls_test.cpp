@@ -1,6 +1,6 @@
 // The socket adapter's once-only completion of sends and receives, run on Linux.
 
-#include "platform/ios/src/socket_calls.hpp"
+#include "platform/ios/objc/src/socket_calls.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,55 @@
+// swift-tools-version:5.9
+// VirelaAgent as a Swift package, for iOS apps. Three targets, each in its own language:
+//   VirelaCore       the portable C++ core (core/), shared with the Linux build
+//   VirelaAgentObjC  the Objective-C++ binding over UIKit; its public headers are pure Objective-C
+//   VirelaAgent      Swift: re-exports the binding and adds what only Swift can say (the Swift
+//                    records and facade, the SwiftUI modifier)
+// Swift apps `import VirelaAgent`; Objective-C apps `@import VirelaAgentObjC;`.
+
+import PackageDescription
+
+let package = Package(
+    name: "VirelaAgent",
+    platforms: [.iOS(.v15)],
+    products: [
+        .library(name: "VirelaAgent", targets: ["VirelaAgent", "VirelaAgentObjC"]),
+    ],
+    dependencies: [
+        .package(url: "https://github.com/nlohmann/json.git", from: "3.11.3"),
+    ],
+    targets: [
+        .target(
+            name: "VirelaCore",
+            dependencies: [.product(name: "nlohmann-json", package: "json")],
+            path: "core",
+            exclude: ["CMakeLists.txt"],
+            // The core includes its headers from the repository root ("core/base/...").
+            cSettings: [.headerSearchPath("..")]
+        ),
+        .target(
+            name: "VirelaAgentObjC",
+            dependencies: ["VirelaCore", .product(name: "nlohmann-json", package: "json")],
+            path: "platform/ios/objc",
+            publicHeadersPath: "include",
+            cSettings: [.headerSearchPath("../../..")],
+            linkerSettings: [
+                .linkedFramework("Foundation"),
+                .linkedFramework("Network"),
+                .linkedFramework("QuartzCore"),
+                .linkedFramework("UIKit"),
+            ]
+        ),
+        .target(
+            name: "VirelaAgent",
+            dependencies: ["VirelaAgentObjC"],
+            path: "platform/ios/swift",
+            linkerSettings: [.linkedFramework("SwiftUI")]
+        ),
+        .testTarget(
+            name: "VirelaAgentTests",
+            dependencies: ["VirelaAgent"],
+            path: "platform/ios/tests/swift"
+        ),
+    ],
+    cxxLanguageStandard: .cxx20
+)

@@ -1,0 +1,10 @@
+#pragma once
+
+// The library's version, written once: CMake reads it from here for project(VERSION), and the
+// Swift package, which has no configure step, compiles this file as it stands.
+
+namespace virela {
+
+inline constexpr const char* kSdkVersion = "2.36.6";
+
+}  // namespace virela

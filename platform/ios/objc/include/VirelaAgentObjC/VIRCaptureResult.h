@@ -1,0 +1,21 @@
+#import <Foundation/Foundation.h>
+
+#import <VirelaAgentObjC/VIRDefines.h>
+
+NS_ASSUME_NONNULL_BEGIN
+
+/// An allowed capture, uploaded.
+VIR_EXPORT VIR_SENDABLE @interface VIRCaptureResult : NSObject
+
+- (instancetype)initWithCaptureId:(NSString*)captureId
+                         imageUrl:(NSString*)imageUrl NS_DESIGNATED_INITIALIZER;
+- (instancetype)init NS_UNAVAILABLE;
++ (instancetype)new NS_UNAVAILABLE;
+
+@property(nonatomic, copy, readonly) NSString* captureId;
+/// The uploaded image's URL as the backend reports it.
+@property(nonatomic, copy, readonly) NSString* imageUrl;
+
+@end
+
+NS_ASSUME_NONNULL_END

@@ -1,0 +1,18 @@
+#import <Foundation/Foundation.h>
+
+#import <VirelaAgentObjC/VIRDefines.h>
+
+NS_ASSUME_NONNULL_BEGIN
+
+/// A live screen-sharing session.
+VIR_EXPORT VIR_SENDABLE @interface VIRLiveSession : NSObject
+
+- (instancetype)initWithSessionId:(NSString*)sessionId NS_DESIGNATED_INITIALIZER;
+- (instancetype)init NS_UNAVAILABLE;
++ (instancetype)new NS_UNAVAILABLE;
+
+@property(nonatomic, copy, readonly) NSString* sessionId;
+
+@end
+
+NS_ASSUME_NONNULL_END

@@ -1,0 +1,23 @@
+#import <UIKit/UIKit.h>
+
+#import <VirelaAgentObjC/VIRDefines.h>
+
+NS_ASSUME_NONNULL_BEGIN
+
+/// How a redacted view is painted in captures and live sessions: a fill in `color` with `label`
+/// centred on it in `labelColor`. Set the default with +[VIRVirela setRedactionStyle:].
+VIR_EXPORT VIR_SENDABLE @interface VIRRedaction : NSObject
+
+- (instancetype)initWithColor:(UIColor*)color
+                        label:(NSString*)label
+                   labelColor:(UIColor*)labelColor NS_DESIGNATED_INITIALIZER;
+- (instancetype)init NS_UNAVAILABLE;
++ (instancetype)new NS_UNAVAILABLE;
+
+@property(nonatomic, readonly) UIColor* color;
+@property(nonatomic, copy, readonly) NSString* label;
+@property(nonatomic, readonly) UIColor* labelColor;
+
+@end
+
+NS_ASSUME_NONNULL_END

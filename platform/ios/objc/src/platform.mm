@@ -1,0 +1,41 @@
+// The iOS platform bundle, installed once for the facade's shared client.
+
+#import <Foundation/Foundation.h>
+
+#include "platform/ios/objc/src/banner_presenter.hpp"
+#include "platform/ios/objc/src/ports.hpp"
+#include "platform/ios/objc/src/prompt_presenter.hpp"
+#include "platform/ios/objc/src/uikit_host.hpp"
+
+namespace virela::ios {
+
+std::shared_ptr<const Platform> makePlatform() {
+    auto platform = std::make_shared<Platform>();
+    platform->main = makeMainExecutor();
+    platform->http = makeHttpClient();
+    platform->defaults = makeKeyValueStore();
+    platform->device = makeDeviceFacts();
+    platform->lifecycle = makeAppLifecycle();
+    platform->log = makeLog();
+    platform->makeSerialQueue = [](const std::string& label) {
+        return ios::makeSerialQueue(label);
+    };
+    platform->makePathMonitor = [] { return ios::makePathMonitor(); };
+    platform->makeSocket = &ios::makeSocket;
+    auto windows = std::make_shared<WindowHandles>();
+    platform->host = makeUIKitHost(windows);
+    platform->renderer = makeUIKitRenderer(windows);
+    platform->prompts = makePromptPresenter(windows);
+    platform->banner = makeBannerPresenter(windows);
+    // `actions` stays empty until remote input's adapter joins it.
+    return platform;
+}
+
+void ensurePlatformInstalled() {
+    static dispatch_once_t once;
+    dispatch_once(&once, ^{
+      if (!installedPlatform()) installPlatform(makePlatform());
+    });
+}
+
+}  // namespace virela::ios
