@@ -13,8 +13,6 @@
 #include <string>
 
 #include "core/api/virela.hpp"
-#include "core/ports/log.hpp"
-#include "core/ports/platform.hpp"
 #include "platform/ios/objc/src/bridge_rules.hpp"
 #include "platform/ios/objc/src/errors.hpp"
 #include "platform/ios/objc/src/ports.hpp"
@@ -165,6 +163,7 @@ VIRCaptureMode const VIRCaptureModeLiveView = @"LiveView";
 
 namespace {
 
+using virela::ios::refuseNil;
 using virela::ios::toNSString;
 using virela::ios::toOptionalString;
 using virela::ios::toStdString;
@@ -207,16 +206,6 @@ virela::VirelaCallbacks toCore(VIRCallbacks* callbacks) {
 std::optional<virela::VirelaEnvironment> toCore(VIREnvironment* environment) {
     if (environment.isLive) return virela::VirelaEnvironment::live();
     return virela::ios::customEnvironment(toStdString(environment.url.absoluteString));
-}
-
-// The headers promise non-null arguments, but Objective-C callers can pass nil anyway: such a
-// call is logged and does nothing, instead of reaching Foundation with nil.
-bool refuseNil(id _Nullable argument, const char* line) {
-    if (argument) return false;
-    if (auto platform = virela::installedPlatform(); platform && platform->log) {
-        platform->log->write(virela::LogLevel::error, line);
-    }
-    return true;
 }
 
 // configure's outcomes all reach the completion on a background queue.

@@ -2,6 +2,8 @@
 
 #import <Foundation/Foundation.h>
 
+#include <string_view>
+
 #include "platform/ios/objc/src/banner_presenter.hpp"
 #include "platform/ios/objc/src/ports.hpp"
 #include "platform/ios/objc/src/prompt_presenter.hpp"
@@ -36,6 +38,15 @@ void ensurePlatformInstalled() {
     dispatch_once(&once, ^{
       if (!installedPlatform()) installPlatform(makePlatform());
     });
+}
+
+bool refuseNil(id _Nullable argument, std::string_view line) {
+    if (argument) return false;
+    ensurePlatformInstalled();
+    if (auto platform = installedPlatform(); platform && platform->log) {
+        platform->log->write(LogLevel::error, line);
+    }
+    return true;
 }
 
 }  // namespace virela::ios

@@ -11,6 +11,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/ports/http_client.hpp"
@@ -39,5 +40,10 @@ std::shared_ptr<const Platform> makePlatform();
 // Installs makePlatform() the first time it is called, unless a platform is already in place
 // (a test harness may have put its own there). Safe from any thread.
 void ensurePlatformInstalled();
+
+// The public headers promise non-null arguments, but Objective-C callers can pass nil anyway.
+// Logs `line` as an error and returns true when `argument` is nil; the caller then does nothing
+// instead of handing nil on to Foundation or the core.
+bool refuseNil(id _Nullable argument, std::string_view line);
 
 }  // namespace virela::ios

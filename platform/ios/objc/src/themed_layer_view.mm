@@ -3,6 +3,7 @@
 #import "VirelaAgentObjC/VIRThemedLayerView.h"
 
 #include "core/ports/fatal.hpp"
+#include "platform/ios/objc/src/ports.hpp"
 
 #if !__has_feature(objc_arc)
 #error "platform/ios is built with -fobjc-arc"
@@ -12,7 +13,14 @@
 
 - (instancetype)initWithApply:(void (^)(VIRThemedLayerView*))apply {
     self = [super initWithFrame:CGRectZero];
-    if (self) _apply = [apply copy];
+    if (self) {
+        if (virela::ios::refuseNil(apply, "ThemedLayerView without apply: its layer colours will "
+                                          "not follow the appearance")) {
+            apply = ^(VIRThemedLayerView*) {
+            };
+        }
+        _apply = [apply copy];
+    }
     return self;
 }
 
