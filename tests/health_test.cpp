@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <cmath>
+#include <string>
 
 #include <nlohmann/json.hpp>
 
@@ -32,8 +34,19 @@ TEST(HealthTexts, FollowTheCardRules) {
 
     EXPECT_EQ(health::batteryText(0.856), "85%");
     EXPECT_EQ(health::batteryText(0.29), "29%");
-    EXPECT_EQ(health::batteryText(1.0), "100%");
+    EXPECT_EQ(health::batteryText(0.8599), "85%");
     EXPECT_EQ(health::batteryText(-1), std::nullopt);
+    EXPECT_EQ(health::batteryText(std::nan("")), std::nullopt);
+    // UIKit's level is a float; every whole percent it can report reads as that percent, however
+    // the float was rounded.
+    for (int percent = 0; percent <= 100; ++percent) {
+        const std::string expected = std::to_string(percent) + "%";
+        const float divided = static_cast<float>(percent) / 100.0f;
+        const float narrowed = static_cast<float>(percent / 100.0);
+        EXPECT_EQ(health::batteryText(divided), expected) << percent;
+        EXPECT_EQ(health::batteryText(narrowed), expected) << percent;
+        EXPECT_EQ(health::batteryText(std::nextafter(divided, 0.0f)), expected) << percent;
+    }
     EXPECT_EQ(health::batteryStateText(3), "full");
     EXPECT_EQ(health::batteryStateText(4), std::nullopt);
 

@@ -22,9 +22,11 @@ std::string sizeText(std::int64_t bytes) {
 
 std::optional<std::string> batteryText(double level) {
     if (!(level >= 0)) return std::nullopt;  // negative or NaN: unknown
-    // The epsilon absorbs binary representation error (0.29 * 100 = 28.999...) without
-    // rounding a genuine fraction up.
-    double percent = std::floor(std::fmin(level, 1e6) * 100.0 + 1e-9);
+    // UIKit reports the level as a 32-bit float: 0.35f widens to 0.34999999403..., a whole
+    // percent read one low. The epsilon, 1e-4 of a percent, is well above a float's error at
+    // this scale (under 1e-5 of a percent) and well below any fraction a device reports, so
+    // whole percents read as the status bar shows them and genuine fractions still truncate.
+    double percent = std::floor(std::fmin(level, 1e6) * 100.0 + 1e-4);
     return std::to_string(static_cast<long long>(percent)) + "%";
 }
 

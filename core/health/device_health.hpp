@@ -64,6 +64,7 @@ namespace health {
 
 // "12.3 GB free" from one decimal gigabyte up, else "840 MB free"; powers of ten.
 std::string sizeText(std::int64_t bytes);
+// "85%" for 0.856: the level in percent, truncated; nullopt for a negative (unknown) level.
 std::optional<std::string> batteryText(double level);
 std::optional<std::string> batteryStateText(int state);
 std::optional<std::string> appearanceText(Appearance appearance);
