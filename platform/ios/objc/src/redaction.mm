@@ -71,9 +71,8 @@ VIRRedactionMarkBox* _Nullable redactionMarkBoxOf(UIView* view) {
         objc_setAssociatedObject(self, &kRedactionMarkKey, nil, OBJC_ASSOCIATION_RETAIN_NONATOMIC);
         return;
     }
-    // Cell set-up code sets this on every reuse; keep a mark the view already has (perhaps
-    // one with its own colours) rather than reset it to the default style.
-    if (virela::ios::redactionMarkBoxOf(self)) return;
+    // A fresh mark every time, even over an existing one: marking again after
+    // setRedactionStyle is how a view takes up the new default.
     attachMark(self, virela::makeRedactionMark());
 }
 
