@@ -185,7 +185,11 @@ class UIKitHost final : public HostInterface {
                         usingBlock:^(NSNotification* notification) {
                           id object = notification.object;
                           if (![object isKindOfClass:[UIWindow class]]) return;
-                          (*shared)(windows->add(object), visible);
+                          // UIKit may post "became hidden" while the window is being freed,
+                          // and a weak reference to such an object aborts the process. A
+                          // hidden window only leaves core's lists, which needs its handle
+                          // alone: its address, without registering it.
+                          (*shared)(visible ? windows->add(object) : handleOf(object), visible);
                         }];
             [tokens addObject:token];
         }
