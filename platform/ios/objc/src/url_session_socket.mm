@@ -89,6 +89,18 @@ void completeLater(dispatch_block_t block) {
     dispatch_async(dispatch_get_global_queue(QOS_CLASS_DEFAULT, 0), block);
 }
 
+// How long an ended task gets to answer a receive with a message it still holds, or with its
+// own error, before the end's error stands in. Foundation answers at once when it answers at
+// all; the grace only bounds the case where it never does.
+constexpr int64_t kReceiveGraceNanoseconds = NSEC_PER_SEC;
+
+void expireAfterGrace(const std::shared_ptr<SocketChannel>& channel, std::uint64_t receive) {
+    dispatch_after(dispatch_time(DISPATCH_TIME_NOW, kReceiveGraceNanoseconds),
+                   dispatch_get_global_queue(QOS_CLASS_DEFAULT, 0), ^{
+                     channel->calls.expire(receive);
+                   });
+}
+
 class URLSessionSocket final : public VirelaSocket {
   public:
     // Without a task (Foundation refused the URL) the channel has already ended: every call
@@ -128,7 +140,8 @@ class URLSessionSocket final : public VirelaSocket {
     void send(SocketMessage message, std::function<void(std::exception_ptr)> completion) override {
         auto done =
             std::make_shared<std::function<void(std::exception_ptr)>>(std::move(completion));
-        auto call = channel_->calls.add([done](std::exception_ptr error) { (*done)(error); });
+        auto call = channel_->calls.add(SocketCalls::Kind::send,
+                                        [done](std::exception_ptr error) { (*done)(error); });
         if (auto* ended = std::get_if<std::exception_ptr>(&call)) {
             std::exception_ptr error = *ended;
             completeLater(^{
@@ -148,21 +161,25 @@ class URLSessionSocket final : public VirelaSocket {
     void receive(std::function<void(SocketReceiveResult)> completion) override {
         auto done =
             std::make_shared<std::function<void(SocketReceiveResult)>>(std::move(completion));
-        auto call = channel_->calls.add([done](std::exception_ptr error) { (*done)(error); });
-        if (auto* ended = std::get_if<std::exception_ptr>(&call)) {
-            std::exception_ptr error = *ended;
+        auto call = channel_->calls.add(SocketCalls::Kind::receive,
+                                        [done](std::exception_ptr error) { (*done)(error); });
+        const std::uint64_t id = std::get<std::uint64_t>(call);
+        auto channel = channel_;
+        if (!task_) {
+            // No task ever ran, so nothing is buffered: the end's error, at once.
             completeLater(^{
-              (*done)(error);
+              channel->calls.expire(id);
             });
             return;
         }
-        const std::uint64_t id = std::get<std::uint64_t>(call);
-        auto channel = channel_;
+        // Even after the task has ended: it may still hold messages that arrived before the
+        // close, and those come before the end.
         [task_ receiveMessageWithCompletionHandler:^(
                    NSURLSessionWebSocketMessage* _Nullable message, NSError* _Nullable error) {
           if (!channel->calls.settle(id)) return;
           (*done)(receiveResult(*channel, message, error));
         }];
+        if (channel->calls.ended()) expireAfterGrace(channel, id);
     }
 
   private:
@@ -220,7 +237,9 @@ class URLSocketSession final : public SocketSession {
 - (void)URLSession:(NSURLSession*)session
                     task:(NSURLSessionTask*)task
     didCompleteWithError:(nullable NSError*)error {
-    _channel->calls.end(_channel->failure(error));
+    for (const std::uint64_t receive : _channel->calls.end(_channel->failure(error))) {
+        virela::ios::expireAfterGrace(_channel, receive);
+    }
 }
 
 @end
