@@ -159,7 +159,11 @@ class UIKitHost final : public HostInterface {
         if (!window) throw HostReadError("the window is gone");
         NSString* failure = nil;
         @try {
-            ViewWalk(window, visitor).visit(window, 0);
+            // Reading a tree autoreleases an array or two per view, three times a second while
+            // sharing: drain them per walk, not whenever the main run loop gets round to it.
+            @autoreleasepool {
+                ViewWalk(window, visitor).visit(window, 0);
+            }
         } @catch (NSException* exception) {
             failure = exception.reason ? exception.reason : exception.name;
         } @catch (id) {

@@ -65,7 +65,7 @@ class UIKitRenderer final : public Renderer {
         std::vector<std::uint8_t> bytes;
         std::optional<std::string> failure;
         @autoreleasepool {
-            UIGraphicsImageRendererFormat* format = UIGraphicsImageRendererFormat.defaultFormat;
+            UIGraphicsImageRendererFormat* format = UIGraphicsImageRendererFormat.preferredFormat;
             format.scale = plan.scale;
             // Eight bits per channel: a wide-colour context would double the image for a viewer
             // that shows it in sRGB anyway.
