@@ -14,8 +14,8 @@ public enum Virela {
                                  user: VirelaUser? = nil,
                                  collectVendorId: Bool = false) async throws {
         try await withCheckedThrowingContinuation { (continuation: CheckedContinuation<Void, Error>) in
-            configure(key: key, environment: environment, user: user,
-                      collectVendorId: collectVendorId) { error in
+            Virela.configure(key: key, environment: environment, user: user,
+                             collectVendorId: collectVendorId) { error in
                 if let error = error {
                     continuation.resume(throwing: error)
                 } else {
