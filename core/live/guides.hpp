@@ -7,15 +7,13 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 
 #include "core/base/geometry.hpp"
 #include "core/base/records.hpp"
+#include "core/ports/overlay.hpp"
 #include "core/wire/push_records.hpp"
 
 namespace virela {
-
-enum class GuideKind { laser, laserOff, arrow, box, fill, label };
 
 // Matched exactly and case-sensitively; nullopt for any other kind, which is ignored.
 std::optional<GuideKind> guideKindNamed(std::string_view kind);
@@ -53,36 +51,6 @@ inline constexpr std::size_t labelMaxCharacters = 40;
 // The point a guide's x and y name on a root view of `root` points (absent values are the
 // centre; nothing is clamped, so fractions outside 0 to 1 land off screen).
 Point guidePoint(const GuidePush& push, Size root);
-
-// "box" and "fill": the frame, x and y giving its top-left corner, and the corner radius.
-struct BoxMark {
-    Rect frame;
-    double cornerRadius = 0;
-};
-
-// "arrow": the view's frame, and in the view's own coordinates the shaft from `start` to `end`
-// and the two head strokes from `end` to `headLeft` and `headRight`.
-struct ArrowMark {
-    Rect frame;
-    Point start;
-    Point end;
-    Point headLeft;
-    Point headRight;
-};
-
-// "label": the text, the widest its lines may be, and where the bubble goes: its left edge at
-// anchor.x and its vertical centre at anchor.y. The bubble's size follows from the text as laid
-// out (plus the padding above).
-struct LabelMark {
-    std::string text;
-    double maxWidth = 0;
-    Point anchor;
-};
-
-struct MarkGeometry {
-    GuideKind kind;
-    std::variant<BoxMark, ArrowMark, LabelMark> shape;
-};
 
 // The mark an "arrow", "box", "fill" or "label" guide draws on a root view of `root` points;
 // nullopt for the laser kinds and unknown ones.

@@ -14,6 +14,12 @@ std::string_view timerName(TimerId id) noexcept {
             return "prompt expiry";
         case TimerId::bannerRefresh:
             return "banner refresh";
+        case TimerId::toastRemoval:
+            return "toast removal";
+        case TimerId::pointingReset:
+            return "pointing reset";
+        case TimerId::markFade:
+            return "mark fade";
         case TimerId::other:
             break;
     }

@@ -18,6 +18,9 @@ enum class TimerId {
     reconnect,      // the realtime channel's next connection attempt
     promptExpiry,   // the consent sheet's expiry
     bannerRefresh,  // the session banner's countdown
+    toastRemoval,   // the live overlay's toast, 5.5 s after it appeared
+    pointingReset,  // the pill's "support is pointing" wording going back to idle
+    markFade,       // an agent's mark starting to fade, 3.6 s after it was drawn
     other,          // work without a name of its own (tests)
 };
 std::string_view timerName(TimerId id) noexcept;
