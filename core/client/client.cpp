@@ -63,7 +63,12 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
     sessionBanner_ = SessionBanner::create(platform_->banner, clock_);
     channel_ = RealtimeChannel::create(platform_, clock_);
     captureConsent_ = CaptureConsentFlow::create(
-        {.platform = platform_, .clock = clock_, .prompt = prompt_, .banner = sessionBanner_},
+        {.platform = platform_,
+         .clock = clock_,
+         .prompt = prompt_,
+         .showSessionBanner = [banner = sessionBanner_](
+                                  HostHandle window,
+                                  double expiresAt) { banner->show(window, expiresAt); }},
         *this);
     health_ = HealthReporter::create(platform_, *this);
     router_ = std::make_shared<FlowRouter>(captureConsent_);

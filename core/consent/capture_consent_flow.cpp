@@ -186,8 +186,9 @@ void CaptureConsentFlow::answer(const std::string& requestId, CaptureMode mode, 
                            if (reply.sessionExpiresAt)
                                until = parseInternetDateTime(*reply.sessionExpiresAt);
                            if (!until) until = self->parts_.clock->now() + kDefaultSessionSeconds;
-                           if (auto window = findCaptureWindow(*self->parts_.platform->host)) {
-                               self->parts_.banner->show(window->handle, *until);
+                           auto window = findCaptureWindow(*self->parts_.platform->host);
+                           if (window && self->parts_.showSessionBanner) {
+                               self->parts_.showSessionBanner(window->handle, *until);
                            }
                        }
                        self->captureAndUpload(requestId);

@@ -6,12 +6,12 @@
 // Confined to the main executor.
 
 #include <exception>
+#include <functional>
 #include <memory>
 #include <string>
 
 #include "core/consent/consent_prompt.hpp"
 #include "core/flow/flow_context.hpp"
-#include "core/live/session_banner.hpp"
 #include "core/ports/clock.hpp"
 #include "core/ports/platform.hpp"
 #include "core/wire/push_records.hpp"
@@ -26,7 +26,9 @@ class CaptureConsentFlow : public std::enable_shared_from_this<CaptureConsentFlo
         std::shared_ptr<const Platform> platform;
         std::shared_ptr<VirelaClock> clock;
         std::shared_ptr<ConsentPrompt> prompt;
-        std::shared_ptr<SessionBanner> banner;
+        // Puts the session banner's countdown over `window` until `expiresAt` (per-session
+        // mode).
+        std::function<void(HostHandle window, double expiresAt)> showSessionBanner;
     };
     // `context` is the client that owns the flow and outlives it.
     static std::shared_ptr<CaptureConsentFlow> create(Parts parts, FlowContext& context);
