@@ -16,8 +16,6 @@ namespace virela {
 
 namespace {
 
-constexpr double kExpiryGraceSeconds = 2;
-constexpr double kMinimumExpirySeconds = 1;
 constexpr double kDefaultSessionSeconds = 45 * 60;
 constexpr const char* kAllowed = "Allowed";
 
@@ -52,9 +50,8 @@ std::shared_ptr<CaptureConsentFlow> CaptureConsentFlow::create(Parts parts, Flow
 CaptureConsentFlow::CaptureConsentFlow(Parts parts, FlowContext& context)
     : parts_(std::move(parts)), context_(context) {}
 
-CaptureConsentFlow::~CaptureConsentFlow() {
-    cancelPromptExpiry();
-}
+// The expiry lives in the prompt and holds this flow weakly.
+CaptureConsentFlow::~CaptureConsentFlow() = default;
 
 void CaptureConsentFlow::handleConsent(const ConsentPush& push) {
     VIRELA_ASSERT_MAIN(*parts_.platform->main, "CaptureConsentFlow::handleConsent");
@@ -127,23 +124,14 @@ void CaptureConsentFlow::close() {
 }
 
 void CaptureConsentFlow::cancelPromptExpiry() {
-    if (promptExpiry_) promptExpiry_->cancel();
-    promptExpiry_.reset();
+    parts_.prompt->cancelExpiry();
 }
 
 void CaptureConsentFlow::startPromptExpiry(const std::string& expiresAt) {
-    cancelPromptExpiry();
-    std::optional<double> deadline = parseInternetDateTime(expiresAt);
-    if (!deadline) return;  // the prompt then stays until answered or replaced
-    const double delay =
-        std::max(*deadline - parts_.clock->now() + kExpiryGraceSeconds, kMinimumExpirySeconds);
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
-    // Cancelling the task is what keeps a stale expiry from closing a newer prompt.
-    promptExpiry_ = parts_.clock->after(TimerId::promptExpiry, delay, [weak] {
+    parts_.prompt->armExpiry(*parts_.clock, expiresAt, [weak] {
         auto self = weak.lock();
         if (!self) return;
-        self->promptExpiry_.reset();
-        self->parts_.prompt->dismiss();
         if (const auto& expired = self->context_.callbacks().onExpired) expired();
     });
 }

@@ -60,7 +60,6 @@ class CaptureConsentFlow : public std::enable_shared_from_this<CaptureConsentFlo
 
     Parts parts_;
     FlowContext& context_;
-    std::shared_ptr<VirelaCancellable> promptExpiry_;
     std::unique_ptr<ScreenCapture> capture_;
 };
 

@@ -1,14 +1,19 @@
 #include "core/consent/consent_prompt.hpp"
 
+#include <algorithm>
+
 #include "core/ports/clock.hpp"
 #include "core/ports/http_client.hpp"
 #include "core/ports/platform.hpp"
+#include "core/wire/date_time.hpp"
 
 namespace virela {
 
 namespace {
 constexpr double kLogoTimeoutSeconds = 30;
-}
+constexpr double kExpiryGraceSeconds = 2;
+constexpr double kMinimumExpirySeconds = 1;
+}  // namespace
 
 std::shared_ptr<ConsentPrompt> ConsentPrompt::create(std::shared_ptr<PromptPresenter> presenter,
                                                      std::shared_ptr<HttpClient> http,
@@ -23,10 +28,13 @@ ConsentPrompt::ConsentPrompt(std::shared_ptr<PromptPresenter> presenter,
 
 ConsentPrompt::~ConsentPrompt() {
     if (logoFetch_) logoFetch_->cancel();
+    cancelExpiry();
 }
 
 void ConsentPrompt::showConsent(HostHandle window, const ConsentSheet& sheet, Showing showing,
                                 ChoiceCallback onChoice) {
+    // A newer request replaces an older one, expiry and all.
+    cancelExpiry();
     dismiss();
     showing_ = showing;
     onChoice_ = std::move(onChoice);
@@ -52,6 +60,29 @@ void ConsentPrompt::dismiss() {
     onChoice_ = nullptr;
     showing_.reset();
     if (wasShowing && presenter_) presenter_->dismiss();
+}
+
+void ConsentPrompt::armExpiry(VirelaClock& clock, const std::string& expiresAt,
+                              std::function<void()> onExpired) {
+    cancelExpiry();
+    const std::optional<double> deadline = parseInternetDateTime(expiresAt);
+    if (!deadline) return;  // the sheet then stays until answered or replaced
+    const double delay =
+        std::max(*deadline - clock.now() + kExpiryGraceSeconds, kMinimumExpirySeconds);
+    std::weak_ptr<ConsentPrompt> weak = weak_from_this();
+    // Cancelling the task is what keeps a stale expiry from closing a newer sheet.
+    expiry_ = clock.after(TimerId::promptExpiry, delay, [weak, onExpired = std::move(onExpired)] {
+        auto self = weak.lock();
+        if (!self) return;
+        self->expiry_.reset();
+        self->dismiss();
+        if (onExpired) onExpired();
+    });
+}
+
+void ConsentPrompt::cancelExpiry() {
+    if (expiry_) expiry_->cancel();
+    expiry_.reset();
 }
 
 void ConsentPrompt::choose(Choice choice) {

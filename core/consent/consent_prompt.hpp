@@ -19,6 +19,7 @@ namespace virela {
 class HttpClient;
 class MainExecutor;
 class VirelaCancellable;
+class VirelaClock;
 
 class ConsentPrompt : public std::enable_shared_from_this<ConsentPrompt> {
   public:
@@ -42,6 +43,14 @@ class ConsentPrompt : public std::enable_shared_from_this<ConsentPrompt> {
     // Safe when nothing is shown.
     void dismiss();
 
+    // The consent sheet's expiry: two seconds after `expiresAt` (and at least one second from
+    // now) whatever is shown is dismissed and `onExpired` runs; nothing is armed for a date that
+    // cannot be read. One expiry at a time, whichever flow showed the sheet: arming, a newer
+    // consent sheet and cancelExpiry() end the previous one.
+    void armExpiry(VirelaClock& clock, const std::string& expiresAt,
+                   std::function<void()> onExpired);
+    void cancelExpiry();
+
     void allowTapped() { choose(Choice::allow); }
     void denyTapped() { choose(Choice::deny); }
     void doneTapped() { dismiss(); }
@@ -62,6 +71,7 @@ class ConsentPrompt : public std::enable_shared_from_this<ConsentPrompt> {
     ChoiceCallback onChoice_;
     std::optional<Showing> showing_;
     std::shared_ptr<VirelaCancellable> logoFetch_;
+    std::shared_ptr<VirelaCancellable> expiry_;
     // Bumped by every present and dismiss, so that a late logo or a stale button finds nothing.
     std::uint64_t sheet_ = 0;
 };
