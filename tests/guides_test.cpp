@@ -110,7 +110,9 @@ TEST(Guides, ArrowEndsNineHundredthsFurtherWithAHeadAtItsEnd) {
     GuidePush back = guidePush("arrow", 0.8, 0.8);
     back.x2 = 0.2;
     back.y2 = 0.1;
-    const auto& reversed = std::get<ArrowMark>(guideMark(back, kPhone)->shape);
+    const auto backMark = guideMark(back, kPhone);
+    ASSERT_TRUE(backMark);
+    const auto& reversed = std::get<ArrowMark>(backMark->shape);
     EXPECT_DOUBLE_EQ(reversed.frame.x, 0.2 * 390 - 16);
     EXPECT_DOUBLE_EQ(reversed.end.x, 16);
     EXPECT_DOUBLE_EQ(reversed.start.y, reversed.frame.height - 16);
@@ -119,7 +121,9 @@ TEST(Guides, ArrowEndsNineHundredthsFurtherWithAHeadAtItsEnd) {
 TEST(Guides, LabelsAnchorAtTheirLeftEdgeAndCentreLine) {
     GuidePush push = guidePush("label", 0.25, std::nullopt);
     push.text = "   ";
-    const auto& label = std::get<LabelMark>(guideMark(push, kPhone)->shape);
+    const auto mark = guideMark(push, kPhone);
+    ASSERT_TRUE(mark);
+    const auto& label = std::get<LabelMark>(mark->shape);
     EXPECT_EQ(label.text, "Tap here");
     EXPECT_DOUBLE_EQ(label.maxWidth, 390 * 0.7 - 16);
     EXPECT_EQ(label.anchor, (Point{97.5, 422}));
@@ -132,7 +136,9 @@ TEST(Guides, FractionsOutsideTheScreenDrawOffItButOverflowDrawsNothing) {
     EXPECT_FALSE(guideMark(huge, kPhone));
     GuidePush negative = guidePush("box");
     negative.w = -0.1;
-    const auto& flipped = std::get<BoxMark>(guideMark(negative, kPhone)->shape);
+    const auto negativeMark = guideMark(negative, kPhone);
+    ASSERT_TRUE(negativeMark);
+    const auto& flipped = std::get<BoxMark>(negativeMark->shape);
     EXPECT_GE(flipped.cornerRadius, 0);
     EXPECT_GE(flipped.frame.width, 0);
 }
