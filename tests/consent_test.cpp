@@ -22,9 +22,7 @@ using headless::SheetState;
 using nlohmann::json;
 using testing::FakePlatform;
 
-constexpr const char* kRegistered =
-    R"({"deviceId":"d1","deviceToken":"tok-1","supportCode":"482-913","consentCopy":"c",)"
-    R"("captureMode":"AskEveryTime","isTest":true})";
+using testing::kRegisteredReply;
 
 TEST(Palette, HexIsReadLenientlyAndFollowsTheAppearance) {
     const Color white{1, 1, 1, 1};
@@ -130,7 +128,7 @@ class ConsentFlowTest : public ::testing::Test {
                     errors.push_back(e);
                 },
         });
-        fake.http->reply("/v1/sdk/devices", 200, kRegistered);
+        fake.http->reply("/v1/sdk/devices", 200, kRegisteredReply);
         client->configure(*Url::parse("https://backend.test"), "key", std::nullopt, false,
                           [](std::exception_ptr) {});
         fake.executor->drain();

@@ -16,17 +16,28 @@ constexpr const char* kResetPath = "/v1/sdk/devices/reset";
 // The client's own router: each push to the flow that owns it.
 class FlowRouter final : public PushRouter {
   public:
-    explicit FlowRouter(std::weak_ptr<CaptureConsentFlow> captureConsent)
-        : captureConsent_(std::move(captureConsent)) {}
+    FlowRouter(std::weak_ptr<CaptureConsentFlow> captureConsent,
+               std::weak_ptr<LiveSessionFlow> live)
+        : captureConsent_(std::move(captureConsent)), live_(std::move(live)) {}
     void consent(const ConsentPush& push) override {
         if (auto flow = captureConsent_.lock()) flow->handleConsent(push);
     }
     void capture(const CapturePush& push) override {
         if (auto flow = captureConsent_.lock()) flow->handleCapture(push);
     }
+    void live(const LivePush& push) override {
+        if (auto flow = live_.lock()) flow->handleLive(push);
+    }
+    void liveNote(const LiveNotePush& push) override {
+        if (auto flow = live_.lock()) flow->handleNote(push);
+    }
+    void guide(const GuidePush& push) override {
+        if (auto flow = live_.lock()) flow->handleGuide(push);
+    }
 
   private:
     std::weak_ptr<CaptureConsentFlow> captureConsent_;
+    std::weak_ptr<LiveSessionFlow> live_;
 };
 }  // namespace
 
@@ -70,8 +81,22 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
                                   HostHandle window,
                                   double expiresAt) { banner->show(window, expiresAt); }},
         *this);
+    if (platform_->overlay && platform_->host) {
+        overlay_ =
+            LiveOverlay::create({platform_->overlay, platform_->host, platform_->actions, clock_});
+    }
+    live_ = LiveSessionFlow::create(
+        {.platform = platform_,
+         .clock = clock_,
+         .prompt = prompt_,
+         .overlay = overlay_,
+         .sendText =
+             [channel = std::weak_ptr<RealtimeChannel>(channel_)](const std::string& text) {
+                 if (auto live = channel.lock()) live->send(text);
+             }},
+        *this);
     health_ = HealthReporter::create(platform_, *this);
-    router_ = std::make_shared<FlowRouter>(captureConsent_);
+    router_ = std::make_shared<FlowRouter>(captureConsent_, live_);
 }
 
 VirelaClient::~VirelaClient() {
@@ -224,6 +249,7 @@ void VirelaClient::stop() {
         auto self = weak.lock();
         if (!self) return;
         self->captureConsent_->close();
+        self->live_->stopLocally();
         self->sessionBanner_->hide();
     });
 }
@@ -266,7 +292,7 @@ void VirelaClient::onEnterForeground() {
 }
 
 void VirelaClient::setRouter(std::shared_ptr<PushRouter> router) {
-    router_ = router ? std::move(router) : std::make_shared<FlowRouter>(captureConsent_);
+    router_ = router ? std::move(router) : std::make_shared<FlowRouter>(captureConsent_, live_);
 }
 
 void VirelaClient::route(Push push) {

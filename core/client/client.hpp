@@ -4,10 +4,10 @@
 // configure, the stored registration, the host's callbacks and the window registry. It runs
 // the lifecycle (configure, identify, reset, stop) and hands each push to the flow that owns it.
 //
-// Flows: the realtime channel, the capture consent flow and the health reporter. The live
-// session and the control lease join the same way: a class of their own in their subsystem,
-// made in the constructor with the parts they need and this client as their FlowContext, and a
-// branch in route() and in stop().
+// Flows: the realtime channel, the capture consent flow, the live session and the health
+// reporter. The control lease joins the same way: a class of its own in its subsystem, made in
+// the constructor with the parts it needs and this client as its FlowContext, and a branch in
+// route() and in stop().
 //
 // Confined to the main executor: every member function except supportCode() runs there.
 
@@ -25,6 +25,8 @@
 #include "core/consent/consent_prompt.hpp"
 #include "core/flow/flow_context.hpp"
 #include "core/health/health_reporter.hpp"
+#include "core/live/live_overlay.hpp"
+#include "core/live/live_session.hpp"
 #include "core/live/session_banner.hpp"
 #include "core/ports/clock.hpp"
 #include "core/ports/platform.hpp"
@@ -94,6 +96,7 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     RealtimeChannel& channel() const noexcept { return *channel_; }
     ConsentPrompt& prompt() const noexcept { return *prompt_; }
     SessionBanner& sessionBanner() const noexcept { return *sessionBanner_; }
+    LiveSessionFlow& liveSession() const noexcept { return *live_; }
     const Platform& platform() const noexcept { return *platform_; }
 
     // The install identifier for `key`, created and stored on first use.
@@ -132,6 +135,8 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     std::unique_ptr<WindowRegistry> windows_;
     std::shared_ptr<RealtimeChannel> channel_;
     std::shared_ptr<CaptureConsentFlow> captureConsent_;
+    std::shared_ptr<LiveOverlay> overlay_;  // null without an overlay presenter
+    std::shared_ptr<LiveSessionFlow> live_;
     std::shared_ptr<HealthReporter> health_;
     std::shared_ptr<PushRouter> router_;
 

@@ -14,6 +14,10 @@ std::string_view timerName(TimerId id) noexcept {
             return "prompt expiry";
         case TimerId::bannerRefresh:
             return "banner refresh";
+        case TimerId::liveFrame:
+            return "live frame";
+        case TimerId::visibleState:
+            return "visible state";
         case TimerId::toastRemoval:
             return "toast removal";
         case TimerId::pointingReset:

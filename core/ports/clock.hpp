@@ -18,6 +18,8 @@ enum class TimerId {
     reconnect,      // the realtime channel's next connection attempt
     promptExpiry,   // the consent sheet's expiry
     bannerRefresh,  // the session banner's countdown
+    liveFrame,      // a live frame, every third of a second while sharing
+    visibleState,   // the 10-second re-confirmation of what the customer sees while sharing
     toastRemoval,   // the live overlay's toast, 5.5 s after it appeared
     pointingReset,  // the pill's "support is pointing" wording going back to idle
     markFade,       // an agent's mark starting to fade, 3.6 s after it was drawn

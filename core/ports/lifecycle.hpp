@@ -38,6 +38,9 @@ class AppLifecycle {
     static constexpr BackgroundTaskId invalidBackgroundTask = 0;
     virtual BackgroundTaskId beginBackgroundTask(std::function<void()> expiration) = 0;
     virtual void endBackgroundTask(BackgroundTaskId id) = 0;
+
+    // Whether the app is in the background now. Main executor only.
+    virtual bool inBackground() const = 0;
 };
 
 }  // namespace virela

@@ -22,6 +22,7 @@ class HostActions;
 class Renderer;
 class PromptPresenter;
 class BannerPresenter;
+class OverlayPresenter;
 
 // Everything core needs from the platform. Later subsystems add their ports here.
 struct Platform {
@@ -38,9 +39,12 @@ struct Platform {
     std::shared_ptr<HostInterface> host;
     std::shared_ptr<HostActions> actions;
     std::shared_ptr<Renderer> renderer;
-    // What the library puts on the customer's screen: the bottom sheets and the session banner.
+    // What the library puts on the customer's screen: the bottom sheets, the session banner and
+    // the live overlay.
     std::shared_ptr<PromptPresenter> prompts;
     std::shared_ptr<BannerPresenter> banner;
+    // The live overlay. Without one live sharing never starts: nobody is watched unseen.
+    std::shared_ptr<OverlayPresenter> overlay;
 };
 
 // The platform binding installs its ports once at start-up; the facade's shared client takes

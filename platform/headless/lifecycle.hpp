@@ -24,7 +24,7 @@ class HeadlessLifecycle final : public AppLifecycle {
 
     void enterBackground();  // didEnterBackground observers
     void enterForeground();  // willEnterForeground observers
-    bool inBackground() const;
+    bool inBackground() const override;
     std::vector<BackgroundTaskId> activeBackgroundTasks() const;  // ascending
 
   private:

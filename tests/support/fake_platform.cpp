@@ -208,6 +208,7 @@ void FakeSocket::completeSend(std::exception_ptr error) {
 }
 
 void FakeLifecycle::send(AppEvent event) {
+    background = event == AppEvent::didEnterBackground;
     auto handlers = observers_->handlers;
     for (auto& [id, entry] : handlers) {
         if (entry.first == event) entry.second();

@@ -18,6 +18,11 @@
 
 namespace virela::testing {
 
+// A registration reply in the backend's form, support code "482-913".
+inline constexpr const char* kRegisteredReply =
+    R"({"deviceId":"d1","deviceToken":"tok-1","supportCode":"482-913","consentCopy":"c",)"
+    R"("captureMode":"AskEveryTime","isTest":true})";
+
 class FakeExecutor final : public MainExecutor, public SerialQueue {
   public:
     void post(std::function<void()> work) override { queue_.push_back(std::move(work)); }
@@ -145,7 +150,10 @@ class FakeLifecycle final : public AppLifecycle {
     std::unique_ptr<Subscription> observe(AppEvent event, std::function<void()> handler) override;
     BackgroundTaskId beginBackgroundTask(std::function<void()> expiration) override;
     void endBackgroundTask(BackgroundTaskId id) override;
+    bool inBackground() const override { return background; }
+    // Sends the event and keeps `background` in step with it.
     void send(AppEvent event);
+    bool background = false;
     std::size_t observerCount() const;
     std::vector<BackgroundTaskId> begun;
     std::vector<BackgroundTaskId> ended;

@@ -292,6 +292,10 @@ class UIApplicationLifecycle final : public AppLifecycle {
         return static_cast<BackgroundTaskId>(task);
     }
 
+    bool inBackground() const override {
+        return UIApplication.sharedApplication.applicationState == UIApplicationStateBackground;
+    }
+
     // Safe from any thread: UIKit documents endBackgroundTask: as callable off the main thread,
     // so a send's completion ends the task where it runs. Hopping to main instead could end it
     // only after an expiration handler had already returned, which is too late.

@@ -1,0 +1,326 @@
+#include "core/live/live_session.hpp"
+
+#include "core/base/errors.hpp"
+#include "core/base/url.hpp"
+#include "core/capture/capture.hpp"
+#include "core/consent/sheets.hpp"
+#include "core/control/windows.hpp"
+#include "core/ports/fatal.hpp"
+#include "core/ports/log.hpp"
+#include "core/transport/transport.hpp"
+#include "core/wire/device_records.hpp"
+
+namespace virela {
+
+namespace {
+
+constexpr double kFrameInterval = 1.0 / 3;
+constexpr double kVisibleStateInterval = 10;
+// Frames are skipped, never queued: while this many uploads are still out, a tick sends none.
+constexpr int kMaxFramesInFlight = 2;
+
+std::string livePath(const std::string& sessionId, std::string_view what) {
+    return "/v1/sdk/live/" + sessionId + std::string(what);
+}
+std::string promptShownPath(const std::string& promptId) {
+    return "/v1/sdk/prompts/" + promptId + "/shown";
+}
+
+// The session id goes into paths as it arrives; one that would not make a valid path is
+// refused up front, so that sharing never starts without a way to answer or upload.
+bool usableInPath(const std::string& sessionId) {
+    return Url::parse(livePath(sessionId, "/respond")).has_value();
+}
+
+// The backend no longer knows the session.
+bool sessionGone(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const VirelaError& e) {
+        return e.status() == 404 || e.status() == 410;
+    } catch (...) {
+        return false;
+    }
+}
+
+}  // namespace
+
+std::string viewMessage(std::string_view kind, std::string_view sessionId) {
+    std::string message = R"({"type":"view","kind":")";
+    message.append(kind).append(R"(","sessionId":")").append(sessionId).append(R"("})");
+    return message;
+}
+
+// Shared by the uploads of one session so that they can be counted without holding the flow.
+struct FrameUploads {
+    int inFlight = 0;
+};
+
+std::shared_ptr<LiveSessionFlow> LiveSessionFlow::create(Parts parts, FlowContext& context) {
+    return std::shared_ptr<LiveSessionFlow>(new LiveSessionFlow(std::move(parts), context));
+}
+
+LiveSessionFlow::LiveSessionFlow(Parts parts, FlowContext& context)
+    : parts_(std::move(parts)), context_(context) {}
+
+LiveSessionFlow::~LiveSessionFlow() {
+    if (frameTimer_) frameTimer_->cancel();
+    if (visibleStateTimer_) visibleStateTimer_->cancel();
+}
+
+void LiveSessionFlow::handleLive(const LivePush& push) {
+    VIRELA_ASSERT_MAIN(*parts_.platform->main, "LiveSessionFlow::handleLive");
+    if (push.state != LiveState::ended && !usableInPath(push.sessionId)) {
+        if (parts_.platform->log) {
+            parts_.platform->log->write(LogLevel::error, "live request dropped: session id \"" +
+                                                             push.sessionId +
+                                                             "\" cannot form a request path");
+        }
+        return;
+    }
+    switch (push.state) {
+        case LiveState::requested:
+            ask(push);
+            return;
+        case LiveState::active:
+            start(push.sessionId);
+            sharingGeneration_ = push.generation;
+            if (sharingGeneration_ && sessionId_ == push.sessionId && parts_.overlay &&
+                parts_.overlay->isShowing()) {
+                confirmIndicator(push.sessionId, "sharing", *sharingGeneration_);
+            }
+            return;
+        case LiveState::ended:
+            parts_.prompt->cancelExpiry();
+            parts_.prompt->dismiss();
+            stopLocally();
+            return;
+    }
+}
+
+void LiveSessionFlow::ask(const LivePush& push) {
+    const auto& host = parts_.platform->host;
+    // Without an overlay sharing could never start; the customer is not asked for nothing.
+    if (!context_.registration() || !host || !parts_.overlay) return;
+    const std::optional<WindowFacts> window = findCaptureWindow(*host);
+    if (!window) return;
+
+    parts_.prompt->dismiss();
+    if (const auto& shown = context_.callbacks().onRequestShown) shown();
+
+    const ConsentSheet sheet = makeConsentSheet(
+        CaptureMode::liveView, push.consentCopy.value_or(std::string(liveDefaultConsentCopy)),
+        push.agentName, push.workspaceName, push.logoUrl);
+    std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
+    parts_.prompt->showConsent(window->handle, sheet, ConsentPrompt::Showing::consent,
+                               [weak, sessionId = push.sessionId](ConsentPrompt::Choice choice) {
+                                   if (auto self = weak.lock()) {
+                                       self->answer(sessionId,
+                                                    choice == ConsentPrompt::Choice::allow);
+                                   }
+                               });
+    if (push.expiresAt) {
+        parts_.prompt->armExpiry(*parts_.clock, *push.expiresAt, [weak] {
+            auto self = weak.lock();
+            if (!self) return;
+            if (const auto& expired = self->context_.callbacks().onExpired) expired();
+        });
+    }
+    reportPromptShown(push.promptId);
+}
+
+void LiveSessionFlow::answer(const std::string& sessionId, bool allow) {
+    parts_.prompt->cancelExpiry();
+    auto transport = context_.transport();
+    if (!transport) fatalPrecondition("a live answer needs the transport that configure made");
+    std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
+    transport->postJson(livePath(sessionId, "/respond"), {{"allow", allow}}, false,
+                        [weak, sessionId, allow](const SendResult& result) {
+                            auto self = weak.lock();
+                            if (!self) return;
+                            if (!result) {
+                                if (const auto& onError = self->context_.callbacks().onError)
+                                    onError(result.error);
+                                return;
+                            }
+                            // A live request that is declined has no further outcome.
+                            if (allow) self->start(sessionId);
+                        });
+}
+
+void LiveSessionFlow::start(const std::string& sessionId) {
+    // A repeated "active", or one that follows our own start, changes nothing.
+    if (sessionId_ == sessionId && frameTimer_) return;
+    stopLocally();
+    const auto& host = parts_.platform->host;
+    if (!host) return;
+    const std::optional<WindowFacts> window = findCaptureWindow(*host);
+    if (!window) return;
+    sessionId_ = sessionId;
+
+    std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
+    // The customer is never watched without seeing it: no overlay, no sharing.
+    if (!parts_.overlay || !parts_.overlay->show(window->handle, [weak] {
+            if (auto self = weak.lock()) self->customerStop();
+        })) {
+        stopLocally();
+        return;
+    }
+    parts_.overlay->setOnViewChanged([weak, sessionId](std::string_view kind) {
+        auto self = weak.lock();
+        if (self && self->parts_.sendText) self->parts_.sendText(viewMessage(kind, sessionId));
+    });
+
+    frameTimer_ = parts_.clock->every(TimerId::liveFrame, kFrameInterval, [weak, sessionId] {
+        if (auto self = weak.lock()) self->frameTick(sessionId);
+    });
+    visibleStateTimer_ =
+        parts_.clock->every(TimerId::visibleState, kVisibleStateInterval, [weak, sessionId] {
+            if (auto self = weak.lock()) self->visibleStateCheck(sessionId);
+        });
+    // The agent sees the screen at once, not a third of a second later.
+    frameTick(sessionId);
+}
+
+void LiveSessionFlow::frameTick(const std::string& sessionId) {
+    const auto& platform = *parts_.platform;
+    if (platform.lifecycle && platform.lifecycle->inBackground()) return;
+    if (sessionId_ != sessionId) return;
+    // The screen may have changed under the agent's marks since the last tick; that is checked
+    // even when this tick sends no frame.
+    if (parts_.overlay) parts_.overlay->checkScreen();
+    if (!uploads_) uploads_ = std::make_shared<FrameUploads>();
+    if (uploads_->inFlight >= kMaxFramesInFlight) return;
+
+    std::vector<std::uint8_t> jpeg;
+    try {
+        if (!platform.renderer) return;
+        if (!capture_) {
+            capture_ = std::make_unique<ScreenCapture>(context_.windows(), platform.renderer,
+                                                       platform.log);
+        }
+        jpeg = capture_->capture(true);
+    } catch (const VirelaError&) {
+        return;  // nothing to show this tick; the next one tries again
+    }
+    if (sessionId_ != sessionId) return;
+
+    auto transport = context_.transport();
+    if (!transport) return;
+    const std::string_view bytes(reinterpret_cast<const char*>(jpeg.data()), jpeg.size());
+    std::shared_ptr<FrameUploads> uploads = uploads_;
+    ++uploads->inFlight;
+    std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
+    transport->send(transport->multipartRequest(livePath(sessionId, "/frame"), bytes),
+                    [weak, uploads, sessionId](const SendResult& result) {
+                        --uploads->inFlight;
+                        auto self = weak.lock();
+                        if (!self || result || !sessionGone(result.error)) return;
+                        if (self->sessionId_ == sessionId) self->stopLocally();
+                    });
+}
+
+void LiveSessionFlow::customerStop() {
+    const std::optional<std::string> stopped = sessionId_;
+    stopLocally();
+    auto transport = context_.transport();
+    if (!stopped || !transport) return;
+    // Only a report: the session has already ended here.
+    transport->postJson(livePath(*stopped, "/respond"), {{"allow", false}}, false,
+                        [](const SendResult&) {});
+}
+
+void LiveSessionFlow::stopLocally() {
+    const std::optional<std::string> ended = std::move(sessionId_);
+    sessionId_.reset();
+    if (frameTimer_) frameTimer_->cancel();
+    frameTimer_.reset();
+    if (visibleStateTimer_) visibleStateTimer_->cancel();
+    visibleStateTimer_.reset();
+    sharingGeneration_.reset();
+    recordingGeneration_.reset();
+    uploads_.reset();
+    if (parts_.overlay) parts_.overlay->hide();
+    if (!ended) return;
+    if (const auto& onLiveEnded = context_.callbacks().onLiveEnded)
+        onLiveEnded(LiveSession{*ended});
+}
+
+void LiveSessionFlow::visibleStateCheck(const std::string& sessionId) {
+    if (sessionId_ != sessionId) return;
+    if (!parts_.overlay || !parts_.overlay->isShowing()) {
+        stopLocally();
+        return;
+    }
+    if (sharingGeneration_) confirmIndicator(sessionId, "sharing", *sharingGeneration_);
+    if (recordingGeneration_) confirmIndicator(sessionId, "recording", *recordingGeneration_);
+}
+
+void LiveSessionFlow::handleNote(const LiveNotePush& push) {
+    if (!sessionId_ || push.sessionId != *sessionId_ || !parts_.overlay) return;
+    switch (push.kind) {
+        case LiveNoteKind::frameSaved:
+            if (parts_.overlay->showNote(LiveNoteKind::frameSaved, push.guides.value_or(false))) {
+                reportPromptShown(push.promptId);
+            }
+            return;
+        case LiveNoteKind::recordingStarted:
+            // A recording the customer was not shown is not confirmed to the backend.
+            if (!parts_.overlay->showNote(LiveNoteKind::recordingStarted, false)) return;
+            reportPromptShown(push.promptId);
+            recordingGeneration_ = push.generation;
+            if (recordingGeneration_) {
+                confirmIndicator(*sessionId_, "recording", *recordingGeneration_);
+            }
+            return;
+        case LiveNoteKind::recordingStopped:
+            recordingGeneration_.reset();
+            return;
+    }
+}
+
+void LiveSessionFlow::handleGuide(const GuidePush& push) {
+    if (!sessionId_ || push.sessionId != *sessionId_ || !parts_.overlay) return;
+    parts_.overlay->drawGuide(push);
+}
+
+void LiveSessionFlow::confirmIndicator(const std::string& sessionId, const std::string& kind,
+                                       const std::string& generation) {
+    auto transport = context_.transport();
+    if (!transport) {
+        fatalPrecondition("an indicator confirmation needs the transport that configure made");
+    }
+    std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
+    transport->postJson(
+        livePath(sessionId, "/indicator"), {{"kind", kind}, {"generation", generation}}, false,
+        [weak, kind](const SendResult& result) {
+            auto self = weak.lock();
+            if (!self || result) return;
+            const auto& log = self->parts_.platform->log;
+            if (!log) return;
+            // The device changes nothing: the backend enforces the lease, and the next check
+            // tries again.
+            try {
+                std::rethrow_exception(result.error);
+            } catch (const VirelaError& e) {
+                log->write(LogLevel::error,
+                           "indicator confirm '" + kind +
+                               "' refused: " + std::to_string(e.status()) + " " + e.code() +
+                               " — the backend does not hold this lease; input/frames of this "
+                               "kind are being dropped");
+            } catch (...) {
+                log->write(LogLevel::error,
+                           "indicator confirm '" + kind + "' failed: " + describe(result.error));
+            }
+        });
+}
+
+void LiveSessionFlow::reportPromptShown(const std::optional<std::string>& promptId) {
+    auto transport = context_.transport();
+    if (!promptId || promptId->empty() || !transport || !Url::parse(promptShownPath(*promptId))) {
+        return;
+    }
+    transport->postJson(promptShownPath(*promptId), {}, false, [](const SendResult&) {});
+}
+
+}  // namespace virela
