@@ -7,6 +7,8 @@
 #include <random>
 
 #include "core/capture/capture.hpp"
+#include "core/live/live_overlay.hpp"
+#include "core/transport/transport.hpp"
 #include "platform/headless/host/builder.hpp"
 #include "platform/headless/render/renderer.hpp"
 
@@ -179,8 +181,36 @@ void capture(benchmark::State& state, bool live) {
 BENCHMARK_CAPTURE(capture, still, false)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(capture, liveFrame, true)->Unit(benchmark::kMillisecond);
 
-// Baseline for capture/liveFrame: the JPEG encode alone of the very pixels a live frame
-// draws, so the ratio is what walking, planning and drawing add to the encode.
+// One tick of live sharing as the main thread runs it: the check for a screen change under the
+// agent's marks (the controller chain of a navigation stack with a modal on top), then the walk,
+// draw, paint and JPEG encode, then the multipart body of the upload. Compare with
+// capture/liveFrameBaselineJpegEncode.
+void liveFrameTick(benchmark::State& state) {
+    PhoneScreen screen;
+    auto navigation =
+        std::make_shared<ViewController>("UINavigationController", ControllerKind::navigation);
+    navigation->children = {std::make_shared<ViewController>(), std::make_shared<ViewController>()};
+    navigation->presented = std::make_shared<ViewController>();
+    screen.window->rootViewController = navigation;
+    Transport transport(*Url::parse("https://api.example.com"), "vk_bench", nullptr, nullptr);
+    transport.setDeviceToken("tok-0123456789abcdef");
+    std::size_t bytes = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(
+            topScreen(*screen.host, screen.host.get(), screen.window->handle()));
+        const std::vector<std::uint8_t> jpeg = screen.capture.capture(true);
+        const auto request = transport.multipartRequest(
+            "/v1/sdk/live/s-1/frame",
+            std::string_view(reinterpret_cast<const char*>(jpeg.data()), jpeg.size()));
+        bytes = request.body.size();
+        benchmark::DoNotOptimize(request.body.data());
+    }
+    state.counters["bytes"] = static_cast<double>(bytes);
+}
+BENCHMARK(liveFrameTick)->Name("capture/liveFrameTick")->Unit(benchmark::kMillisecond);
+
+// Baseline for capture/liveFrame and capture/liveFrameTick: the JPEG encode alone of the very
+// pixels a live frame draws, so the ratio is what walking, planning and drawing add to the encode.
 void liveFrameBaselineJpegEncode(benchmark::State& state) {
     PhoneScreen screen;
     screen.capture.capture(true);
