@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "platform/ios/objc/src/banner_presenter.hpp"
+#include "platform/ios/objc/src/live_overlay.hpp"
 #include "platform/ios/objc/src/ports.hpp"
 #include "platform/ios/objc/src/prompt_presenter.hpp"
 #include "platform/ios/objc/src/uikit_host.hpp"
@@ -29,6 +30,7 @@ std::shared_ptr<const Platform> makePlatform() {
     platform->renderer = makeUIKitRenderer(windows);
     platform->prompts = makePromptPresenter(windows);
     platform->banner = makeBannerPresenter(windows);
+    platform->overlay = makeOverlayPresenter(windows);
     // `actions` stays empty until remote input's adapter joins it.
     return platform;
 }
