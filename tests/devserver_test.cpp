@@ -18,6 +18,7 @@
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -904,6 +905,217 @@ TEST_F(ScreenshotTest, UploadsWithoutAWholeFormAndAPngFilePartAreRefused) {
         EXPECT_EQ(reply->status, size >= whole.size() - 2 ? 200 : 400) << size;
     }
     EXPECT_EQ(server.captureRequests().size(), 1u);
+}
+
+// A device with its socket open, watched live.
+class LiveTest : public ScreenshotTest {
+  protected:
+    std::optional<RawReply> postLive(const std::string& sessionId, const std::string& what,
+                                     const std::string& body, const std::string& headers) {
+        return roundTrip(server.port(),
+                         post("/v1/sdk/live/" + sessionId + "/" + what, body, auth + headers));
+    }
+
+    std::optional<RawReply> sendFrame(const std::string& sessionId, const std::string& jpeg) {
+        return postLive(sessionId, "frame", filePart("b1", "file", jpeg) + "--b1--\r\n",
+                        "Content-Type: multipart/form-data; boundary=b1\r\n");
+    }
+
+    std::optional<RawReply> confirm(const std::string& sessionId, const std::string& kind,
+                                    const std::string& generation) {
+        return postLive(sessionId, "indicator",
+                        json{{"kind", kind}, {"generation", generation}}.dump(), "");
+    }
+
+    std::optional<RawReply> get(const std::string& path) {
+        return roundTrip(server.port(), "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    }
+};
+
+std::string jpeg(char tag) {
+    return std::string("\xff\xd8\xff\xe0\0\x10JFIF", 10) + tag + "\xff\xd9";
+}
+
+TEST_F(LiveTest, PushesCarryTheSessionAndWhatTheDeviceReportsIsRecorded) {
+    auto requested = server.requestLive(token);
+    ASSERT_TRUE(requested);
+    const json push = nextPush();
+    EXPECT_EQ(push, json::parse(requested->push));
+    EXPECT_EQ(push["type"], "live");
+    EXPECT_EQ(push["payload"]["sessionId"], requested->sessionId);
+    EXPECT_EQ(push["payload"]["state"], "requested");
+    EXPECT_EQ(push["payload"]["promptId"], requested->promptId);
+    // Without a copy of its own the device shows its default one.
+    EXPECT_FALSE(push["payload"].contains("consentCopy"));
+    EXPECT_TRUE(secondsUntil(push["payload"].value("expiresAt", "")));
+    // Prompt ids are shared with the screenshot flow, so a report never lands on both.
+    EXPECT_NE(server.askScreenshot(token)->promptId, requested->promptId);
+    nextPush();
+
+    const std::string session = requested->sessionId;
+    EXPECT_TRUE(server.activateLive(token, session, "g-1"));
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"live","payload":{"sessionId":")" + session +
+                                      R"(","state":"active","generation":"g-1"}})"));
+    virela::devserver::LiveNote note;
+    note.kind = "recordingStarted";
+    note.generation = "r-1";
+    auto noted = server.sendLiveNote(deviceId, session, note);
+    ASSERT_TRUE(noted);
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"live-note","payload":{"sessionId":")" + session +
+                                      R"(","kind":"recordingStarted","promptId":")" +
+                                      noted->promptId + R"(","generation":"r-1"}})"));
+    virela::devserver::Guide guide;
+    guide.kind = "arrow";
+    guide.x = 0.25;
+    guide.y2 = 1;
+    guide.text = "here";
+    EXPECT_TRUE(server.sendGuide(token, session, guide));
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"guide","payload":{"sessionId":")" + session +
+                                      R"(","kind":"arrow","x":0.25,"y2":1.0,"text":"here"}})"));
+
+    for (const std::string& prompt : {requested->promptId, noted->promptId}) {
+        auto shown =
+            roundTrip(server.port(), post("/v1/sdk/prompts/" + prompt + "/shown", "{}", auth));
+        ASSERT_TRUE(shown);
+        EXPECT_EQ(shown->status, 200);
+        EXPECT_TRUE(server.waitForLivePromptShown(session, prompt, 5s));
+    }
+    auto allowed = postLive(session, "respond", R"({"allow":true})", "");
+    ASSERT_TRUE(allowed);
+    EXPECT_EQ(json::parse(allowed->body), json::parse(R"({"status":"Allowed"})"));
+    EXPECT_EQ(postLive(session, "respond", R"({"allow":"yes"})", "")->status, 400);
+    ASSERT_TRUE(server.waitForLiveAnswer(session, 5s));
+    auto record = server.liveSession(session);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->deviceId, deviceId);
+    EXPECT_EQ(record->state, "active");
+    EXPECT_EQ(record->generation, "g-1");
+    EXPECT_EQ(record->answers, std::vector<bool>{true});
+    EXPECT_EQ(record->promptsShown.size(), 2u);
+
+    // Only "view" messages count, the device's unescaped quote included.
+    socket->sendFrame(1, "ping");
+    socket->sendFrame(1, R"({"type":"view","kind":"scroll","sessionId":"s"1"})");
+    socket->sendFrame(1, R"({"type":"state","state":"background"})");
+    socket->sendFrame(1, R"({"sessionId":"s-2","kind":"nav","type":"view"})");
+    ASSERT_TRUE(server.waitForViewChanges(deviceId, 2, 5s));
+    const auto views = server.viewChanges(token);
+    ASSERT_EQ(views.size(), 2u);
+    EXPECT_EQ(views[0].kind, "scroll");
+    EXPECT_EQ(views[0].sessionId, "s\"1");
+    EXPECT_EQ(views[1].kind, "nav");
+    EXPECT_EQ(views[1].sessionId, "s-2");
+}
+
+TEST_F(LiveTest, FramesAreKeptServedAndCountedUntilTheSessionEnds) {
+    auto requested = server.requestLive(token);
+    ASSERT_TRUE(requested);
+    const std::string session = requested->sessionId;
+    auto unknown = sendFrame("live_999", jpeg('a'));
+    ASSERT_TRUE(unknown);
+    EXPECT_EQ(unknown->status, 404);
+    // Another device's session is not this device's to stream to.
+    const std::string other = registerDevice("inst-2")["deviceToken"];
+    auto foreign = roundTrip(
+        server.port(),
+        post("/v1/sdk/live/" + session + "/frame", filePart("b1", "file", jpeg('a')) + "--b1--\r\n",
+             "X-Virela-Device: " + other +
+                 "\r\nContent-Type: multipart/form-data; boundary=b1\r\n"));
+    ASSERT_TRUE(foreign);
+    EXPECT_EQ(foreign->status, 404);
+    EXPECT_EQ(get(server.liveFrameUrl(session).substr(server.url().size()))->status, 404);
+
+    for (char tag : {'a', 'b', 'c'}) {
+        auto stored = sendFrame(session, jpeg(tag));
+        ASSERT_TRUE(stored);
+        EXPECT_EQ(stored->status, 200) << stored->body;
+        EXPECT_EQ(stored->body, "{}");
+        std::this_thread::sleep_for(100ms);
+    }
+    ASSERT_TRUE(server.waitForLiveFrames(session, 3, 5s));
+    auto record = server.liveSession(session);
+    EXPECT_EQ(record->frames, 3u);
+    EXPECT_EQ(record->latestFrame, jpeg('c'));
+    EXPECT_EQ(record->frameUrl, server.url() + "/live/" + session + "/latest.jpg");
+    // At least 100 ms lie between the frames, so the rate cannot pass 10 a second.
+    EXPECT_GT(record->frameRate, 2);
+    EXPECT_LE(record->frameRate, 10.01);
+
+    auto latest = get("/live/" + session + "/latest.jpg");
+    ASSERT_TRUE(latest);
+    EXPECT_EQ(latest->status, 200);
+    EXPECT_EQ(latest->body, jpeg('c'));
+    EXPECT_EQ(headerOf(*latest, "Content-Type"), "image/jpeg");
+
+    server.endLive(token, session);
+    auto gone = sendFrame(session, jpeg('d'));
+    ASSERT_TRUE(gone);
+    EXPECT_EQ(gone->status, 410);
+    EXPECT_EQ(errorOf(gone)["error"], "session_ended");
+    EXPECT_EQ(server.liveSession(session)->frames, 3u);
+    EXPECT_EQ(get("/live/" + session + "/latest.jpg")->body, jpeg('c'));
+
+    // The customer's stop ends a session just as the backend's end does.
+    auto stopped = server.requestLive(token);
+    ASSERT_TRUE(stopped);
+    EXPECT_EQ(sendFrame(stopped->sessionId, jpeg('e'))->status, 200);
+    EXPECT_EQ(postLive(stopped->sessionId, "respond", R"({"allow":false})", "")->status, 200);
+    EXPECT_EQ(sendFrame(stopped->sessionId, jpeg('f'))->status, 410);
+    EXPECT_EQ(server.liveSession(stopped->sessionId)->answers, std::vector<bool>{false});
+}
+
+TEST_F(LiveTest, FramesWithoutAWholeFormAndAJpegFilePartAreRefused) {
+    const auto requested = server.requestLive(token);
+    ASSERT_TRUE(requested);
+    const std::string type = "multipart/form-data; boundary=b0";
+    const std::vector<std::pair<std::string, std::string>> refused{
+        {"image/jpeg", jpeg('a')},
+        {type, filePart("b0", "other", jpeg('a')) + "--b0--"},
+        {type, filePart("b0", "file", kPng) + "--b0--"},
+        {type, filePart("b0", "file", "\xff\xd8") + "--b0--"},
+        {type, filePart("b0", "file", jpeg('a'))},
+    };
+    for (const auto& [contentType, body] : refused) {
+        auto reply =
+            postLive(requested->sessionId, "frame", body, "Content-Type: " + contentType + "\r\n");
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->status, 400) << contentType << '\n' << body;
+        EXPECT_EQ(errorOf(reply)["error"], "bad_request");
+    }
+    EXPECT_EQ(server.liveSession(requested->sessionId)->frames, 0u);
+}
+
+TEST_F(LiveTest, ARefusedIndicatorKindGetsALeaseMismatchAndEveryConfirmationIsRecorded) {
+    auto requested = server.requestLive(token);
+    ASSERT_TRUE(requested);
+    const std::string session = requested->sessionId;
+    server.refuseIndicator("recording");
+
+    auto sharing = confirm(session, "sharing", "g-1");
+    auto recording = confirm(session, "recording", "r-1");
+    ASSERT_TRUE(sharing && recording);
+    EXPECT_EQ(sharing->status, 200);
+    EXPECT_EQ(recording->status, 409);
+    // The device's error model reads "error" as the code and "message" as the text.
+    EXPECT_EQ(errorOf(recording)["error"], "lease_mismatch");
+    EXPECT_TRUE(errorOf(recording)["message"].is_string());
+
+    server.refuseIndicator("recording", false);
+    EXPECT_EQ(confirm(session, "recording", "r-2")->status, 200);
+    EXPECT_EQ(postLive(session, "indicator", R"({"kind":"sharing","generation":3})", "")->status,
+              400);
+    EXPECT_EQ(confirm("live_999", "sharing", "g-1")->status, 404);
+    ASSERT_TRUE(server.waitForIndicator(session, 3, 5s));
+    const auto indicators = server.liveSession(session)->indicators;
+    ASSERT_EQ(indicators.size(), 3u);
+    EXPECT_EQ(indicators[0].kind, "sharing");
+    EXPECT_TRUE(indicators[0].accepted);
+    EXPECT_EQ(indicators[1].generation, "r-1");
+    EXPECT_FALSE(indicators[1].accepted);
+    EXPECT_TRUE(indicators[2].accepted);
+
+    server.endLive(deviceId, session);
+    EXPECT_EQ(confirm(session, "sharing", "g-1")->status, 410);
 }
 
 }  // namespace

@@ -62,21 +62,26 @@ constexpr char kLogo[] =
 
 constexpr std::string_view kPngSignature("\x89PNG\r\n\x1a\n", 8);
 
-Reply pngReply(std::string bytes) {
+Reply imageReply(std::string bytes, std::string contentType) {
     Reply reply;
     reply.body = std::move(bytes);
-    reply.contentType = "image/png";
+    reply.contentType = std::move(contentType);
     return reply;
 }
 
+constexpr std::string_view kJpegSignature("\xff\xd8\xff", 3);
+
 // The file of an upload request, or the 400 that refuses it.
 struct Upload {
-    std::string png;
+    std::string bytes;
     std::string contentType;
     std::string fileName;
 };
 
-std::variant<Upload, Reply> readUpload(const RecordedRequest& request) {
+// The part named "file" of a multipart/form-data body, which must begin with `signature`.
+// Devices label live frames "capture.png" like screenshots, so only the bytes tell them apart.
+std::variant<Upload, Reply> readUpload(const RecordedRequest& request, std::string_view signature,
+                                       std::string_view format) {
     std::optional<std::string> boundary =
         formDataBoundary(request.header("Content-Type").value_or(""));
     if (!boundary) {
@@ -92,8 +97,9 @@ std::variant<Upload, Reply> readUpload(const RecordedRequest& request) {
     if (file == parts->end()) {
         return jsonError(400, "bad_request", "The form has no part named \"file\".");
     }
-    if (file->data.substr(0, kPngSignature.size()) != kPngSignature) {
-        return jsonError(400, "bad_request", "The file is not a PNG image.");
+    if (file->data.substr(0, signature.size()) != signature) {
+        return jsonError(400, "bad_request",
+                         "The file is not a " + std::string(format) + " image.");
     }
     return Upload{std::string(file->data), file->contentType.value_or(""),
                   file->fileName.value_or("")};
@@ -167,14 +173,15 @@ void addDeviceRoutes(Router& router, DeviceRegistry& registry, SdkSettings setti
 }
 
 void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBook& book,
-                      CaptureSettings settings) {
+                      LiveBook& live, CaptureSettings settings) {
     auto shared = std::make_shared<const CaptureSettings>(std::move(settings));
 
     router.add("POST", "/v1/sdk/prompts/{id}/shown",
-               [&registry, &book](const RecordedRequest& request, const PathParams& params) {
+               [&registry, &book, &live](const RecordedRequest& request, const PathParams& params) {
                    if (!deviceToken(request, registry)) return unauthorized();
                    if (!parseObject(request.body)) return notAnObject();
                    book.promptShown(params.get("id"));
+                   live.promptShown(params.get("id"));
                    return jsonReply({{"ok", true}});
                });
 
@@ -199,12 +206,12 @@ void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBoo
         "POST", "/v1/sdk/captures/{id}/upload",
         [&registry, &book, shared](const RecordedRequest& request, const PathParams& params) {
             if (!deviceToken(request, registry)) return unauthorized();
-            std::variant<Upload, Reply> upload = readUpload(request);
+            std::variant<Upload, Reply> upload = readUpload(request, kPngSignature, "PNG");
             if (Reply* refused = std::get_if<Reply>(&upload)) return std::move(*refused);
             Upload& file = std::get<Upload>(upload);
             const std::string linkPrefix = shared->baseUrl() + "/captures/";
             const std::string captureId =
-                book.store(params.get("id"), std::move(file.png), std::move(file.contentType),
+                book.store(params.get("id"), std::move(file.bytes), std::move(file.contentType),
                            std::move(file.fileName), linkPrefix);
             return jsonReply(
                 {{"captureId", captureId}, {"imageUrl", linkPrefix + captureId + ".png"}});
@@ -222,12 +229,114 @@ void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBoo
                    if (!png) {
                        return jsonError(404, "not_found", "No capture at " + request.path + ".");
                    }
-                   return pngReply(std::move(*png));
+                   return imageReply(std::move(*png), "image/png");
                });
 
     router.add("GET", kLogoPath, [](const RecordedRequest&, const PathParams&) {
-        return pngReply(std::string(kLogo, sizeof kLogo - 1));
+        return imageReply(std::string(kLogo, sizeof kLogo - 1), "image/png");
     });
+}
+
+std::string liveFramePath(std::string_view sessionId) {
+    return "/live/" + std::string(sessionId) + "/latest.jpg";
+}
+
+void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& live,
+                   std::function<std::string()> baseUrl) {
+    // The session's device, or the reply that turns the request away: 404 for a session this
+    // device was never part of, 410 for one the backend has ended, as frames and confirmations
+    // of a session that is over must stop.
+    auto admit = [&registry, &live](const RecordedRequest& request,
+                                    std::string_view sessionId) -> std::optional<Reply> {
+        std::optional<std::string> token = deviceToken(request, registry);
+        std::optional<std::string> deviceId = token ? registry.deviceIdOf(*token) : std::nullopt;
+        if (!deviceId) return unauthorized();
+        switch (live.standing(sessionId, *deviceId)) {
+            case LiveBook::Standing::unknown:
+                return jsonError(404, "not_found",
+                                 "No live session " + std::string(sessionId) + ".");
+            case LiveBook::Standing::ended:
+                return jsonError(410, "session_ended",
+                                 "The live session " + std::string(sessionId) + " has ended.");
+            case LiveBook::Standing::open:
+                break;
+        }
+        return std::nullopt;
+    };
+
+    router.add("POST", "/v1/sdk/live/{sessionId}/respond",
+               [&registry, &live](const RecordedRequest& request, const PathParams& params) {
+                   // A stop may come after the backend ended the session; it is still an answer.
+                   std::optional<std::string> token = deviceToken(request, registry);
+                   std::optional<std::string> deviceId =
+                       token ? registry.deviceIdOf(*token) : std::nullopt;
+                   if (!deviceId) return unauthorized();
+                   const std::string_view sessionId = params.get("sessionId");
+                   if (live.standing(sessionId, *deviceId) == LiveBook::Standing::unknown) {
+                       return jsonError(404, "not_found",
+                                        "No live session " + std::string(sessionId) + ".");
+                   }
+                   std::optional<json> body = parseObject(request.body);
+                   if (!body) return notAnObject();
+                   auto allow = body->find("allow");
+                   if (allow == body->end() || !allow->is_boolean()) {
+                       return jsonError(400, "bad_request", "\"allow\" must be true or false.");
+                   }
+                   live.answer(sessionId, allow->get<bool>());
+                   return jsonReply({{"status", allow->get<bool>() ? "Allowed" : "Denied"}});
+               });
+
+    router.add("POST", "/v1/sdk/live/{sessionId}/frame",
+               [admit, &live, baseUrl = std::move(baseUrl)](const RecordedRequest& request,
+                                                            const PathParams& params) {
+                   const std::string_view sessionId = params.get("sessionId");
+                   if (std::optional<Reply> refused = admit(request, sessionId)) {
+                       return std::move(*refused);
+                   }
+                   std::variant<Upload, Reply> upload = readUpload(request, kJpegSignature, "JPEG");
+                   if (Reply* refused = std::get_if<Reply>(&upload)) return std::move(*refused);
+                   live.storeFrame(sessionId, std::move(std::get<Upload>(upload).bytes),
+                                   baseUrl() + liveFramePath(sessionId));
+                   return jsonReply(json::object());
+               });
+
+    router.add(
+        "POST", "/v1/sdk/live/{sessionId}/indicator",
+        [admit, &live](const RecordedRequest& request, const PathParams& params) {
+            const std::string_view sessionId = params.get("sessionId");
+            if (std::optional<Reply> refused = admit(request, sessionId)) {
+                return std::move(*refused);
+            }
+            std::optional<json> body = parseObject(request.body);
+            if (!body) return notAnObject();
+            auto kind = body->find("kind");
+            auto generation = body->find("generation");
+            if (kind == body->end() || !kind->is_string() || generation == body->end() ||
+                !generation->is_string()) {
+                return jsonError(400, "bad_request",
+                                 "\"kind\" and \"generation\" must be strings.");
+            }
+            const std::string kindText = kind->get<std::string>();
+            if (!live.confirmIndicator(sessionId, kindText, generation->get<std::string>())) {
+                return jsonError(
+                    409, "lease_mismatch",
+                    "The backend does not hold a \"" + kindText + "\" lease with this generation.");
+            }
+            return jsonReply({{"ok", true}});
+        });
+
+    // The agent's view of the stream: no device token, like a capture's link.
+    router.add("GET", "/live/{sessionId}/latest.jpg",
+               [&live](const RecordedRequest& request, const PathParams& params) {
+                   std::optional<std::string> jpeg = live.latestFrame(params.get("sessionId"));
+                   if (!jpeg) {
+                       return jsonError(404, "not_found", "No frame at " + request.path + ".");
+                   }
+                   Reply reply = imageReply(std::move(*jpeg), "image/jpeg");
+                   // A new frame replaces this one a third of a second later.
+                   reply.headers.push_back({"Cache-Control", "no-store"});
+                   return reply;
+               });
 }
 
 }  // namespace virela::devserver

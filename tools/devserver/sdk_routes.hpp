@@ -8,6 +8,7 @@
 
 #include "tools/devserver/capture_book.hpp"
 #include "tools/devserver/device_registry.hpp"
+#include "tools/devserver/live_book.hpp"
 #include "tools/devserver/router.hpp"
 
 namespace virela::devserver {
@@ -27,10 +28,20 @@ struct CaptureSettings {
 };
 
 // The screenshot endpoints a device calls ("/v1/sdk/prompts/..." and "/v1/sdk/captures/..."),
-// the uploaded images at "/captures/{id}.png" and the logo at kLogoPath. The registry and the
-// book must outlive the router.
+// the uploaded images at "/captures/{id}.png" and the logo at kLogoPath. A prompt reported shown
+// is recorded in both books, as live requests and notes have prompts too. The registry and the
+// books must outlive the router.
 void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBook& book,
-                      CaptureSettings settings);
+                      LiveBook& live, CaptureSettings settings);
+
+// The live endpoints a device calls ("/v1/sdk/live/{sessionId}/...") and the latest frame of
+// each session at liveFramePath(). `baseUrl` gives the server's url, for the frame links. The
+// registry and the book must outlive the router.
+void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& live,
+                   std::function<std::string()> baseUrl);
+
+// "/live/{sessionId}/latest.jpg".
+std::string liveFramePath(std::string_view sessionId);
 
 inline constexpr std::string_view kLogoPath = "/assets/logo.png";
 

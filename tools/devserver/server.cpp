@@ -1,5 +1,6 @@
 #include "tools/devserver/server.hpp"
 
+#include <algorithm>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -10,6 +11,7 @@
 #include "tools/devserver/capture_book.hpp"
 #include "tools/devserver/device_registry.hpp"
 #include "tools/devserver/http_server.hpp"
+#include "tools/devserver/live_book.hpp"
 #include "tools/devserver/router.hpp"
 #include "tools/devserver/sdk_routes.hpp"
 #include "tools/devserver/socket_admission.hpp"
@@ -32,6 +34,29 @@ std::chrono::milliseconds fromSeconds(double seconds) {
 std::string frame(std::string_view type, const nlohmann::ordered_json& payload) {
     const nlohmann::ordered_json message{{"type", type}, {"payload", payload}};
     return message.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+// A "view" message. Devices build it by concatenation without escaping, so a session id with a
+// quote in it is not valid JSON; the exact layout is read first and JSON only as a fallback.
+std::optional<ViewChange> parseViewChange(const std::string& text) {
+    constexpr std::string_view kHead = R"({"type":"view","kind":")";
+    constexpr std::string_view kMiddle = R"(","sessionId":")";
+    constexpr std::string_view kTail = R"("})";
+    if (text.starts_with(kHead) && text.ends_with(kTail)) {
+        const std::size_t middle = text.find(kMiddle, kHead.size());
+        if (middle != std::string::npos && middle + kMiddle.size() <= text.size() - kTail.size()) {
+            const std::size_t sessionAt = middle + kMiddle.size();
+            return ViewChange{text.substr(kHead.size(), middle - kHead.size()),
+                              text.substr(sessionAt, text.size() - kTail.size() - sessionAt), text};
+        }
+    }
+    const nlohmann::json value = nlohmann::json::parse(text, nullptr, false);
+    if (!value.is_object() || value.value("type", nlohmann::json()) != "view") return std::nullopt;
+    auto member = [&](const char* key) {
+        auto it = value.find(key);
+        return it != value.end() && it->is_string() ? it->get<std::string>() : std::string();
+    };
+    return ViewChange{member("kind"), member("sessionId"), text};
 }
 
 }  // namespace
@@ -63,6 +88,7 @@ struct Server::Impl {
 
     DeviceRegistry registry;
     CaptureBook captures;
+    LiveBook live;
     SocketHub sockets{[this](std::string_view device) { return registry.deviceIdOf(device); }};
     // Rebuilt by start() while no server thread runs; read only by the server thread.
     Router router;
@@ -131,11 +157,13 @@ void Server::start(Options options) {
     addDeviceRoutes(impl_->router, impl_->registry,
                     {options.apiKeys, options.consentCopy, options.captureMode});
     Impl* impl = impl_.get();
-    addCaptureRoutes(impl_->router, impl_->registry, impl_->captures,
-                     {fromSeconds(options.sessionSeconds), [impl] {
-                          std::lock_guard lock(impl->mutex);
-                          return impl->url;
-                      }});
+    auto baseUrl = [impl] {
+        std::lock_guard lock(impl->mutex);
+        return impl->url;
+    };
+    addCaptureRoutes(impl_->router, impl_->registry, impl_->captures, impl_->live,
+                     {fromSeconds(options.sessionSeconds), baseUrl});
+    addLiveRoutes(impl_->router, impl_->registry, impl_->live, baseUrl);
     impl_->onRequest = std::move(options.onRequest);
     {
         std::lock_guard lock(impl_->mutex);
@@ -372,6 +400,152 @@ bool Server::waitForUpload(std::string_view requestId, std::chrono::milliseconds
 std::string Server::logoUrl() const {
     std::lock_guard lock(impl_->mutex);
     return impl_->url.empty() ? std::string() : impl_->url + std::string(kLogoPath);
+}
+
+std::optional<LivePushed> Server::requestLive(std::string_view device, LiveRequest request) {
+    const std::optional<std::string> deviceId = impl_->registry.deviceIdOf(device);
+    if (!deviceId) return std::nullopt;
+    double promptSeconds = 0;
+    {
+        std::lock_guard lock(impl_->mutex);
+        promptSeconds = impl_->promptSeconds;
+    }
+    LivePushed pushed;
+    pushed.sessionId = request.sessionId ? *request.sessionId : impl_->live.freshSessionId();
+    pushed.promptId = request.promptId ? *request.promptId : impl_->captures.freshPromptId();
+    nlohmann::ordered_json payload{{"sessionId", pushed.sessionId}, {"state", "requested"}};
+    if (request.consentCopy) payload["consentCopy"] = *request.consentCopy;
+    payload["promptId"] = pushed.promptId;
+    if (request.agentName) payload["agentName"] = *request.agentName;
+    if (request.workspaceName) payload["workspaceName"] = *request.workspaceName;
+    if (request.logoUrl) payload["logoUrl"] = *request.logoUrl;
+    if (!request.expiresAt) {
+        payload["expiresAt"] =
+            isoUtc(std::chrono::system_clock::now() + fromSeconds(promptSeconds));
+    } else if (!request.expiresAt->empty()) {
+        payload["expiresAt"] = *request.expiresAt;
+    }
+    pushed.push = frame("live", payload);
+
+    const bool sent = impl_->live.request(pushed.sessionId, *deviceId, pushed.promptId, [&] {
+        return impl_->sockets.send(device, {Outgoing::Kind::text, pushed.push, 0});
+    });
+    if (!sent) return std::nullopt;
+    return pushed;
+}
+
+bool Server::activateLive(std::string_view device, std::string_view sessionId,
+                          std::optional<std::string> generation) {
+    const std::optional<std::string> deviceId = impl_->registry.deviceIdOf(device);
+    if (!deviceId) return false;
+    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"state", "active"}};
+    if (generation) payload["generation"] = *generation;
+    const std::string push = frame("live", payload);
+    return impl_->live.activate(std::string(sessionId), *deviceId, std::move(generation), [&] {
+        return impl_->sockets.send(device, {Outgoing::Kind::text, push, 0});
+    });
+}
+
+bool Server::endLive(std::string_view device, std::string_view sessionId) {
+    const std::optional<std::string> deviceId = impl_->registry.deviceIdOf(device);
+    if (!deviceId) return false;
+    impl_->live.end(sessionId, *deviceId);
+    return pushText(device, frame("live", {{"sessionId", sessionId}, {"state", "ended"}}));
+}
+
+std::optional<LivePushed> Server::sendLiveNote(std::string_view device, std::string_view sessionId,
+                                               LiveNote note) {
+    LivePushed pushed;
+    pushed.sessionId = sessionId;
+    pushed.promptId = note.promptId ? *note.promptId : impl_->captures.freshPromptId();
+    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"kind", note.kind}};
+    if (note.guides) payload["guides"] = *note.guides;
+    payload["promptId"] = pushed.promptId;
+    if (note.generation) payload["generation"] = *note.generation;
+    pushed.push = frame("live-note", payload);
+    // Known before the push goes out, so that a report racing back finds its session.
+    impl_->live.notePrompt(sessionId, pushed.promptId);
+    if (!pushText(device, pushed.push)) return std::nullopt;
+    return pushed;
+}
+
+bool Server::sendGuide(std::string_view device, std::string_view sessionId, const Guide& guide) {
+    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"kind", guide.kind}};
+    const std::pair<const char*, const std::optional<double>*> numbers[] = {
+        {"x", &guide.x},   {"y", &guide.y}, {"x2", &guide.x2},
+        {"y2", &guide.y2}, {"w", &guide.w}, {"h", &guide.h}};
+    for (const auto& [key, value] : numbers) {
+        if (*value) payload[key] = **value;
+    }
+    if (guide.color) payload["color"] = *guide.color;
+    if (guide.text) payload["text"] = *guide.text;
+    return pushText(device, frame("guide", payload));
+}
+
+void Server::refuseIndicator(std::string kind, bool refuse) {
+    impl_->live.refuseIndicator(std::move(kind), refuse);
+}
+
+std::optional<LiveRecord> Server::liveSession(std::string_view sessionId) const {
+    return impl_->live.find(sessionId);
+}
+
+std::vector<LiveRecord> Server::liveSessions() const {
+    return impl_->live.all();
+}
+
+std::string Server::liveFrameUrl(std::string_view sessionId) const {
+    std::lock_guard lock(impl_->mutex);
+    return impl_->url.empty() ? std::string() : impl_->url + liveFramePath(sessionId);
+}
+
+std::vector<ViewChange> Server::viewChanges(std::string_view device) const {
+    std::vector<ViewChange> views;
+    for (const std::string& text : impl_->sockets.frames(device)) {
+        if (auto view = parseViewChange(text)) views.push_back(std::move(*view));
+    }
+    return views;
+}
+
+bool Server::waitForLiveAnswer(std::string_view sessionId, std::chrono::milliseconds timeout,
+                               std::size_t count) const {
+    return impl_->live.waitFor(sessionId, timeout, [count](const LiveRecord& record) {
+        return record.answers.size() >= count;
+    });
+}
+
+bool Server::waitForLiveFrames(std::string_view sessionId, std::size_t count,
+                               std::chrono::milliseconds timeout) const {
+    return impl_->live.waitFor(
+        sessionId, timeout, [count](const LiveRecord& record) { return record.frames >= count; });
+}
+
+bool Server::waitForIndicator(std::string_view sessionId, std::size_t count,
+                              std::chrono::milliseconds timeout) const {
+    return impl_->live.waitFor(sessionId, timeout, [count](const LiveRecord& record) {
+        return record.indicators.size() >= count;
+    });
+}
+
+bool Server::waitForLivePromptShown(std::string_view sessionId, std::string_view promptId,
+                                    std::chrono::milliseconds timeout) const {
+    return impl_->live.waitFor(sessionId, timeout, [promptId](const LiveRecord& record) {
+        return std::find(record.promptsShown.begin(), record.promptsShown.end(), promptId) !=
+               record.promptsShown.end();
+    });
+}
+
+bool Server::waitForViewChanges(std::string_view device, std::size_t count,
+                                std::chrono::milliseconds timeout) const {
+    return impl_->sockets.waitForTexts(
+        device,
+        [count](const std::vector<std::string>& texts) {
+            return static_cast<std::size_t>(
+                       std::count_if(texts.begin(), texts.end(), [](const std::string& text) {
+                           return parseViewChange(text).has_value();
+                       })) >= count;
+        },
+        timeout);
 }
 
 }  // namespace virela::devserver

@@ -133,6 +133,77 @@ struct CaptureRecord {
     std::string uploadFileName;
 };
 
+// What an agent asks when it wants to watch a device live: the fields of a "live" push with
+// state "requested". Absent fields get defaults.
+struct LiveRequest {
+    std::optional<std::string> sessionId;      // default: a fresh "live_<n>"
+    std::optional<std::string> consentCopy;    // absent: left out, so the device's own copy shows
+    std::optional<std::string> agentName;      // absent: left out
+    std::optional<std::string> workspaceName;  // absent: left out
+    std::optional<std::string> logoUrl;        // absent: left out
+    // Default: now + Options::promptSeconds; "" leaves it out.
+    std::optional<std::string> expiresAt;
+    std::optional<std::string> promptId;  // default: a fresh "prm_<n>"; "" is sent as ""
+};
+
+// A "live-note" push. `kind` is sent as is ("frameSaved", "recordingStarted",
+// "recordingStopped"), so a test may send a bad one.
+struct LiveNote {
+    std::string kind = "frameSaved";
+    std::optional<bool> guides;             // absent: left out
+    std::optional<std::string> generation;  // absent: left out
+    std::optional<std::string> promptId;    // default: a fresh "prm_<n>"; "" is sent as ""
+};
+
+// A "guide" push; absent fields are left out. `kind` is sent as is ("laser", "laser-off",
+// "arrow", "box", "fill", "label").
+struct Guide {
+    std::string kind = "laser";
+    std::optional<double> x, y, x2, y2, w, h;
+    std::optional<std::string> color;
+    std::optional<std::string> text;
+};
+
+struct LivePushed {
+    std::string sessionId;
+    std::string promptId;  // empty for a push without one
+    std::string push;      // the frame exactly as sent
+};
+
+struct IndicatorConfirmation {
+    std::string kind;
+    std::string generation;
+    bool accepted = true;  // false: answered 409 lease_mismatch
+};
+
+// One live session as the backend saw it, from the request to the end.
+struct LiveRecord {
+    std::string sessionId;
+    std::string deviceId;
+    // "requested", "active" or "ended": the last the backend pushed, or "ended" once it ended
+    // the session or the device refused it.
+    std::string state;
+    std::string promptId;                   // of the request; empty when never requested
+    std::optional<std::string> generation;  // of the last activation
+    // Prompts of this session (its request's and its notes') the device reported on screen,
+    // in order.
+    std::vector<std::string> promptsShown;
+    std::vector<bool> answers;  // every "allow" the device sent, in order
+    std::size_t frames = 0;
+    // Frames per second over the last few seconds; 0 with fewer than two frames in that time.
+    double frameRate = 0;
+    std::string latestFrame;              // the JPEG of the last frame
+    std::optional<std::string> frameUrl;  // where the latest frame is served, once there is one
+    std::vector<IndicatorConfirmation> indicators;  // in order of arrival
+};
+
+// A "view" message a device sent on its socket: the screen under the guides changed.
+struct ViewChange {
+    std::string kind;  // "scroll" or "nav"
+    std::string sessionId;
+    std::string text;  // the frame as received
+};
+
 // The local backend: a loopback HTTP/1.1 server on its own thread. Device state, the recorded
 // requests and the frames devices sent survive stop() and start(), so a restart looks like the
 // same backend. All member functions are thread-safe.
@@ -228,6 +299,45 @@ class Server {
     // A small PNG served at url() + "/assets/logo.png", for consent pushes that show a logo.
     // Empty when not running.
     std::string logoUrl() const;
+
+    // The live flow, agent side. requestLive() pushes {"type":"live","payload":{...,"state":
+    // "requested",...}} and remembers the session; nullopt when the device has no socket.
+    // Requesting a known session again starts its record afresh.
+    std::optional<LivePushed> requestLive(std::string_view device, LiveRequest request = {});
+    // State "active", with the generation when one is given; also for a session never requested,
+    // as the backend may start one directly. False when the device has no socket.
+    bool activateLive(std::string_view device, std::string_view sessionId,
+                      std::optional<std::string> generation = std::nullopt);
+    // State "ended". For a known device the session is over for the backend even when the
+    // device has no socket to hear it (then false): its frames get 410 from now on.
+    bool endLive(std::string_view device, std::string_view sessionId);
+    std::optional<LivePushed> sendLiveNote(std::string_view device, std::string_view sessionId,
+                                           LiveNote note = {});
+    bool sendGuide(std::string_view device, std::string_view sessionId, const Guide& guide);
+    // While set, confirmations of that indicator kind ("sharing", "recording", "control") are
+    // answered 409 with the error "lease_mismatch"; they are still recorded.
+    void refuseIndicator(std::string kind, bool refuse = true);
+
+    // Every session requested, activated or reported on, in order of first sight.
+    std::optional<LiveRecord> liveSession(std::string_view sessionId) const;
+    std::vector<LiveRecord> liveSessions() const;
+    // url() + "/live/{sessionId}/latest.jpg", where the session's latest frame is served; empty
+    // when not running.
+    std::string liveFrameUrl(std::string_view sessionId) const;
+    // The "view" messages among framesFrom(device), in order.
+    std::vector<ViewChange> viewChanges(std::string_view device) const;
+    // Block until the session has `count` answers (frames, indicator confirmations), until the
+    // prompt is reported shown, or until the timeout; true on success.
+    bool waitForLiveAnswer(std::string_view sessionId, std::chrono::milliseconds timeout,
+                           std::size_t count = 1) const;
+    bool waitForLiveFrames(std::string_view sessionId, std::size_t count,
+                           std::chrono::milliseconds timeout) const;
+    bool waitForIndicator(std::string_view sessionId, std::size_t count,
+                          std::chrono::milliseconds timeout) const;
+    bool waitForLivePromptShown(std::string_view sessionId, std::string_view promptId,
+                                std::chrono::milliseconds timeout) const;
+    bool waitForViewChanges(std::string_view device, std::size_t count,
+                            std::chrono::milliseconds timeout) const;
 
   private:
     struct Impl;

@@ -162,6 +162,16 @@ bool SocketHub::waitForFrames(std::string_view device, std::size_t count,
     });
 }
 
+bool SocketHub::waitForTexts(std::string_view device,
+                             const std::function<bool(const std::vector<std::string>&)>& done,
+                             std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] {
+        const Device* found = find(device);
+        return done(found != nullptr ? found->texts : std::vector<std::string>());
+    });
+}
+
 const SocketHub::Device* SocketHub::find(std::string_view device) const {
     // Lock order: the hub, then the registry behind the resolver; never the other way round.
     const std::optional<std::string> id = resolve_(device);

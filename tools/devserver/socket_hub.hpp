@@ -65,6 +65,10 @@ class SocketHub {
                            std::size_t minAccepted) const;
     bool waitForFrames(std::string_view device, std::size_t count,
                        std::chrono::milliseconds timeout) const;
+    // Block until `done` holds for the device's text frames so far, or until the timeout.
+    bool waitForTexts(std::string_view device,
+                      const std::function<bool(const std::vector<std::string>&)>& done,
+                      std::chrono::milliseconds timeout) const;
 
   private:
     struct Device {

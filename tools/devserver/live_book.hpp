@@ -1,0 +1,81 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/devserver/server.hpp"
+
+namespace virela::devserver {
+
+// The live sessions the agent side opened and what each device sent for them: answers, frames,
+// indicator confirmations, prompts shown. Thread-safe; outlives server runs like the devices do.
+class LiveBook {
+  public:
+    std::string freshSessionId();
+
+    // Records what a push did to a session once `deliver` succeeds, under the book's lock, so
+    // that a reply racing in from the device finds it. Lock order: the book, then whatever
+    // `deliver` takes (the socket hub).
+    // A request starts the session's record afresh; an activation keeps it (creating it when
+    // the session was never requested) and sets the generation.
+    bool request(const std::string& sessionId, const std::string& deviceId, std::string promptId,
+                 const std::function<bool()>& deliver);
+    bool activate(const std::string& sessionId, const std::string& deviceId,
+                  std::optional<std::string> generation, const std::function<bool()>& deliver);
+    // The backend's decision stands whether or not the device heard it.
+    void end(std::string_view sessionId, const std::string& deviceId);
+    // Remembers a note's prompt, so that its report lands on the session.
+    void notePrompt(std::string_view sessionId, std::string promptId);
+
+    void promptShown(std::string_view promptId);
+
+    enum class Standing { unknown, ended, open };
+    // How the session stands for the device; another device's session counts as unknown.
+    Standing standing(std::string_view sessionId, std::string_view deviceId) const;
+
+    // A refusal ends the session, as the customer's stop or "Not now" does for the real backend.
+    void answer(std::string_view sessionId, bool allow);
+    // Stores the frame as the session's latest.
+    void storeFrame(std::string_view sessionId, std::string jpeg, std::string url);
+    std::optional<std::string> latestFrame(std::string_view sessionId) const;
+
+    void refuseIndicator(std::string kind, bool refuse);
+    // Records the confirmation; false when its kind is being refused.
+    bool confirmIndicator(std::string_view sessionId, std::string kind, std::string generation);
+
+    std::optional<LiveRecord> find(std::string_view sessionId) const;
+    std::vector<LiveRecord> all() const;
+    bool waitFor(std::string_view sessionId, std::chrono::milliseconds timeout,
+                 const std::function<bool(const LiveRecord&)>& done) const;
+
+  private:
+    struct Entry {
+        LiveRecord record;
+        // Arrival times of the frames of the last kRateWindow, oldest first.
+        std::deque<std::chrono::steady_clock::time_point> recentFrames;
+    };
+
+    Entry& entryFor(std::string_view sessionId);  // caller holds mutex_
+    const Entry* lookup(std::string_view sessionId) const;
+    LiveRecord snapshot(const Entry& entry) const;
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::vector<Entry> entries_;
+    // Which session each prompt of a request or a note belongs to.
+    std::map<std::string, std::string, std::less<>> promptSessions_;
+    std::set<std::string, std::less<>> refusedKinds_;
+    std::uint64_t nextSession_ = 1;
+};
+
+}  // namespace virela::devserver
