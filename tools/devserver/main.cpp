@@ -8,10 +8,12 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -36,7 +38,22 @@ void usage(std::ostream& out) {
            "  capture DEVICE REQ   tell the device to capture for request REQ\n"
            "  expire DEVICE        tell the device its prompt expired\n"
            "  deny DEVICE          tell the device the request was withdrawn\n"
-           "  captures             list the screenshot requests and their state\n";
+           "  captures             list the screenshot requests and their state\n"
+           "  live DEVICE [SESSION] ask to watch the device live\n"
+           "  activate DEVICE SESSION [GEN]\n"
+           "                       start the live session (with generation GEN)\n"
+           "  end DEVICE SESSION   end the live session; its frames then get 410\n"
+           "  note DEVICE SESSION KIND [ARG]\n"
+           "                       a live note: frameSaved [guides], recordingStarted [GEN]\n"
+           "                       or recordingStopped\n"
+           "  guide DEVICE SESSION KIND [K=V]...\n"
+           "                       a guide (KIND: laser, laser-off, arrow, box, fill, label;\n"
+           "                       K: x, y, x2, y2, w, h, color, and text, which takes the\n"
+           "                       rest of the line)\n"
+           "  refuse KIND [off]    answer indicator confirmations of KIND (sharing,\n"
+           "                       recording, control) with 409 lease_mismatch, or stop\n"
+           "  frames               list the live sessions: answers, frames, rate, indicators\n"
+           "  views DEVICE         list the view changes the device reported\n";
 }
 
 // The server thread and the command loop both print; whole lines only.
@@ -103,10 +120,123 @@ std::string describe(const virela::devserver::CaptureRecord& record) {
     return line;
 }
 
+std::string describe(const virela::devserver::LiveRecord& record) {
+    char rate[32];
+    std::snprintf(rate, sizeof rate, "%.1f", record.frameRate);
+    std::string line = record.sessionId + ' ' + record.deviceId + ' ' + record.state;
+    if (record.generation) line += " gen " + *record.generation;
+    if (!record.promptsShown.empty()) {
+        line += " shown " + std::to_string(record.promptsShown.size());
+    }
+    for (bool allow : record.answers) line += allow ? " allowed" : " denied";
+    line += ' ' + std::to_string(record.frames) + " frames " + rate + "/s";
+    if (record.frameUrl) line += ' ' + *record.frameUrl;
+    for (const auto& indicator : record.indicators) {
+        line += ' ' + indicator.kind + '@' + indicator.generation +
+                (indicator.accepted ? "" : "(refused)");
+    }
+    return line;
+}
+
+// "guide" arguments: KEY=VALUE words, where "text=" takes the rest of the line. False for a
+// word that is not one of them.
+bool readGuide(std::string_view rest, virela::devserver::Guide& guide) {
+    for (std::string_view word = nextWord(rest); !word.empty(); word = nextWord(rest)) {
+        const std::size_t equals = word.find('=');
+        if (equals == std::string_view::npos) return false;
+        const std::string_view key = word.substr(0, equals);
+        const std::string value(word.substr(equals + 1));
+        if (key == "text") {
+            guide.text = rest.empty() ? value : value + ' ' + std::string(rest);
+            return true;
+        }
+        if (key == "color") {
+            guide.color = value;
+            continue;
+        }
+        std::optional<double>* number = key == "x"    ? &guide.x
+                                        : key == "y"  ? &guide.y
+                                        : key == "x2" ? &guide.x2
+                                        : key == "y2" ? &guide.y2
+                                        : key == "w"  ? &guide.w
+                                        : key == "h"  ? &guide.h
+                                                      : nullptr;
+        if (number == nullptr) return false;
+        try {
+            std::size_t used = 0;
+            *number = std::stod(value, &used);
+            if (used != value.size()) return false;
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The live commands that name a device and a session; false when `command` is none of them.
+bool runLiveCommand(virela::devserver::Server& server, std::string_view command,
+                    const std::string& device, std::string_view rest) {
+    const std::string noSocket = "no socket for " + device;
+    const std::string session(nextWord(rest));
+    if (command == "live") {
+        virela::devserver::LiveRequest request;
+        if (!session.empty()) request.sessionId = session;
+        request.logoUrl = server.logoUrl();
+        const auto asked = server.requestLive(device, std::move(request));
+        say(asked ? "asked " + device + " live: session " + asked->sessionId + ", prompt " +
+                        asked->promptId
+                  : noSocket);
+        return true;
+    }
+    const bool known =
+        command == "activate" || command == "end" || command == "note" || command == "guide";
+    if (!known) return false;
+    if (session.empty()) {
+        say("usage: " + std::string(command) + " DEVICE SESSION ...");
+        return true;
+    }
+    if (command == "activate") {
+        const std::string_view generation = nextWord(rest);
+        const bool sent = server.activateLive(
+            device, session,
+            generation.empty() ? std::nullopt : std::optional<std::string>(generation));
+        say(sent ? "activated " + session + " on " + device : noSocket);
+    } else if (command == "end") {
+        say(server.endLive(device, session) ? "ended " + session
+                                            : "ended " + session + "; " + noSocket);
+    } else if (command == "note") {
+        virela::devserver::LiveNote note;
+        note.kind = nextWord(rest);
+        const std::string_view argument = nextWord(rest);
+        if (note.kind == "frameSaved") {
+            note.guides = argument == "guides";
+        } else if (note.kind == "recordingStarted" && !argument.empty()) {
+            note.generation = std::string(argument);
+        } else if (note.kind != "recordingStarted" && note.kind != "recordingStopped") {
+            say("note kinds: frameSaved [guides] | recordingStarted [GEN] | recordingStopped");
+            return true;
+        }
+        const auto sent = server.sendLiveNote(device, session, std::move(note));
+        say(sent ? "note sent for " + session + ", prompt " + sent->promptId : noSocket);
+    } else {
+        virela::devserver::Guide guide;
+        guide.kind = nextWord(rest);
+        if (guide.kind.empty() || !readGuide(rest, guide)) {
+            say("usage: guide DEVICE SESSION KIND [x=.. y=.. x2=.. y2=.. w=.. h=.. color=#rrggbb "
+                "text=...]");
+            return true;
+        }
+        say(server.sendGuide(device, session, guide) ? "guide sent for " + session : noSocket);
+    }
+    return true;
+}
+
 void runCommand(virela::devserver::Server& server, std::string_view line) {
     constexpr const char* kCommands =
         "commands: push DEVICE TEXT | close DEVICE [CODE] | drop DEVICE | ask DEVICE [MODE] | "
-        "capture DEVICE REQ | expire DEVICE | deny DEVICE | captures";
+        "capture DEVICE REQ | expire DEVICE | deny DEVICE | captures | live DEVICE [SESSION] | "
+        "activate DEVICE SESSION [GEN] | end DEVICE SESSION | note DEVICE SESSION KIND [ARG] | "
+        "guide DEVICE SESSION KIND [K=V]... | refuse KIND [off] | frames | views DEVICE";
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     std::string_view rest = line;
     const std::string_view command = nextWord(rest);
@@ -117,7 +247,29 @@ void runCommand(virela::devserver::Server& server, std::string_view line) {
         for (const auto& record : records) say(describe(record));
         return;
     }
+    if (command == "frames") {
+        const auto sessions = server.liveSessions();
+        if (sessions.empty()) say("no live sessions yet");
+        for (const auto& record : sessions) say(describe(record));
+        return;
+    }
+    if (command == "refuse") {
+        const std::string kind(nextWord(rest));
+        if (kind.empty()) return say(kCommands);
+        const bool refuse = nextWord(rest) != "off";
+        server.refuseIndicator(kind, refuse);
+        say(refuse ? "refusing " + kind + " confirmations with 409 lease_mismatch"
+                   : "accepting " + kind + " confirmations");
+        return;
+    }
     const std::string device(nextWord(rest));
+    if (!device.empty() && runLiveCommand(server, command, device, rest)) return;
+    if (command == "views" && !device.empty()) {
+        const auto views = server.viewChanges(device);
+        if (views.empty()) say("no view changes from " + device);
+        for (const auto& view : views) say(view.sessionId + ' ' + view.kind);
+        return;
+    }
     const bool known = command == "push" || command == "close" || command == "drop" ||
                        command == "ask" || command == "capture" || command == "expire" ||
                        command == "deny";
