@@ -3,7 +3,10 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <iostream>
+#include <span>
+#include <string_view>
 
 namespace demo {
 
@@ -15,6 +18,31 @@ std::optional<ConsentPolicy> consentPolicy(const std::string& text) {
     if (text == "ask") return ConsentPolicy::ask;
     return std::nullopt;
 }
+
+namespace {
+
+// The allowing and the refusing button of every consent sheet the library shows: a screenshot,
+// screenshots for a call, live sharing, remote control.
+constexpr std::string_view allowTitles[] = {"Allow once", "Allow for this call", "Start sharing",
+                                            "Allow control"};
+constexpr std::string_view denyTitles[] = {"Don’t allow", "Not now"};
+
+// The button to press on `sheet`; a sheet with other titles is answered by position, the
+// allowing button first.
+std::string answer(const SheetState& sheet, bool allow) {
+    const std::span<const std::string_view> known =
+        allow ? std::span<const std::string_view>(allowTitles) : denyTitles;
+    for (const auto& title : sheet.buttons) {
+        if (std::find(known.begin(), known.end(), title) != known.end()) return title;
+    }
+    return sheet.buttons.at(allow ? 0 : 1);
+}
+
+bool asksConsent(const SheetState& sheet) {
+    return sheet.kind != SheetState::Kind::supportCode && sheet.buttons.size() >= 2;
+}
+
+}  // namespace
 
 Customer::Customer(virela::headless::Runtime& runtime, ConsentPolicy policy,
                    std::function<void(const std::string&)> say)
@@ -63,7 +91,7 @@ void Customer::sheetChanged() {
     std::string buttons;
     for (const auto& title : sheet->buttons) buttons += "[" + title + "] ";
     say_("screen: └ " + buttons);
-    if (sheet->kind == SheetState::Kind::consent) {
+    if (asksConsent(*sheet)) {
         {
             std::lock_guard lock(mutex_);
             pending_ = ++shown_;
@@ -107,8 +135,8 @@ void Customer::answerLoop() {
         // Answer only the sheet that was asked about; a newer one waits for its own answer.
         runtime_.runOnMain([&] {
             const auto& shown = runtime_.prompts()->sheet();
-            if (sheet != shown_ || !shown || shown->kind != SheetState::Kind::consent) return;
-            const std::string title = shown->buttons.at(allow ? 0 : 1);
+            if (sheet != shown_ || !shown || !asksConsent(*shown)) return;
+            const std::string title = answer(*shown, allow);
             say_("customer: taps [" + title + "]");
             runtime_.prompts()->press(title);
         });

@@ -1,6 +1,6 @@
 // virela-demo: a support session seen from the customer's device, against the embedded local
 // backend (or any backend given with --base-url). This file only wires the parts together:
-// options.*, transcript.* (everything printed), sample_screen.* and customer.* (the app and the
+// options.*, transcript.* (everything printed), sample_app.* and customer.* (the app and the
 // person using it), agent_script.* (the agent, played by the embedded backend).
 
 #include <atomic>
@@ -15,7 +15,7 @@
 #include "apps/demo/agent_script.hpp"
 #include "apps/demo/customer.hpp"
 #include "apps/demo/options.hpp"
-#include "apps/demo/sample_screen.hpp"
+#include "apps/demo/sample_app.hpp"
 #include "apps/demo/transcript.hpp"
 #include "core/api/diagnostics.hpp"
 #include "core/api/virela.hpp"
@@ -31,6 +31,14 @@ using demo::say;
 std::atomic<bool> interrupted{false};
 extern "C" void onSignal(int) {
     interrupted = true;
+}
+
+// "app: ready" once both hold, whichever comes last: a driver may act from then on.
+std::atomic<bool> firstScreenShown{false};
+std::atomic<bool> channelOpen{false};
+std::atomic<bool> readySaid{false};
+void sayReadyOnce() {
+    if (firstScreenShown && channelOpen && !readySaid.exchange(true)) say("app: ready");
 }
 
 // Waits until `ready` holds or the time is up; the facade's fire-and-forget calls give no
@@ -74,7 +82,12 @@ void installHostCallbacks(demo::HostOutcomes& outcomes) {
 void printChannelEvents() {
     virela::VirelaDiagnostics::observeChannel({
         .onConnecting = [](const virela::Url& url) { say("connecting to " + url.str()); },
-        .onOpen = [] { say("connected"); },
+        .onOpen =
+            [] {
+                say("connected");
+                channelOpen = true;
+                sayReadyOnce();
+            },
         .onLost =
             [](const std::exception_ptr& e) { say("connection lost: " + virela::describe(e)); },
         .onReconnectScheduled =
@@ -171,7 +184,9 @@ int main(int argc, char** argv) {
     say("support code after reset: " + virela::Virela::supportCode().value_or("(none)") +
         (changed ? "" : " (unchanged)"));
 
-    const auto screen = demo::showAndCaptureSampleScreen(runtime, options->outDir);
+    auto app = demo::showAndCaptureSampleApp(runtime, options->outDir);
+    firstScreenShown = true;
+    sayReadyOnce();
 
     say("app: the customer opens the support code");
     virela::Virela::showSupportCode();
@@ -190,7 +205,8 @@ int main(int argc, char** argv) {
     if (seconds >= 0) stay(seconds);
 
     virela::Virela::stop();
-    runtime.runOnMain([] {});  // let stop() finish on the main thread
+    // Lets stop() finish on the main thread, and lets the app go where its views live.
+    runtime.runOnMain([&app] { app.reset(); });
     say("stopped");
     return 0;
 }

@@ -1,6 +1,7 @@
 #include "apps/demo/transcript.hpp"
 
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <mutex>
 #include <variant>
@@ -31,6 +32,19 @@ void say(std::string_view line) {
 std::string number(double value) {
     char buffer[32];
     const auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+    return std::string(buffer, end);
+}
+
+std::string oneDecimal(double value) {
+    const double rounded = std::round(value * 10) / 10;
+    return number(rounded == 0 ? 0.0 : rounded);  // never "-0"
+}
+
+std::string fixed(double value, int decimals) {
+    char buffer[64];
+    const auto end =
+        std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, decimals)
+            .ptr;
     return std::string(buffer, end);
 }
 
