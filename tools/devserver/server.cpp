@@ -93,6 +93,7 @@ struct Server::Impl {
     // Rebuilt by start() while no server thread runs; read only by the server thread.
     Router router;
     std::function<void(const RecordedRequest&, int)> onRequest;
+    bool keepRequests = true;
 
     Outcome handle(RecordedRequest request, int version);
 };
@@ -137,6 +138,7 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
         }
     }
     // Recorded before the reply goes out, so a client that has its answer finds it here.
+    if (!keepRequests) return outcome;
     std::lock_guard lock(mutex);
     requests.push_back(std::move(request));
     return outcome;
@@ -165,6 +167,7 @@ void Server::start(Options options) {
                      {fromSeconds(options.sessionSeconds), baseUrl});
     addLiveRoutes(impl_->router, impl_->registry, impl_->live, baseUrl);
     impl_->onRequest = std::move(options.onRequest);
+    impl_->keepRequests = options.keepRequests;
     {
         std::lock_guard lock(impl_->mutex);
         impl_->consentCopy = options.consentCopy;

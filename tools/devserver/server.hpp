@@ -89,6 +89,9 @@ struct Options {
     // Also serve https and wss with this identity, on `tlsPort` (0 picks a free one).
     std::optional<TlsIdentity> tls;
     std::uint16_t tlsPort = 0;
+    // Keep every request for requests(). A long run (the live soak) turns this off so that the
+    // log of three frames a second does not grow the process it measures.
+    bool keepRequests = true;
     // Called on the server thread for each request once its reply is decided; status 0 means
     // the connection is closed without a reply. Must not call stop().
     std::function<void(const RecordedRequest&, int status)> onRequest;
