@@ -470,6 +470,7 @@ bool HeadlessHost::setContentOffset(HostHandle scrollView, Point offset) {
     View* v = resolve<View>(scrollView);
     if (!v || !isScrollView(v->kind())) return false;
     v->boundsOrigin = offset;
+    if (v->onContentOffsetChange) v->onContentOffsetChange(offset);
     return true;
 }
 

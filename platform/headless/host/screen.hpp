@@ -80,6 +80,13 @@ struct ListDelegate {
     std::function<void(IndexPath)> performPrimaryAction;  // collections
 };
 
+// A pan gesture recogniser added to a view. It sees every drag that starts on the view or inside
+// it, alongside the app's own gestures (it never takes a drag away from a scroll view).
+struct PanRecognizer {
+    enum class State { began, changed, ended };
+    std::function<void(State state, Point translation)> action;
+};
+
 class ViewController : public Handled {
   public:
     explicit ViewController(std::string name = "UIViewController",
@@ -91,6 +98,14 @@ class ViewController : public Handled {
     std::shared_ptr<ViewController> presented;
     std::vector<std::shared_ptr<ViewController>> children;  // navigation stack or tabs
     std::size_t selectedIndex = 0;                          // tab bars
+
+    // The customer's navigation. Each updates the controller tree and, when the controller's
+    // view is on screen, puts the new screen's view where the old one was.
+    void push(std::shared_ptr<ViewController> controller);  // navigation controllers
+    std::shared_ptr<ViewController> pop();                  // the popped one; never the root
+    void present(std::shared_ptr<ViewController> modal);    // over the window, full size
+    std::shared_ptr<ViewController> dismiss();              // the presented one
+    void selectTab(std::size_t index);                      // tab bar controllers
 };
 
 class View : public Handled, public std::enable_shared_from_this<View> {
@@ -115,6 +130,16 @@ class View : public Handled, public std::enable_shared_from_this<View> {
     std::optional<Color> background;
     std::optional<Color> borderColor;
     double borderWidth = 0;
+    double cornerRadius = 0;  // the layer's: background and border are drawn rounded
+    // A shape layer's path as line segments in the view's bounds coordinates, stroked with round
+    // caps over the view's own content.
+    struct Stroke {
+        Point from;
+        Point to;
+    };
+    std::vector<Stroke> strokes;
+    double strokeWidth = 0;
+    std::optional<Color> strokeColor;
     std::string text;  // labels, buttons, text fields and views; secure fields draw dots
     Color textColor{0.09, 0.13, 0.10, 1};
 
@@ -149,6 +174,9 @@ class View : public Handled, public std::enable_shared_from_this<View> {
     bool scrollEnabled = true;
     Size contentSize;
     EdgeInsets contentInset;
+    std::function<void(Point offset)> onContentOffsetChange;  // after a drag or scroll moved it
+
+    std::vector<std::shared_ptr<PanRecognizer>> panRecognizers;
 
     // Lists and cells.
     std::shared_ptr<ListDelegate> delegate;  // table and collection views
@@ -218,6 +246,12 @@ class Window : public View {
     void show();
     void hide();
     void makeKeyAndVisible();
+
+    // Plays the customer's finger moving from `from` to `to` (window coordinates) in `steps`
+    // moves: the pan recognisers of the view under `from` and of its ancestors see began, one
+    // changed per move and ended, and the innermost scroll view there follows the finger,
+    // within its content.
+    void drag(Point from, Point to, int steps = 8);
 
   private:
     friend class Scene;

@@ -79,11 +79,19 @@ class WindowPainter {
         const Rect px = toPixels(drawn);
         const PixelBox box = centreCoverage(px).intersect(clip);
         if (box.empty() || coveredBySubview(view, drawn, box, alpha)) return;
-        if (view.background) fillBox(canvas_, box, toRgba8(*view.background, alpha));
-        if (view.borderColor && view.borderWidth > 0) {
-            fillRing(canvas_, centreCoverage(px),
-                     centreCoverage(inset(px, view.borderWidth * scale_)), box,
-                     toRgba8(*view.borderColor, alpha));
+        const double radius = std::min({view.cornerRadius * scale_, px.width / 2, px.height / 2});
+        if (radius > 0) {
+            paintRounded(view, px, box, radius, alpha);
+        } else {
+            if (view.background) fillBox(canvas_, box, toRgba8(*view.background, alpha));
+            if (view.borderColor && view.borderWidth > 0) {
+                fillRing(canvas_, centreCoverage(px),
+                         centreCoverage(inset(px, view.borderWidth * scale_)), box,
+                         toRgba8(*view.borderColor, alpha));
+            }
+        }
+        if (!view.strokes.empty() && view.strokeColor && view.strokeWidth > 0) {
+            paintStrokes(view, drawn, clip, alpha);
         }
         switch (view.kind()) {
             case ViewKind::switchControl:
@@ -133,7 +141,7 @@ class WindowPainter {
                           double alpha) const {
         if (!culling_ || alpha < 1) return false;
         for (const auto& child : view.subviews()) {
-            if (child->hidden || !child->background ||
+            if (child->hidden || !child->background || child->cornerRadius > 0 ||
                 toRgba8(*child->background, std::min(child->alpha, 1.0)).a != 255) {
                 continue;
             }
@@ -165,6 +173,83 @@ class WindowPainter {
   private:
     void fill(const Rect& px, const PixelBox& clip, const Color& color, double alpha) {
         fillBox(canvas_, centreCoverage(px).intersect(clip), toRgba8(color, alpha));
+    }
+
+    // Background and border of a layer with rounded corners, row by row; the border is the
+    // outer shape minus the inner one, so it blends once.
+    void paintRounded(const View& view, const Rect& px, const PixelBox& clip, double radius,
+                      double alpha) {
+        const double border = view.borderColor ? view.borderWidth * scale_ : 0;
+        const Rect inner = border > 0 ? inset(px, border) : Rect{};
+        const double innerRadius = std::max(0.0, radius - border);
+        for (int y = clip.y0; y < clip.y1; ++y) {
+            const double cy = y + 0.5;
+            const PixelBox outer = roundedRow(px, radius, y, cy).intersect(clip);
+            if (outer.empty()) continue;
+            if (view.background) fillBox(canvas_, outer, toRgba8(*view.background, alpha));
+            if (border <= 0) continue;
+            const Rgba8 color = toRgba8(*view.borderColor, alpha);
+            const PixelBox hole = roundedRow(inner, innerRadius, y, cy).intersect(outer);
+            if (hole.empty()) {
+                fillBox(canvas_, outer, color);
+                continue;
+            }
+            fillBox(canvas_, {outer.x0, y, hole.x0, y + 1}, color);
+            fillBox(canvas_, {hole.x1, y, outer.x1, y + 1}, color);
+        }
+    }
+
+    // Pixel row `y` of a rounded rectangle: the pixels whose centre lies inside it.
+    static PixelBox roundedRow(const Rect& r, double radius, int y, double cy) noexcept {
+        if (r.isEmpty() || cy < r.y || cy >= r.maxY()) return {};
+        double dy = 0;
+        if (cy < r.y + radius) dy = r.y + radius - cy;
+        if (cy > r.maxY() - radius) dy = cy - (r.maxY() - radius);
+        const double dx = radius - std::sqrt(std::max(0.0, radius * radius - dy * dy));
+        return {static_cast<int>(std::ceil(r.x + dx - 0.5)), y,
+                static_cast<int>(std::ceil(r.maxX() - dx - 0.5)), y + 1};
+    }
+
+    // The view's path segments with round caps: every pixel whose centre is within half the
+    // line width of a segment, each painted once where segments meet.
+    void paintStrokes(const View& view, const Rect& drawn, const PixelBox& clip, double alpha) {
+        const double half = view.strokeWidth * scale_ / 2;
+        std::vector<std::pair<Point, Point>> segments;
+        Rect reach = Rect::null();
+        for (const View::Stroke& s : view.strokes) {
+            const Rect a = toPixels({drawn.x + s.from.x - view.boundsOrigin.x,
+                                     drawn.y + s.from.y - view.boundsOrigin.y, 0, 0});
+            const Rect b = toPixels({drawn.x + s.to.x - view.boundsOrigin.x,
+                                     drawn.y + s.to.y - view.boundsOrigin.y, 0, 0});
+            if (!a.isFinite() || !b.isFinite()) continue;
+            segments.emplace_back(Point{a.x, a.y}, Point{b.x, b.y});
+            const Rect box{std::min(a.x, b.x) - half, std::min(a.y, b.y) - half,
+                           std::abs(a.x - b.x) + 2 * half, std::abs(a.y - b.y) + 2 * half};
+            reach = reach.isNull() ? box : reach.unionWith(box);
+        }
+        if (reach.isNull()) return;
+        const PixelBox area = touchedPixels(reach).intersect(clip);
+        const Rgba8 color = toRgba8(*view.strokeColor, alpha);
+        for (int y = area.y0; y < area.y1; ++y) {
+            for (int x = area.x0; x < area.x1; ++x) {
+                const Point c{x + 0.5, y + 0.5};
+                for (const auto& [a, b] : segments) {
+                    if (distanceToSegment(c, a, b) <= half) {
+                        fillBox(canvas_, {x, y, x + 1, y + 1}, color);
+                        break;
+                    }
+                }
+            }
+        }
+    }
+
+    static double distanceToSegment(Point p, Point a, Point b) noexcept {
+        const double dx = b.x - a.x;
+        const double dy = b.y - a.y;
+        const double length2 = dx * dx + dy * dy;
+        double t = length2 > 0 ? ((p.x - a.x) * dx + (p.y - a.y) * dy) / length2 : 0;
+        t = std::clamp(t, 0.0, 1.0);
+        return std::hypot(p.x - (a.x + t * dx), p.y - (a.y + t * dy));
     }
 
     void paintText(const View& view, const Rect& px, const PixelBox& clip, double alpha) {
