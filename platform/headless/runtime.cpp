@@ -3,6 +3,7 @@
 #include "platform/headless/key_value_store.hpp"
 #include "platform/headless/path_monitor.hpp"
 #include "platform/headless/presenters.hpp"
+#include "platform/headless/render/customer_view.hpp"
 #include "platform/headless/render/renderer.hpp"
 #include "platform/headless/stderr_log.hpp"
 
@@ -49,8 +50,14 @@ Runtime::Runtime(RuntimeOptions options)
     banner_ = std::make_shared<HeadlessBannerPresenter>(appearance);
     platform->prompts = prompts_;
     platform->banner = banner_;
+    overlay_ = std::make_shared<HeadlessOverlayPresenter>(appearance);
+    platform->overlay = overlay_;
     platform_ = std::move(platform);
     if (options.install) installPlatform(platform_);
+}
+
+std::vector<std::uint8_t> Runtime::renderCustomerView() {
+    return runOnMain([this] { return headless::renderCustomerView(*host_); });
 }
 
 Runtime::~Runtime() {

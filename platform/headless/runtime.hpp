@@ -3,12 +3,14 @@
 // Everything a headless host needs to run the library: the threads, the ports, and the installed
 // platform, owned by one object.
 
+#include <cstdint>
 #include <filesystem>
 #include <future>
 #include <memory>
 #include <optional>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "core/ports/platform.hpp"
 #include "platform/headless/device_facts.hpp"
@@ -16,6 +18,7 @@
 #include "platform/headless/host/headless_host.hpp"
 #include "platform/headless/http_client.hpp"
 #include "platform/headless/lifecycle.hpp"
+#include "platform/headless/overlay_presenter.hpp"
 #include "platform/headless/presenters.hpp"
 #include "platform/headless/web_socket.hpp"
 
@@ -58,6 +61,13 @@ class Runtime {
     // What the library shows on that interface: the bottom sheet and the session banner.
     const std::shared_ptr<HeadlessPromptPresenter>& prompts() const { return prompts_; }
     const std::shared_ptr<HeadlessBannerPresenter>& banner() const { return banner_; }
+    // The live overlay over the app while support watches.
+    const std::shared_ptr<HeadlessOverlayPresenter>& overlay() const { return overlay_; }
+
+    // What the customer sees, as PNG: the app's windows with the library's overlays above them
+    // and nothing redacted (captures leave the overlays out). Empty when no window is visible.
+    // Runs on the main thread; callable from any thread while the main loop runs.
+    std::vector<std::uint8_t> renderCustomerView();
 
     // Runs `fn` on the main thread and waits for its result (or rethrows its exception). Called
     // on the main thread it simply runs `fn`. Throws std::future_error if the main loop has
@@ -83,6 +93,7 @@ class Runtime {
     std::shared_ptr<HeadlessHost> host_;
     std::shared_ptr<HeadlessPromptPresenter> prompts_;
     std::shared_ptr<HeadlessBannerPresenter> banner_;
+    std::shared_ptr<HeadlessOverlayPresenter> overlay_;
     std::shared_ptr<const Platform> platform_;
 };
 
