@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <future>
+#include <mutex>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -469,6 +471,119 @@ TEST_F(Integration, FacadeConfiguresInBothForms) {
     ASSERT_TRUE(device);
     EXPECT_TRUE(eventually(*runtime, [&] { return !backend.connected(device->deviceId); }));
     EXPECT_TRUE(Virela::supportCode());
+}
+
+// Keeps every line the library logs, for the texts a person reads.
+class KeptLog final : public Log {
+  public:
+    void write(LogLevel, std::string_view line) override {
+        std::lock_guard lock(mutex_);
+        lines_.emplace_back(line);
+    }
+    bool contains(std::string_view line) const {
+        std::lock_guard lock(mutex_);
+        return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
+
+TEST_F(Integration, ALiveSessionRunsFromTheSheetToTheBackendsEnd) {
+    using namespace std::chrono_literals;
+    auto log = std::make_shared<KeptLog>();
+    std::mutex mutex;
+    std::vector<std::string> ended;
+    std::shared_ptr<headless::Window> window;
+    runtime->runOnMain([&] {
+        auto platform = std::make_shared<Platform>(*runtime->platform());
+        platform->log = log;
+        client = VirelaClient::create(platform);
+        window = headless::makeAppWindow(*runtime->host(), {390, 844});
+        headless::add(*window, headless::textField({16, 100, 358, 44}, "hunter2", true));
+        headless::add(*window, headless::scrollView({0, 200, 390, 600}, {390, 2000}));
+        client->setCallbacks({.onLiveEnded = [&](const LiveSession& session) {
+            std::lock_guard lock(mutex);
+            ended.push_back(session.sessionId);
+        }});
+    });
+    ASSERT_EQ(configure(), nullptr);
+    const auto deviceId = runtime->runOnMain([&] { return client->registration()->deviceId; });
+    ASSERT_TRUE(backend.waitForConnection(deviceId, 5s));
+
+    // The customer is asked, and sharing starts with the answer.
+    devserver::LiveRequest request;
+    request.agentName = "Dana";
+    const auto asked = backend.requestLive(deviceId, request);
+    ASSERT_TRUE(asked);
+    const std::string id = asked->sessionId;
+    const auto& prompts = runtime->prompts();
+    ASSERT_TRUE(eventually(*runtime, [&] { return prompts->sheet().has_value(); }));
+    EXPECT_EQ(runtime->runOnMain([&] { return prompts->sheet()->title; }),
+              "Share your screen live?");
+    ASSERT_TRUE(runtime->runOnMain([&] { return prompts->press("Start sharing"); }));
+    ASSERT_TRUE(backend.waitForLiveAnswer(id, 5s));
+    EXPECT_EQ(backend.liveSession(id)->answers, std::vector<bool>{true});
+    EXPECT_TRUE(backend.waitForLivePromptShown(id, asked->promptId, 5s));
+
+    // JPEG frames arrive with the password painted over, and the customer sees the pill.
+    ASSERT_TRUE(backend.waitForLiveFrames(id, 3, 5s));
+    const std::string latest = backend.liveSession(id)->latestFrame;
+    auto frame = headless::decodeJpeg(std::vector<std::uint8_t>(latest.begin(), latest.end()));
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(frame->width, 390);
+    const std::uint8_t* box = &frame->rgba[(120 * frame->width + 30) * 4];
+    EXPECT_GT(box[0], 180);
+    EXPECT_LT(box[1], 110);
+    EXPECT_LT(box[2], 110);
+    EXPECT_EQ(runtime->runOnMain([&] { return runtime->overlay()->state()->status; }),
+              "Sharing your screen · live");
+
+    // The generation of "active" is confirmed as it came; a refused lease is logged as such.
+    ASSERT_TRUE(backend.activateLive(deviceId, id, "g7"));
+    ASSERT_TRUE(backend.waitForIndicator(id, 1, 5s));
+    const auto sharing = backend.liveSession(id)->indicators.at(0);
+    EXPECT_EQ(sharing.kind, "sharing");
+    EXPECT_EQ(sharing.generation, "g7");
+    backend.refuseIndicator("recording");
+    devserver::LiveNote recording;
+    recording.kind = "recordingStarted";
+    recording.generation = "r1";
+    ASSERT_TRUE(backend.sendLiveNote(deviceId, id, recording));
+    ASSERT_TRUE(backend.waitForIndicator(id, 2, 5s));
+    ASSERT_TRUE(eventually(*runtime, [&] {
+        return log->contains(
+            "indicator confirm 'recording' refused: 409 lease_mismatch — the backend does not "
+            "hold this lease; input/frames of this kind are being dropped");
+    }));
+
+    // A box, then the customer scrolls: the box goes and the agent hears why, once.
+    devserver::Guide guide;
+    guide.kind = "box";
+    ASSERT_TRUE(backend.sendGuide(deviceId, id, guide));
+    ASSERT_TRUE(
+        eventually(*runtime, [&] { return runtime->overlay()->state()->marks.size() == 1; }));
+    runtime->runOnMain([&] { window->drag({195, 600}, {195, 400}); });
+    ASSERT_TRUE(backend.waitForViewChanges(deviceId, 1, 5s));
+    EXPECT_TRUE(runtime->runOnMain([&] { return runtime->overlay()->state()->marks.empty(); }));
+    const auto views = backend.viewChanges(deviceId);
+    ASSERT_EQ(views.size(), 1u);
+    EXPECT_EQ(views[0].kind, "scroll");
+    EXPECT_EQ(views[0].sessionId, id);
+
+    // A 410 for a frame: the backend no longer knows the session, so sharing ends, once.
+    backend.queueReply("/v1/sdk/live/" + id + "/frame", {410, R"({"error":"gone"})"});
+    ASSERT_TRUE(eventually(*runtime, [&] {
+        std::lock_guard lock(mutex);
+        return !ended.empty();
+    }));
+    EXPECT_FALSE(runtime->runOnMain([&] { return runtime->overlay()->state().has_value(); }));
+    const std::size_t frames = backend.liveSession(id)->frames;
+    std::this_thread::sleep_for(700ms);
+    EXPECT_EQ(backend.liveSession(id)->frames, frames);
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(ended, std::vector<std::string>{id});
 }
 
 }  // namespace
