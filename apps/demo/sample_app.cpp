@@ -5,7 +5,6 @@
 #include <functional>
 #include <vector>
 
-#include "apps/demo/navigation.hpp"
 #include "apps/demo/transcript.hpp"
 #include "core/api/diagnostics.hpp"
 
@@ -14,6 +13,7 @@ namespace demo {
 using namespace virela::headless;
 using virela::Color;
 using virela::ControllerKind;
+using virela::Point;
 using virela::Rect;
 using virela::Size;
 using virela::ViewKind;
@@ -201,7 +201,8 @@ void SampleApp::build(HeadlessHost& host) {
     navigation_ =
         std::make_shared<ViewController>("UINavigationController", ControllerKind::navigation);
     window_->rootViewController = navigation_;
-    push(*window_, *navigation_, checkout_);
+    window_->addSubview(checkout_->view);
+    navigation_->push(checkout_);
 
     // A toast in a window of its own, above the app, only as large as the toast.
     toast_ = addWindow(*window_, 1);
@@ -227,6 +228,10 @@ std::shared_ptr<View> SampleApp::buildCheckout() {
     // Everything the customer fills in sits in the first 472 points, visible without
     // scrolling; the billing details below make the area scroll.
     auto form = add(*screen, named(scrollView(checkoutArea, {390, 900}), "Checkout"));
+    View* area = form.get();
+    form->onContentOffsetChange = [area](Point offset) {
+        event(*area, "offset " + oneDecimal(offset.x) + "," + oneDecimal(offset.y));
+    };
     auto row = [](int index) { return 8 + 44 * static_cast<double>(index); };
     auto line = [&](int index, const std::string& text) {
         add(*form, caption({16, row(index), 110, 36}, text));
@@ -376,12 +381,12 @@ std::shared_ptr<View> SampleApp::find(std::string_view label) const {
 
 void SampleApp::openOrderDetails() {
     if (navigation_->children.back() == orderDetails_) return;
-    push(*window_, *navigation_, orderDetails_);
+    navigation_->push(orderDetails_);
     screenShown();
 }
 
 bool SampleApp::back() {
-    if (!pop(*window_, *navigation_)) return false;
+    if (!navigation_->pop()) return false;
     screenShown();
     return true;
 }
