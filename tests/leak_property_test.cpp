@@ -105,12 +105,55 @@ class ScreenGenerator {
                 v->animating = true;
                 v->presentationFrame = Rect{frame.x + coord(40), frame.y + coord(40), w, h};
             }
+            if (chance(0.15)) shape(*v);
             if (chance(0.08)) v->setVirelaRedacted(true);
             if (chance(0.03)) v->virelaRedact(rgb(0x222222), std::string("PRIVATE"));
             if (chance(0.04)) v->accessibilityIdentifier = "form.virela-redact.field";
             parent.addSubview(v);
             populate(*v, depth + 1);
+            if (v->isVirelaRedacted() && chance(0.6)) parent.addSubview(coverOver(frame));
         }
+    }
+
+    // Layer effects that leave parts of a view's box undrawn, or (a translation) none.
+    void shape(View& v) {
+        const double side = std::min(v.frame.width, v.frame.height);
+        switch (pick(5)) {
+            case 0:
+                v.cornerRadius = side * (chance(0.5) ? 0.5 : 0.2);
+                break;
+            case 1:
+                v.masked = true;
+                break;
+            case 2:
+                v.transform = {0.8, 0.6, -0.6, 0.8, 0, 0};  // a rotation
+                break;
+            case 3:
+                v.transform = {0.5, 0, 0, 0.5, 0, 0};
+                break;
+            default:
+                v.transform = {1, 0, 0, 1, 3, -2};
+                break;
+        }
+    }
+
+    // An opaque sheet over a redacted view's box, a little larger, or over a band of it: the
+    // case where occlusion removes the box, so a sheet that does not hide all of it leaks.
+    std::shared_ptr<View> coverOver(const Rect& r) {
+        const double grow = pick(3);
+        Rect f{r.x - grow, r.y - grow, r.width + 2 * grow, r.height + 2 * grow};
+        if (chance(0.4)) f.height = std::max(1.0, r.height / 2 + grow);
+        auto sheet = view(f);
+        sheet->background = colour(1);
+        shape(*sheet);
+        sheet->clipsToBounds = chance(0.5);
+        if (chance(0.3)) sheet->alpha = 0.6;
+        if (chance(0.4)) {
+            auto inner = view({0, 0, f.width, f.height});
+            inner->background = colour(1);
+            sheet->addSubview(inner);  // drawn through the sheet's own shape
+        }
+        return sheet;
     }
 
   public:

@@ -158,6 +158,51 @@ TEST_F(Redactions, OnlyViewsReallyDrawnOpaqueAboveCountAsCovers) {
     EXPECT_EQ(find().size(), 1u);
 }
 
+TEST_F(Redactions, CoversThatLeaveTheirCornersOrEdgesUndrawnHideOnlyWhatTheySurelyCover) {
+    auto secret = add(*window, view({0, 100, 390, 200}));
+    secret->setVirelaRedacted(true);
+    auto sheet = add(*window, view({-10, 90, 410, 220}, rgb(0x123456)));
+    ASSERT_TRUE(find().empty());
+
+    sheet->transform = {1, 0, 0, 1, 5, 5};  // moved only: still the box it reports
+    EXPECT_TRUE(find().empty());
+    sheet->transform = {0.8, 0.6, -0.6, 0.8, 0, 0};  // rotated: its box has empty corners
+    EXPECT_EQ(find().size(), 1u);
+    sheet->transform = {1, 0, 0, 1.001, 0, 0};
+    EXPECT_EQ(find().size(), 1u);
+    sheet->transform = {};
+    sheet->masked = true;
+    EXPECT_EQ(find().size(), 1u);
+    sheet->masked = false;
+
+    // Rounded: only the box inset by the radius counts.
+    sheet->cornerRadius = 12;  // the corners lie over the redaction
+    EXPECT_EQ(find().size(), 1u);
+    sheet->cornerRadius = 9;  // inset, it still covers the whole redaction
+    EXPECT_TRUE(find().empty());
+
+    // Opaque subviews drawn through the sheet's shape.
+    sheet->cornerRadius = 0;
+    sheet->background.reset();
+    auto inner = add(*sheet, view({0, 0, 410, 220}, rgb(0x123456)));
+    EXPECT_TRUE(find().empty());
+    sheet->masked = true;
+    EXPECT_EQ(find().size(), 1u);
+    sheet->masked = false;
+    sheet->transform = {0.5, 0, 0, 0.5, 0, 0};
+    EXPECT_EQ(find().size(), 1u);
+    sheet->transform = {};
+    sheet->cornerRadius = 30;  // rounding without clipping leaves the subview square
+    EXPECT_TRUE(find().empty());
+    sheet->clipsToBounds = true;
+    EXPECT_EQ(find().size(), 1u);
+
+    // Half-transparent through the layer.
+    sheet->cornerRadius = 0;
+    sheet->alpha = 0.9;
+    EXPECT_EQ(find().size(), 1u);
+}
+
 TEST_F(Redactions, BadGeometryYieldsNothingAndNeverCrashes) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const double inf = std::numeric_limits<double>::infinity();

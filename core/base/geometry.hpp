@@ -107,4 +107,18 @@ struct Rect {
     friend bool operator==(const Rect&, const Rect&) = default;
 };
 
+// A 2D affine transform as the platform writes it: x' = a x + c y + tx, y' = b x + d y + ty.
+struct AffineTransform {
+    double a = 1;
+    double b = 0;
+    double c = 0;
+    double d = 1;
+    double tx = 0;
+    double ty = 0;
+
+    // Moves without rotating, scaling or shearing: a box stays the same box.
+    bool isTranslation() const noexcept { return a == 1 && b == 0 && c == 0 && d == 1; }
+    friend bool operator==(const AffineTransform&, const AffineTransform&) = default;
+};
+
 }  // namespace virela

@@ -71,12 +71,16 @@ struct ViewFacts {
     std::uint32_t depth = 0;           // 0 for the window itself
     Rect frame = Rect::null();         // the view's bounds in the window's coordinates
     Rect presentation = Rect::null();  // its presentation layer there; null without one
-    double alpha = 1;
-    double backgroundAlpha = 0;  // alpha of its background colour; 0 without one
+    double alpha = 1;                  // its own opacity; the walk multiplies in its ancestors'
+    double backgroundAlpha = 0;        // alpha of its background colour; 0 without one
     bool hidden = false;
     bool clipsToBounds = false;
-    bool animating = false;        // its own layer has running animations
-    bool secureTextField = false;  // a text field with secure entry on
+    // Its layer's corner radius: rounds its background and, when it clips, its subviews.
+    double cornerRadius = 0;
+    bool masked = false;                 // its layer draws through a mask layer
+    bool transformIsTranslation = true;  // its view and layer transforms only move it
+    bool animating = false;              // its own layer has running animations
+    bool secureTextField = false;        // a text field with secure entry on
     std::string_view accessibilityIdentifier;
     const RedactionMark* mark = nullptr;
 };

@@ -24,6 +24,14 @@ Rect clipped(const Rect& r, const Rect& clip) noexcept {
     return c.isEmpty() ? Rect::null() : c;
 }
 
+// What a rounded rectangle surely covers: its corners are transparent, so only the part inset
+// by the radius on every side counts. Nothing for a radius we cannot trust.
+Rect withinCorners(const Rect& r, double radius) noexcept {
+    if (radius == 0) return r;
+    if (!(radius > 0) || !std::isfinite(radius)) return Rect::null();
+    return r.insetBy(radius, radius);
+}
+
 }  // namespace
 
 const VirelaRedaction* redactionStyleFor(const RedactionMark* mark,
@@ -64,12 +72,22 @@ bool RedactionFinder::visit(const ViewFacts& view) {
     if (view.hidden || view.alpha < minimumViewAlpha || !std::isfinite(view.alpha)) return false;
 
     const Rect visible = finiteOrNull(view.frame).unionWith(finiteOrNull(view.presentation));
-    const Ancestor parent = chain_.empty() ? Ancestor{unclipped, false, 1} : chain_.back();
+    const Ancestor parent =
+        chain_.empty() ? Ancestor{unclipped, unclipped, false, 1} : chain_.back();
     const std::uint32_t order = order_++;
     const bool animating = parent.animating || view.animating;
     const double alpha = parent.alpha * view.alpha;
     const Rect clip = view.clipsToBounds ? parent.clip.intersection(visible) : parent.clip;
-    chain_.push_back({clip.isNull() ? Rect{0, 0, 0, 0} : clip, animating, alpha});
+    // A mask or a rotation, scale or shear leaves parts of the bounding box undrawn, for the
+    // view and everything inside it; a rounded clip, the corners of its subviews.
+    const bool boxShaped = !view.masked && view.transformIsTranslation;
+    Rect cover = boxShaped ? parent.cover : Rect::null();
+    if (boxShaped && view.clipsToBounds) {
+        cover = cover.intersection(withinCorners(visible, view.cornerRadius));
+    }
+    const Rect nothing{0, 0, 0, 0};
+    chain_.push_back(
+        {clip.isNull() ? nothing : clip, cover.isNull() ? nothing : cover, animating, alpha});
 
     if (redacting_) {
         // Content of a redacted view is covered wherever it is drawn, even where a subview
@@ -82,8 +100,9 @@ bool RedactionFinder::visit(const ViewFacts& view) {
     const VirelaRedaction* style = redactionStyleFor(view.mark, view.accessibilityIdentifier,
                                                      view.secureTextField, defaultStyle_);
     if (!style) {
-        if (alpha > opaqueAlpha && view.backgroundAlpha > opaqueAlpha && !animating) {
-            const Rect drawn = clipped(visible, parent.clip);
+        if (alpha > opaqueAlpha && view.backgroundAlpha > opaqueAlpha && !animating && boxShaped) {
+            const Rect drawn = clipped(withinCorners(visible, view.cornerRadius),
+                                       parent.clip.intersection(parent.cover));
             if (!drawn.isNull()) occluders_.push_back({drawn, order});
         }
         return true;

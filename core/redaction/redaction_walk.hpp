@@ -42,6 +42,7 @@ class RedactionFinder final : private ViewVisitor {
 
     struct Ancestor {
         Rect clip;       // what clipping ancestors up to here leave visible
+        Rect cover;      // where the subviews are drawn as the boxes they report
         bool animating;  // it or an ancestor has running animations
         double alpha;    // the product of the alphas down to here
     };

@@ -104,6 +104,9 @@ class Walk {
         facts_.backgroundAlpha = v.background ? v.background->alpha : 0;
         facts_.hidden = v.hidden;
         facts_.clipsToBounds = v.clipsToBounds;
+        facts_.cornerRadius = v.cornerRadius;
+        facts_.masked = v.masked;
+        facts_.transformIsTranslation = v.transform.isTranslation();
         facts_.animating = v.animating;
         facts_.secureTextField = v.kind() == ViewKind::textField && v.secureTextEntry;
         facts_.accessibilityIdentifier = v.accessibilityIdentifier;

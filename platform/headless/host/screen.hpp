@@ -130,6 +130,11 @@ class View : public Handled, public std::enable_shared_from_this<View> {
     std::optional<Color> background;
     std::optional<Color> borderColor;
     double borderWidth = 0;
+    // A mask layer, or a transform other than a translation: the rasteriser cannot draw either
+    // shape, so it leaves such a view out with its subviews. `frame` already is where the view
+    // lies, its transform included.
+    bool masked = false;
+    AffineTransform transform;
     double cornerRadius = 0;  // the layer's: background and border are drawn rounded
     // A shape layer's path as line segments in the view's bounds coordinates, stroked with round
     // caps over the view's own content.

@@ -118,6 +118,9 @@ class WindowPainter {
             // Below 0.01 a view counts as invisible everywhere (redaction, hit-testing), so it
             // is not drawn either: a faint sensitive view must not tint the image.
             if (view->hidden || !(view->alpha >= 0.01)) continue;
+            // Shapes the box rasteriser cannot draw are left out rather than drawn as their
+            // bounding box, which would hide more than the device shows.
+            if (view->masked || !view->transform.isTranslation()) continue;
             const double viewAlpha = alpha * std::min(view->alpha, 1.0);
             const Rect& frame = view->presentationFrame ? *view->presentationFrame : view->frame;
             if (!frame.isFinite()) continue;
@@ -125,8 +128,11 @@ class WindowPainter {
                              origin.y + frame.y - parent.boundsOrigin.y, frame.width, frame.height};
             paintView(*view, drawn, clip, viewAlpha);
             if (view->subviews().empty()) continue;
+            // A rounded clip keeps its subviews within its box inset by the radius: less than the
+            // device draws, never more.
+            const Rect kept = view->cornerRadius > 0 ? inset(drawn, view->cornerRadius) : drawn;
             const PixelBox inner =
-                view->clipsToBounds ? clip.intersect(centreCoverage(toPixels(drawn))) : clip;
+                view->clipsToBounds ? clip.intersect(centreCoverage(toPixels(kept))) : clip;
             paintSubviews(*view, {drawn.x, drawn.y}, inner, viewAlpha);
         }
     }
@@ -139,9 +145,11 @@ class WindowPainter {
     // Full-screen containers stack several deep; each is a full-canvas fill saved.
     bool coveredBySubview(const View& view, const Rect& drawn, const PixelBox& box,
                           double alpha) const {
-        if (!culling_ || alpha < 1) return false;
+        // Subviews of a rounded clip are cut short of its corners.
+        if (!culling_ || alpha < 1 || (view.clipsToBounds && view.cornerRadius > 0)) return false;
         for (const auto& child : view.subviews()) {
-            if (child->hidden || !child->background || child->cornerRadius > 0 ||
+            if (child->hidden || !child->background || child->cornerRadius > 0 || child->masked ||
+                !child->transform.isTranslation() ||
                 toRgba8(*child->background, std::min(child->alpha, 1.0)).a != 255) {
                 continue;
             }

@@ -4,6 +4,7 @@
 
 #import <UIKit/UIKit.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -59,6 +60,12 @@ SceneActivation activationOf(UISceneActivationState state) {
     return SceneActivation::unattached;
 }
 
+// Whether a transform leaves a box a box of the same size: a translation, nothing more.
+bool movesOnly(CGAffineTransform t) { return t.a == 1 && t.b == 0 && t.c == 0 && t.d == 1; }
+bool movesOnly(CATransform3D t) {
+    return CATransform3DIsAffine(t) && movesOnly(CATransform3DGetAffineTransform(t));
+}
+
 // One walk over a window's tree. Reads everything through the live objects and never keeps a
 // view past the visitor call that receives it.
 class ViewWalk {
@@ -78,11 +85,15 @@ class ViewWalk {
             facts.presentation = toRect([presentation convertRect:presentation.bounds
                                                           toLayer:windowLayer_]);
         }
-        facts.alpha = view.alpha;
+        CALayer* layer = view.layer;
+        facts.alpha = std::min<double>(view.alpha, layer.opacity);
         UIColor* background = view.backgroundColor;
         facts.backgroundAlpha = background ? CGColorGetAlpha(background.CGColor) : 0;
         facts.hidden = view.hidden;
         facts.clipsToBounds = view.clipsToBounds;
+        facts.cornerRadius = layer.cornerRadius;
+        facts.masked = layer.mask != nil;
+        facts.transformIsTranslation = movesOnly(view.transform) && movesOnly(layer.transform);
         facts.animating = view.layer.animationKeys.count > 0;
         facts.secureTextField = [view isKindOfClass:[UITextField class]] &&
                                 static_cast<UITextField*>(view).isSecureTextEntry;
