@@ -203,6 +203,32 @@ TEST_F(Redactions, CoversThatLeaveTheirCornersOrEdgesUndrawnHideOnlyWhatTheySure
     EXPECT_EQ(find().size(), 1u);
 }
 
+TEST_F(Redactions, ManyViewsGiveTheSameCoversAsFew) {
+    // Enough redactions and covers for the walk to bucket the covers, with small views piled
+    // inside each redaction that never count, and covers that reach in from every side.
+    constexpr int rows = 80;
+    for (int k = 0; k < rows; ++k) {
+        const double y = 10.0 * k;
+        auto secret = add(*window, view({20, y, 100, 8}));
+        secret->setVirelaRedacted(true);
+        for (double i = 0; i < 20; ++i) add(*window, view({21 + i, y + 1, 4, 4}, rgb(0x123456)));
+        if (k % 4 == 0) add(*window, view({0, y, 390, 3}, rgb(0x123456)));         // top band
+        if (k % 4 == 1) add(*window, view({100, y - 1, 290, 10}, rgb(0x123456)));  // right
+        if (k % 4 == 2) add(*window, view({30, y + 2, 20, 2}, rgb(0x123456)));     // inner piece
+    }
+    add(*window, view({0, 10.0 * (rows - 4) - 1, 390, 60}, rgb(0x123456)));  // the last rows
+    const auto& found = find();
+    ASSERT_EQ(found.size(), static_cast<std::size_t>(rows - 4));
+    for (int k = 0; k < rows - 4; ++k) {
+        const double y = 10.0 * k;
+        SCOPED_TRACE(k);
+        const Rect expected = k % 4 == 0   ? Rect{19.5, y + 3, 101, 5.5}
+                              : k % 4 == 1 ? Rect{19.5, y - 0.5, 80.5, 9}
+                                           : Rect{19.5, y - 0.5, 101, 9};
+        EXPECT_EQ(found[static_cast<std::size_t>(k)].rect, expected);
+    }
+}
+
 TEST_F(Redactions, BadGeometryYieldsNothingAndNeverCrashes) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const double inf = std::numeric_limits<double>::infinity();

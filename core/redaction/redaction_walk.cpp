@@ -138,19 +138,34 @@ RedactionFinder::CellSpan RedactionFinder::cellsOf(const Rect& r) const noexcept
 }
 
 void RedactionFinder::buildOccluderGrid() {
-    // About four occluders per cell, at most 64 × 64 cells.
+    // About one occluder per cell: deep trees stack many small views in a small area, and a
+    // coarse grid would make each redaction there meet all of them.
     const auto side = static_cast<int>(
-        std::clamp(std::ceil(std::sqrt(static_cast<double>(occluders_.size()) / 4)), 1.0, 64.0));
+        std::clamp(std::ceil(std::sqrt(static_cast<double>(occluders_.size()))), 1.0, 256.0));
     gridSide_ = side;
     cellWidth_ = std::max(windowBounds_.width / side, 1.0);
     cellHeight_ = std::max(windowBounds_.height / side, 1.0);
     const auto cells = static_cast<std::size_t>(side * side);
     cellStart_.assign(cells + 1, 0);
-    for (const auto& o : occluders_) {
-        const CellSpan span = cellsOf(o.rect);
+    spans_.resize(occluders_.size());
+    seen_.assign(occluders_.size(), 0);
+    wide_.clear();
+    // An occluder over more cells than there are redactions costs less met by every redaction
+    // than filed in every cell: a full-screen container stays one entry.
+    const auto spanLimit = static_cast<long>(found_.size());
+    for (std::uint32_t i = 0; i < occluders_.size(); ++i) {
+        const CellSpan span = cellsOf(occluders_[i].rect);
+        spans_[i] = span;
+        const long count =
+            static_cast<long>(span.column1 - span.column0 + 1) * (span.row1 - span.row0 + 1);
+        if (count > spanLimit) {
+            wide_.push_back(i);
+            spans_[i].column0 = -1;  // not in the grid
+            continue;
+        }
         for (int row = span.row0; row <= span.row1; ++row) {
             for (int col = span.column0; col <= span.column1; ++col) {
-                ++cellStart_[row * side + col + 1];
+                ++cellStart_[static_cast<std::size_t>(row * side + col + 1)];
             }
         }
     }
@@ -158,11 +173,13 @@ void RedactionFinder::buildOccluderGrid() {
     cellItems_.resize(cellStart_[cells]);
     std::vector<std::uint32_t>& fill = nearby_;  // reused as per-cell write cursors
     fill.assign(cellStart_.begin(), cellStart_.end() - 1);
+    // Filed in visit order, so each cell's list is sorted by it.
     for (std::uint32_t i = 0; i < occluders_.size(); ++i) {
-        const CellSpan span = cellsOf(occluders_[i].rect);
+        const CellSpan& span = spans_[i];
+        if (span.column0 < 0) continue;
         for (int row = span.row0; row <= span.row1; ++row) {
             for (int col = span.column0; col <= span.column1; ++col) {
-                cellItems_[fill[row * side + col]++] = i;
+                cellItems_[fill[static_cast<std::size_t>(row * side + col)]++] = i;
             }
         }
     }
@@ -234,20 +251,40 @@ void RedactionFinder::applyOcclusion() {
                 if (whole || uncovered.isEmpty()) break;
             }
         } else {
+            // Only occluders drawn after the redaction, each met once. One that is not wholly
+            // inside the redaction reaches past its edge, so it is filed in a cell on the rim of
+            // the redaction's cells: the cells within hold nothing that can count.
+            const auto later = static_cast<std::uint32_t>(
+                std::upper_bound(occluders_.begin(), occluders_.end(), order,
+                                 [](std::uint32_t o, const Occluder& x) { return o < x.order; }) -
+                occluders_.begin());
+            const auto stamp = static_cast<std::uint32_t>(index + 1);
             nearby_.clear();
+            auto gather = [&](std::uint32_t candidate) {
+                const Rect& r = occluders_[candidate].rect;
+                if (!grown.contains(r) && r.intersects(uncovered)) nearby_.push_back(candidate);
+            };
+            for (auto it = std::lower_bound(wide_.begin(), wide_.end(), later); it != wide_.end();
+                 ++it) {
+                gather(*it);
+            }
             const CellSpan span = cellsOf(grown);
             for (int row = span.row0; row <= span.row1; ++row) {
-                for (int col = span.column0; col <= span.column1; ++col) {
+                const bool rim = row == span.row0 || row == span.row1;
+                const int step = rim ? 1 : std::max(span.column1 - span.column0, 1);
+                for (int col = span.column0; col <= span.column1; col += step) {
                     const auto c = static_cast<std::size_t>(row * gridSide_ + col);
-                    for (auto i = cellStart_[c]; i < cellStart_[c + 1]; ++i) {
-                        const auto candidate = cellItems_[i];
-                        if (occluders_[candidate].order > order) nearby_.push_back(candidate);
+                    const auto first = cellItems_.begin() + cellStart_[c];
+                    const auto last = cellItems_.begin() + cellStart_[c + 1];
+                    for (auto it = std::lower_bound(first, last, later); it != last; ++it) {
+                        if (seen_[*it] == stamp) continue;
+                        seen_[*it] = stamp;
+                        gather(*it);
                     }
                 }
             }
-            // Occluders are stored in visit order, so sorted indices keep that order.
+            // Applied in visit order, as without the grid.
             std::sort(nearby_.begin(), nearby_.end());
-            nearby_.erase(std::unique(nearby_.begin(), nearby_.end()), nearby_.end());
             for (auto candidate : nearby_) {
                 consider(occluders_[candidate]);
                 if (whole || uncovered.isEmpty()) break;

@@ -77,6 +77,9 @@ class RedactionFinder final : private ViewVisitor {
     double cellHeight_ = 1;
     std::vector<std::uint32_t> cellStart_;
     std::vector<std::uint32_t> cellItems_;
+    std::vector<CellSpan> spans_;      // each occluder's cells; column0 < 0 for a wide one
+    std::vector<std::uint32_t> seen_;  // per occluder: the last redaction (index + 1) it met
+    std::vector<std::uint32_t> wide_;  // occluders met by every redaction instead, in order
     std::vector<std::uint32_t> nearby_;
 };
 
