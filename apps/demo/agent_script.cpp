@@ -104,7 +104,6 @@ void playAgent(virela::devserver::Server& backend, virela::headless::Runtime& ru
                const std::string& deviceId) {
     say("agent: pushing a few actions");
     const char* frames[] = {
-        R"({"type":"live","payload":{"sessionId":"live-1","state":"requested","generation":"1"}})",
         R"({"type":"guide","payload":{"sessionId":"live-1","kind":"label","x":0.5,"y":0.3,"text":"Tap Settings"}})",
         R"({"type":"live-note","payload":{"sessionId":"live-1","kind":"frameSaved","generation":2}})",
         R"({"type":"session","payload":{"state":"ended"}})",
@@ -112,8 +111,8 @@ void playAgent(virela::devserver::Server& backend, virela::headless::Runtime& ru
     std::size_t before = backend.framesFrom(deviceId).size();
     for (const char* frame : frames) backend.pushText(deviceId, frame);
     std::this_thread::sleep_for(300ms);
-    say("agent: (the live-note it also sent carries a numeric generation, so the library "
-        "dropped it)");
+    say("agent: (the guide was for a session no longer shared, so nothing was drawn; the "
+        "live-note carries a numeric generation, so the library dropped it)");
 
     say("app: entering the background, then coming back");
     runtime.lifecycle().enterBackground();

@@ -14,6 +14,7 @@
 
 #include "apps/demo/agent_script.hpp"
 #include "apps/demo/customer.hpp"
+#include "apps/demo/live_script.hpp"
 #include "apps/demo/options.hpp"
 #include "apps/demo/sample_app.hpp"
 #include "apps/demo/transcript.hpp"
@@ -75,6 +76,10 @@ void installHostCallbacks(demo::HostOutcomes& outcomes) {
             [&outcomes](const virela::VirelaErrorValue& e) {
                 say("host: onError: " + demo::failureText(e));
                 outcomes.add();
+            },
+        .onLiveEnded =
+            [](const virela::LiveSession& session) {
+                say("host: onLiveEnded: " + session.sessionId);
             },
     });
 }
@@ -198,6 +203,7 @@ int main(int argc, char** argv) {
         }
         demo::playScreenshots(backend, outcomes, device.deviceId, options->outDir,
                               options->consent);
+        demo::playLive(backend, runtime, app, device.deviceId, options->outDir, options->consent);
         demo::playAgent(backend, runtime, device.deviceId);
     }
 

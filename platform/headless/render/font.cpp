@@ -8,7 +8,8 @@ namespace virela::headless {
 namespace {
 
 // One glyph per value: eight rows, the top row in the most significant byte, columns left to
-// right in bits 4..0. Characters 32..126, then the box for unknown characters, then the dot.
+// right in bits 4..0. Characters 32..126, then the box for unknown characters, then the few
+// others the library's own texts use.
 constexpr std::uint64_t glyphs[] = {
     0x0000000000000000, 0x0404040404000400, 0x0A0A0A0000000000, 0x0A0A1F0A1F0A0A00,  //   ! " #
     0x040F140E051E0400, 0x1819020408130300, 0x0C12140815120D00, 0x0404080000000000,  // $ % & '
@@ -34,11 +35,16 @@ constexpr std::uint64_t glyphs[] = {
     0x08081C0808090600, 0x0000111111130D00, 0x00001111110A0400, 0x0000111115150A00,  // t u v w
     0x0000110A040A1100, 0x00001111110F010E, 0x00001F0204081F00, 0x0204040804040200,  // x y z {
     0x0404040404040400, 0x0804040204040800, 0x0000081502000000, 0x1F11111111111F00,  // | } ~ BOX
-    0x00000E0E0E000000,                                                              // DOT
+    0x00000E0E0E000000, 0x0000040E04000000, 0x00010102120A0400, 0x0000001F00000000,  // • · ✓ —
+    0x0C04080000000000,                                                              // ’
 };
 
 constexpr std::size_t boxGlyph = 95;
 constexpr std::size_t dotGlyph = 96;
+constexpr std::size_t middleDotGlyph = 97;
+constexpr std::size_t checkGlyph = 98;
+constexpr std::size_t emDashGlyph = 99;
+constexpr std::size_t apostropheGlyph = 100;
 
 constexpr int glyphRows = 8;
 constexpr int glyphColumns = 5;
@@ -78,7 +84,20 @@ std::size_t nextGlyph(std::string_view s, std::size_t& i) noexcept {
         cp = (cp << 6) | (c & 0x3F);
     }
     i += length;
-    return cp == 0x2022 ? dotGlyph : boxGlyph;
+    switch (cp) {
+        case 0x2022:
+            return dotGlyph;
+        case 0x00B7:
+            return middleDotGlyph;
+        case 0x2713:
+            return checkGlyph;
+        case 0x2014:
+            return emDashGlyph;
+        case 0x2019:
+            return apostropheGlyph;
+        default:
+            return boxGlyph;
+    }
 }
 
 }  // namespace
