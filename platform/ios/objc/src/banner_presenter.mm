@@ -81,81 +81,6 @@ UIEdgeInsets outset(UIEdgeInsets insets) {
 
 @end
 
-// The banner window's root. The topmost full-screen window's controller may be the one UIKit
-// asks about the status bar, the home indicator, edge gestures and rotation; every answer is
-// the app's.
-@interface VIRBannerController : UIViewController
-- (instancetype)initWithHostWindow:(UIWindow*)hostWindow NS_DESIGNATED_INITIALIZER;
-- (instancetype)initWithNibName:(nullable NSString*)nibName
-                         bundle:(nullable NSBundle*)bundle NS_UNAVAILABLE;
-- (nullable instancetype)initWithCoder:(NSCoder*)coder NS_UNAVAILABLE;
-@end
-
-@implementation VIRBannerController {
-    __weak UIWindow* _hostWindow;
-}
-
-- (instancetype)initWithHostWindow:(UIWindow*)hostWindow {
-    self = [super initWithNibName:nil bundle:nil];
-    if (self) _hostWindow = hostWindow;
-    return self;
-}
-
-- (void)loadView {
-    UIView* view = [[UIView alloc] initWithFrame:CGRectZero];
-    view.backgroundColor = UIColor.clearColor;
-    self.view = view;
-}
-
-// The controller on top of the app's window: the last one presented over its root.
-- (nullable UIViewController*)hostController {
-    UIViewController* controller = _hostWindow.rootViewController;
-    while (controller.presentedViewController) controller = controller.presentedViewController;
-    return controller;
-}
-
-- (UIStatusBarStyle)preferredStatusBarStyle {
-    UIViewController* controller = self.hostController;
-    while (UIViewController* child = controller.childViewControllerForStatusBarStyle) {
-        controller = child;
-    }
-    return controller ? controller.preferredStatusBarStyle : [super preferredStatusBarStyle];
-}
-
-- (BOOL)prefersStatusBarHidden {
-    UIViewController* controller = self.hostController;
-    while (UIViewController* child = controller.childViewControllerForStatusBarHidden) {
-        controller = child;
-    }
-    return controller ? controller.prefersStatusBarHidden : [super prefersStatusBarHidden];
-}
-
-- (BOOL)prefersHomeIndicatorAutoHidden {
-    UIViewController* controller = self.hostController;
-    while (UIViewController* child = controller.childViewControllerForHomeIndicatorAutoHidden) {
-        controller = child;
-    }
-    return controller ? controller.prefersHomeIndicatorAutoHidden
-                      : [super prefersHomeIndicatorAutoHidden];
-}
-
-- (UIRectEdge)preferredScreenEdgesDeferringSystemGestures {
-    UIViewController* controller = self.hostController;
-    while (UIViewController* child =
-               controller.childViewControllerForScreenEdgesDeferringSystemGestures) {
-        controller = child;
-    }
-    return controller ? controller.preferredScreenEdgesDeferringSystemGestures
-                      : [super preferredScreenEdgesDeferringSystemGestures];
-}
-
-- (UIInterfaceOrientationMask)supportedInterfaceOrientations {
-    UIViewController* root = _hostWindow.rootViewController;
-    return root ? root.supportedInterfaceOrientations : [super supportedInterfaceOrientations];
-}
-
-@end
-
 namespace virela::ios {
 namespace {
 
@@ -174,7 +99,8 @@ class UIKitBannerPresenter final : public BannerPresenter {
         VIRPassthroughWindow* banner = [[VIRPassthroughWindow alloc] initWithWindowScene:scene];
         banner.backgroundColor = UIColor.clearColor;
         banner.windowLevel = UIWindowLevelStatusBar + kLevelsAboveStatusBar;
-        VIRBannerController* controller = [[VIRBannerController alloc] initWithHostWindow:host];
+        VIRHostDeferringController* controller =
+            [[VIRHostDeferringController alloc] initWithHostWindow:host];
         banner.rootViewController = controller;
 
         VIRBannerPill* pill = [[VIRBannerPill alloc] initWithFrame:CGRectZero];

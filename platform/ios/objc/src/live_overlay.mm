@@ -651,8 +651,9 @@ class UIKitOverlayPresenter final : public OverlayPresenter {
         VIRPassthroughWindow* window = [[VIRPassthroughWindow alloc] initWithWindowScene:scene];
         window.backgroundColor = UIColor.clearColor;
         window.windowLevel = UIWindowLevelAlert + kLevelsAboveAlert;
-        UIViewController* controller = [[UIViewController alloc] initWithNibName:nil bundle:nil];
-        controller.view.backgroundColor = UIColor.clearColor;
+        // The app keeps answering for the status bar and rotation while the overlay is on top.
+        VIRHostDeferringController* controller =
+            [[VIRHostDeferringController alloc] initWithHostWindow:host];
         window.rootViewController = controller;
         // Visible but never key: the app keeps its keyboard and its first responder.
         window.hidden = NO;

@@ -18,4 +18,14 @@ typedef UIView* _Nullable (^VIRPassthroughTarget)(void);
 
 @end
 
+// The root controller of the library's own windows (the banner, the live overlay). The topmost
+// full-screen window's controller may be the one UIKit asks about the status bar, the home
+// indicator, edge gestures and rotation; every answer is the app's, read from `hostWindow`.
+@interface VIRHostDeferringController : UIViewController
+- (instancetype)initWithHostWindow:(UIWindow*)hostWindow NS_DESIGNATED_INITIALIZER;
+- (instancetype)initWithNibName:(nullable NSString*)nibName
+                         bundle:(nullable NSBundle*)bundle NS_UNAVAILABLE;
+- (nullable instancetype)initWithCoder:(NSCoder*)coder NS_UNAVAILABLE;
+@end
+
 NS_ASSUME_NONNULL_END

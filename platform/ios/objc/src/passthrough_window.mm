@@ -25,3 +25,68 @@
 }
 
 @end
+
+@implementation VIRHostDeferringController {
+    __weak UIWindow* _hostWindow;
+}
+
+- (instancetype)initWithHostWindow:(UIWindow*)hostWindow {
+    self = [super initWithNibName:nil bundle:nil];
+    if (self) _hostWindow = hostWindow;
+    return self;
+}
+
+- (void)loadView {
+    UIView* view = [[UIView alloc] initWithFrame:CGRectZero];
+    view.backgroundColor = UIColor.clearColor;
+    self.view = view;
+}
+
+// The controller on top of the app's window: the last one presented over its root.
+- (nullable UIViewController*)hostController {
+    UIViewController* controller = _hostWindow.rootViewController;
+    while (controller.presentedViewController) controller = controller.presentedViewController;
+    return controller;
+}
+
+- (UIStatusBarStyle)preferredStatusBarStyle {
+    UIViewController* controller = self.hostController;
+    while (UIViewController* child = controller.childViewControllerForStatusBarStyle) {
+        controller = child;
+    }
+    return controller ? controller.preferredStatusBarStyle : [super preferredStatusBarStyle];
+}
+
+- (BOOL)prefersStatusBarHidden {
+    UIViewController* controller = self.hostController;
+    while (UIViewController* child = controller.childViewControllerForStatusBarHidden) {
+        controller = child;
+    }
+    return controller ? controller.prefersStatusBarHidden : [super prefersStatusBarHidden];
+}
+
+- (BOOL)prefersHomeIndicatorAutoHidden {
+    UIViewController* controller = self.hostController;
+    while (UIViewController* child = controller.childViewControllerForHomeIndicatorAutoHidden) {
+        controller = child;
+    }
+    return controller ? controller.prefersHomeIndicatorAutoHidden
+                      : [super prefersHomeIndicatorAutoHidden];
+}
+
+- (UIRectEdge)preferredScreenEdgesDeferringSystemGestures {
+    UIViewController* controller = self.hostController;
+    while (UIViewController* child =
+               controller.childViewControllerForScreenEdgesDeferringSystemGestures) {
+        controller = child;
+    }
+    return controller ? controller.preferredScreenEdgesDeferringSystemGestures
+                      : [super preferredScreenEdgesDeferringSystemGestures];
+}
+
+- (UIInterfaceOrientationMask)supportedInterfaceOrientations {
+    UIViewController* root = _hostWindow.rootViewController;
+    return root ? root.supportedInterfaceOrientations : [super supportedInterfaceOrientations];
+}
+
+@end
