@@ -1118,4 +1118,155 @@ TEST_F(LiveTest, ARefusedIndicatorKindGetsALeaseMismatchAndEveryConfirmationIsRe
     EXPECT_EQ(confirm(session, "sharing", "g-1")->status, 410);
 }
 
+// A live session on a device with its socket open, under remote control.
+class ControlTest : public LiveTest {
+  protected:
+    void SetUp() override {
+        LiveTest::SetUp();
+        auto requested = server.requestLive(token);
+        ASSERT_TRUE(requested);
+        session = requested->sessionId;
+        nextPush();
+    }
+
+    std::optional<RawReply> feedback(const std::string& body) {
+        return postLive(session, "control/feedback", body, "");
+    }
+
+    std::string session;
+};
+
+TEST_F(ControlTest, ControlAndInputPushesCarryWhatWasGivenAndNothingElse) {
+    const std::string idle = registerDevice("inst-2")["deviceToken"];
+    EXPECT_FALSE(server.requestControl(idle, session));
+    EXPECT_FALSE(server.sendInput(idle, session, virela::devserver::ControlInput::tapAt(0, 0)));
+
+    auto plain = server.requestControl(token, session);
+    ASSERT_TRUE(plain);
+    EXPECT_EQ(nextPush(), json::parse(plain->push));
+    EXPECT_EQ(json::parse(plain->push),
+              json::parse(R"({"type":"control","payload":{"sessionId":")" + session +
+                          R"(","state":"requested",)" + R"("requestId":")" + plain->requestId +
+                          R"("}})"));
+    virela::devserver::ControlRequest request;
+    request.requestId = "";
+    request.consentCopy = "Let {agent_name} in?";
+    request.agentName = "Dana";
+    request.workspaceName = "Shop";
+    request.logoUrl = server.logoUrl();
+    auto full = server.requestControl(deviceId, session, request);
+    ASSERT_TRUE(full);
+    EXPECT_EQ(full->requestId, "");
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"control","payload":{"sessionId":")" + session +
+                                      R"(","state":"requested","consentCopy":"Let {agent_name} )"
+                                      R"(in?","agentName":"Dana","workspaceName":"Shop",)"
+                                      R"("logoUrl":")" +
+                                      server.logoUrl() + R"("}})"));
+
+    const std::string head = R"({"type":"control","payload":{"sessionId":")" + session + "\"";
+    EXPECT_TRUE(server.grantControl(token, session));
+    EXPECT_EQ(nextPush(), json::parse(head + R"(,"state":"active"}})"));
+    EXPECT_EQ(server.controlSession(session)->state, "active");
+    EXPECT_TRUE(server.grantControl(token, session, "c-2"));
+    EXPECT_EQ(nextPush(), json::parse(head + R"(,"state":"active","generation":"c-2"}})"));
+    EXPECT_EQ(server.controlSession(session)->generation, "c-2");
+
+    using virela::devserver::ControlInput;
+    ControlInput unknown;
+    unknown.action = "Tap";
+    unknown.x = 0.5;
+    const std::vector<std::pair<ControlInput, std::string>> inputs{
+        {ControlInput::tapAt(0.25, 1), R"("action":"tap","x":0.25,"y":1.0)"},
+        {ControlInput::scrollAt(0.5, 0.5, 0, -0.3),
+         R"("action":"scroll","x":0.5,"y":0.5,"dx":0.0,"dy":-0.3)"},
+        {ControlInput::typeText("a \"b\" ü"), R"("action":"type","text":"a \"b\" ü")"},
+        {ControlInput::pressKey("backspace"), R"("action":"key","key":"backspace")"},
+        {unknown, R"("action":"Tap","x":0.5)"},
+    };
+    for (const auto& [input, fields] : inputs) {
+        EXPECT_TRUE(server.sendInput(token, session, input));
+        EXPECT_EQ(nextPush(), json::parse(R"({"type":"control-input","payload":{"sessionId":")" +
+                                          session + "\"," + fields + "}}"))
+            << fields;
+    }
+
+    // The backend's end stands even for a device that is not there to hear it.
+    EXPECT_FALSE(server.endControl(idle, "live_other"));
+    EXPECT_EQ(server.controlSession("live_other")->state, "ended");
+    EXPECT_TRUE(server.endControl(token, session));
+    EXPECT_EQ(nextPush(), json::parse(head + R"(,"state":"ended"}})"));
+    const auto control = server.controlSession(session);
+    EXPECT_EQ(control->state, "ended");
+    EXPECT_EQ(control->requestId, "");
+    EXPECT_EQ(control->inputs, inputs.size());
+}
+
+TEST_F(ControlTest, AnswersFeedbackAndControlConfirmationsAreRecordedPerSession) {
+    auto asked = server.requestControl(token, session);
+    ASSERT_TRUE(asked);
+    auto allowed = postLive(session, "control/respond",
+                            json{{"allow", true}, {"requestId", asked->requestId}}.dump(), "");
+    ASSERT_TRUE(allowed);
+    EXPECT_EQ(allowed->status, 200);
+    EXPECT_EQ(json::parse(allowed->body), json::parse(R"({"status":"Allowed"})"));
+    for (const char* bad :
+         {R"({"requestId":"x"})", R"({"allow":1})", R"({"allow":true,"requestId":7})", "[true]"}) {
+        EXPECT_EQ(postLive(session, "control/respond", bad, "")->status, 400) << bad;
+    }
+    EXPECT_EQ(postLive("live_999", "control/respond", R"({"allow":true})", "")->status, 404);
+    EXPECT_EQ(server.controlSession(session)->state, "requested");
+
+    server.grantControl(token, session, "c-1");
+    server.refuseIndicator("control");
+    EXPECT_EQ(confirm(session, "control", "c-1")->status, 409);
+    server.refuseIndicator("control", false);
+    EXPECT_EQ(confirm(session, "control", "c-1")->status, 200);
+    for (const char* kind : {"menuOpened", "menuItemInert", "menuOpened"}) {
+        auto reply = feedback(json{{"kind", kind}}.dump());
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->status, 200);
+    }
+    ASSERT_TRUE(server.waitForFeedback(session, 3, 5s));
+
+    // The take-back carries no request id, and ends control but not the session.
+    EXPECT_EQ(postLive(session, "control/respond", R"({"allow":false})", "")->status, 200);
+    ASSERT_TRUE(server.waitForControlAnswer(session, 5s, 2));
+    const auto record = server.liveSession(session);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->state, "requested");
+    EXPECT_EQ(record->control.state, "ended");
+    EXPECT_EQ(record->control.answers, (std::vector<virela::devserver::ControlAnswer>{
+                                           {true, asked->requestId}, {false, std::nullopt}}));
+    EXPECT_EQ(record->control.feedback,
+              (std::vector<std::string>{"menuOpened", "menuItemInert", "menuOpened"}));
+    ASSERT_EQ(record->indicators.size(), 2u);
+    EXPECT_EQ(record->indicators[0].kind, "control");
+    EXPECT_FALSE(record->indicators[0].accepted);
+    EXPECT_TRUE(record->indicators[1].accepted);
+}
+
+TEST_F(ControlTest, FeedbackNeedsAStringKindAndAnOpenSessionOfThisDevice) {
+    for (const char* bad : {"{}", R"({"kind":3})", R"({"kind":null})", R"("menuOpened")"}) {
+        auto reply = feedback(bad);
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->status, 400) << bad;
+        EXPECT_EQ(errorOf(reply)["error"], "bad_request");
+    }
+    // Control pushes alone do not make a session live.
+    server.requestControl(token, "live_999");
+    EXPECT_EQ(postLive("live_999", "control/feedback", R"({"kind":"menuOpened"})", "")->status,
+              404);
+    server.requestControl(token, session);
+    server.grantControl(token, session, "c-1");
+    server.endLive(token, session);
+    auto gone = feedback(R"({"kind":"menuOpened"})");
+    ASSERT_TRUE(gone);
+    EXPECT_EQ(gone->status, 410);
+    EXPECT_EQ(errorOf(gone)["error"], "session_ended");
+    const auto control = server.controlSession(session);
+    EXPECT_TRUE(control->feedback.empty());
+    // The lease ends with its live session.
+    EXPECT_EQ(control->state, "ended");
+}
+
 }  // namespace

@@ -11,6 +11,13 @@ namespace {
 // soon after it stops.
 constexpr std::chrono::seconds kRateWindow{5};
 
+// Control lives inside the live session: when the session ends, so does any lease in it.
+void endControlWith(LiveRecord& record) {
+    if (record.control.state == "requested" || record.control.state == "active") {
+        record.control.state = "ended";
+    }
+}
+
 }  // namespace
 
 std::string LiveBook::freshSessionId() {
@@ -61,6 +68,7 @@ void LiveBook::end(std::string_view sessionId, const std::string& deviceId) {
         LiveRecord& record = entryFor(sessionId).record;
         if (record.deviceId.empty()) record.deviceId = deviceId;
         record.state = "ended";
+        endControlWith(record);
     }
     changed_.notify_all();
 }
@@ -93,7 +101,10 @@ void LiveBook::answer(std::string_view sessionId, bool allow) {
         std::lock_guard lock(mutex_);
         LiveRecord& record = entryFor(sessionId).record;
         record.answers.push_back(allow);
-        if (!allow) record.state = "ended";
+        if (!allow) {
+            record.state = "ended";
+            endControlWith(record);
+        }
     }
     changed_.notify_all();
 }
@@ -139,6 +150,61 @@ bool LiveBook::confirmIndicator(std::string_view sessionId, std::string kind,
     }
     changed_.notify_all();
     return accepted;
+}
+
+std::string LiveBook::freshControlRequestId() {
+    std::lock_guard lock(mutex_);
+    return "ctl_" + std::to_string(nextControlRequest_++);
+}
+
+bool LiveBook::pushControl(std::string_view sessionId, std::string state,
+                           std::optional<std::string> requestId,
+                           std::optional<std::string> generation,
+                           const std::function<bool()>& deliver) {
+    {
+        std::lock_guard lock(mutex_);
+        if (!deliver()) return false;
+        ControlRecord& control = entryFor(sessionId).record.control;
+        if (state == "requested") control.requestId = requestId.value_or("");
+        control.state = std::move(state);
+        control.generation = std::move(generation);
+    }
+    changed_.notify_all();
+    return true;
+}
+
+void LiveBook::endControl(std::string_view sessionId) {
+    {
+        std::lock_guard lock(mutex_);
+        entryFor(sessionId).record.control.state = "ended";
+    }
+    changed_.notify_all();
+}
+
+bool LiveBook::pushInput(std::string_view sessionId, const std::function<bool()>& deliver) {
+    std::lock_guard lock(mutex_);
+    if (!deliver()) return false;
+    ++entryFor(sessionId).record.control.inputs;
+    return true;
+}
+
+void LiveBook::answerControl(std::string_view sessionId, bool allow,
+                             std::optional<std::string> requestId) {
+    {
+        std::lock_guard lock(mutex_);
+        ControlRecord& control = entryFor(sessionId).record.control;
+        control.answers.push_back({allow, std::move(requestId)});
+        if (!allow) control.state = "ended";
+    }
+    changed_.notify_all();
+}
+
+void LiveBook::controlFeedback(std::string_view sessionId, std::string kind) {
+    {
+        std::lock_guard lock(mutex_);
+        entryFor(sessionId).record.control.feedback.push_back(std::move(kind));
+    }
+    changed_.notify_all();
 }
 
 std::optional<LiveRecord> LiveBook::find(std::string_view sessionId) const {

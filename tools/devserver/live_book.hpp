@@ -53,6 +53,22 @@ class LiveBook {
     // Records the confirmation; false when its kind is being refused.
     bool confirmIndicator(std::string_view sessionId, std::string kind, std::string generation);
 
+    // Control within a session. The pushes are recorded like request() does, and only on the
+    // session's record: they never make a session known to a device, so the control endpoints
+    // of a session that was never live answer 404. A request keeps the earlier answers and
+    // feedback and clears the generation; a grant sets it.
+    std::string freshControlRequestId();
+    bool pushControl(std::string_view sessionId, std::string state,
+                     std::optional<std::string> requestId, std::optional<std::string> generation,
+                     const std::function<bool()>& deliver);
+    // The backend's decision stands whether or not the device heard it.
+    void endControl(std::string_view sessionId);
+    bool pushInput(std::string_view sessionId, const std::function<bool()>& deliver);
+    // A refusal or a take-back ends control.
+    void answerControl(std::string_view sessionId, bool allow,
+                       std::optional<std::string> requestId);
+    void controlFeedback(std::string_view sessionId, std::string kind);
+
     std::optional<LiveRecord> find(std::string_view sessionId) const;
     std::vector<LiveRecord> all() const;
     bool waitFor(std::string_view sessionId, std::chrono::milliseconds timeout,
@@ -76,6 +92,7 @@ class LiveBook {
     std::map<std::string, std::string, std::less<>> promptSessions_;
     std::set<std::string, std::less<>> refusedKinds_;
     std::uint64_t nextSession_ = 1;
+    std::uint64_t nextControlRequest_ = 1;
 };
 
 }  // namespace virela::devserver

@@ -17,6 +17,8 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "tools/devserver/server.hpp"
 
@@ -53,8 +55,26 @@ void usage(std::ostream& out) {
            "  refuse KIND [off]    answer indicator confirmations of KIND (sharing,\n"
            "                       recording, control) with 409 lease_mismatch, or stop\n"
            "  frames               list the live sessions: answers, frames, rate, indicators\n"
-           "  views DEVICE         list the view changes the device reported\n";
+           "  views DEVICE         list the view changes the device reported\n"
+           "remote control within a live session; DEVICE SESSION may be left out to mean the\n"
+           "last ones a command named:\n"
+           "  control [DEVICE SESSION]    ask the customer to let support control the screen\n"
+           "  grant [DEVICE SESSION] [GEN] start control (with lease generation GEN)\n"
+           "  release [DEVICE SESSION]    end control; the live session goes on\n"
+           "  end                         end the last live session, and control with it\n"
+           "  tap [DEVICE SESSION] X Y    tap at X, Y (fractions of the window, 0 to 1)\n"
+           "  scroll [DEVICE SESSION] X Y DX DY\n"
+           "                              scroll at X, Y by DX, DY (fractions of the window)\n"
+           "  type [DEVICE SESSION] TEXT  type TEXT (the rest of the line)\n"
+           "  key [DEVICE SESSION] NAME   press a key: backspace or enter\n"
+           "  controls                    list control per session: answers, feedback, inputs\n";
 }
+
+// The device and session the last command named, for the short forms of the control commands.
+struct Console {
+    std::string device;
+    std::string session;
+};
 
 // The server thread and the command loop both print; whole lines only.
 std::mutex outputMutex;
@@ -138,6 +158,19 @@ std::string describe(const virela::devserver::LiveRecord& record) {
     return line;
 }
 
+std::string describe(const virela::devserver::ControlRecord& control) {
+    std::string line = "control " + (control.state.empty() ? "-" : control.state);
+    if (!control.requestId.empty()) line += " request " + control.requestId;
+    if (control.generation) line += " gen " + *control.generation;
+    for (const auto& answer : control.answers) {
+        line += answer.allow ? " allowed" : " denied";
+        if (answer.requestId) line += '(' + *answer.requestId + ')';
+    }
+    line += ' ' + std::to_string(control.inputs) + " inputs";
+    for (const std::string& kind : control.feedback) line += ' ' + kind;
+    return line;
+}
+
 // "guide" arguments: KEY=VALUE words, where "text=" takes the rest of the line. False for a
 // word that is not one of them.
 bool readGuide(std::string_view rest, virela::devserver::Guide& guide) {
@@ -174,7 +207,7 @@ bool readGuide(std::string_view rest, virela::devserver::Guide& guide) {
 }
 
 // The live commands that name a device and a session; false when `command` is none of them.
-bool runLiveCommand(virela::devserver::Server& server, std::string_view command,
+bool runLiveCommand(virela::devserver::Server& server, Console& console, std::string_view command,
                     const std::string& device, std::string_view rest) {
     const std::string noSocket = "no socket for " + device;
     const std::string session(nextWord(rest));
@@ -183,6 +216,7 @@ bool runLiveCommand(virela::devserver::Server& server, std::string_view command,
         if (!session.empty()) request.sessionId = session;
         request.logoUrl = server.logoUrl();
         const auto asked = server.requestLive(device, std::move(request));
+        if (asked) console = {device, asked->sessionId};
         say(asked ? "asked " + device + " live: session " + asked->sessionId + ", prompt " +
                         asked->promptId
                   : noSocket);
@@ -195,6 +229,7 @@ bool runLiveCommand(virela::devserver::Server& server, std::string_view command,
         say("usage: " + std::string(command) + " DEVICE SESSION ...");
         return true;
     }
+    console = {device, session};
     if (command == "activate") {
         const std::string_view generation = nextWord(rest);
         const bool sent = server.activateLive(
@@ -231,12 +266,128 @@ bool runLiveCommand(virela::devserver::Server& server, std::string_view command,
     return true;
 }
 
-void runCommand(virela::devserver::Server& server, std::string_view line) {
+std::vector<std::string_view> words(std::string_view rest) {
+    std::vector<std::string_view> found;
+    for (std::string_view word = nextWord(rest); !word.empty(); word = nextWord(rest)) {
+        found.push_back(word);
+    }
+    return found;
+}
+
+std::optional<double> number(std::string_view text) {
+    try {
+        std::size_t used = 0;
+        const double value = std::stod(std::string(text), &used);
+        if (used == text.size()) return value;
+    } catch (const std::exception&) {
+    }
+    return std::nullopt;
+}
+
+// The control commands; false when `command` is none of them. Each takes DEVICE SESSION first,
+// or nothing there to mean the console's current pair, told apart by how many words follow.
+bool runControlCommand(virela::devserver::Server& server, Console& console,
+                       std::string_view command, std::string_view rest) {
+    using virela::devserver::ControlInput;
+    const std::vector<std::string_view> given = words(rest);
+    // How many words the short form takes; with two more, the first two are DEVICE SESSION.
+    // "end" with words is the live command's.
+    const int arguments = command == "control" || command == "release" || command == "end" ? 0
+                          : command == "key"                                               ? 1
+                          : command == "tap"                                               ? 2
+                          : command == "scroll"                                            ? 4
+                          : command == "grant" || command == "type"                        ? 1
+                                                                                           : -1;
+    if (arguments < 0 || (command == "end" && !given.empty())) return false;
+    // A text names a device only when its first word is one, as a text rarely is; a grant's
+    // generation is optional.
+    const bool named = command == "type" ? given.size() >= 3 && server.device(given[0])
+                       : command == "grant"
+                           ? given.size() >= 2
+                           : given.size() == static_cast<std::size_t>(arguments) + 2;
+    if (named) {
+        console = {std::string(given[0]), std::string(given[1])};
+        nextWord(rest);
+        nextWord(rest);
+    } else if (console.device.empty()) {
+        say("no device and session yet: name them, as in " + std::string(command) +
+            " DEVICE SESSION ...");
+        return true;
+    }
+    const std::string& device = console.device;
+    const std::string& session = console.session;
+    const std::string noSocket = "no socket for " + device;
+    const std::vector<std::string_view> args = words(rest);
+
+    if (command == "end") {
+        say(server.endLive(device, session) ? "ended " + session
+                                            : "ended " + session + "; " + noSocket);
+        return true;
+    }
+    if (command == "control" && args.empty()) {
+        virela::devserver::ControlRequest request;
+        request.logoUrl = server.logoUrl();
+        const auto asked = server.requestControl(device, session, std::move(request));
+        say(asked
+                ? "asked " + device + " for control of " + session + ": request " + asked->requestId
+                : noSocket);
+        return true;
+    }
+    if (command == "grant" && args.size() <= 1) {
+        const bool sent = server.grantControl(
+            device, session,
+            args.empty() ? std::nullopt : std::optional<std::string>(args.front()));
+        say(sent ? "granted control of " + session + " on " + device : noSocket);
+        return true;
+    }
+    if (command == "release" && args.empty()) {
+        say(server.endControl(device, session)
+                ? "released control of " + session
+                : "released control of " + session + "; " + noSocket);
+        return true;
+    }
+    std::optional<ControlInput> input;
+    if (command == "type" && !rest.empty()) {
+        input = ControlInput::typeText(std::string(rest));
+    } else if (command == "key" && args.size() == 1) {
+        input = ControlInput::pressKey(std::string(args.front()));
+    } else if (command == "tap" && args.size() == 2) {
+        const auto x = number(args[0]), y = number(args[1]);
+        if (x && y) input = ControlInput::tapAt(*x, *y);
+    } else if (command == "scroll" && args.size() == 4) {
+        const auto x = number(args[0]), y = number(args[1]);
+        const auto dx = number(args[2]), dy = number(args[3]);
+        if (x && y && dx && dy) input = ControlInput::scrollAt(*x, *y, *dx, *dy);
+    }
+    if (!input) {
+        constexpr std::pair<std::string_view, std::string_view> kUsage[] = {
+            {"control", "control [DEVICE SESSION]"},
+            {"grant", "grant [DEVICE SESSION] [GEN]"},
+            {"release", "release [DEVICE SESSION]"},
+            {"tap", "tap [DEVICE SESSION] X Y"},
+            {"scroll", "scroll [DEVICE SESSION] X Y DX DY"},
+            {"type", "type [DEVICE SESSION] TEXT"},
+            {"key", "key [DEVICE SESSION] backspace|enter"}};
+        for (const auto& [name, usage] : kUsage) {
+            if (name == command) say("usage: " + std::string(usage));
+        }
+        return true;
+    }
+    say(server.sendInput(device, session, *input)
+            ? "sent " + input->action + " to " + session + " on " + device
+            : noSocket);
+    return true;
+}
+
+void runCommand(virela::devserver::Server& server, Console& console, std::string_view line) {
     constexpr const char* kCommands =
         "commands: push DEVICE TEXT | close DEVICE [CODE] | drop DEVICE | ask DEVICE [MODE] | "
         "capture DEVICE REQ | expire DEVICE | deny DEVICE | captures | live DEVICE [SESSION] | "
         "activate DEVICE SESSION [GEN] | end DEVICE SESSION | note DEVICE SESSION KIND [ARG] | "
-        "guide DEVICE SESSION KIND [K=V]... | refuse KIND [off] | frames | views DEVICE";
+        "guide DEVICE SESSION KIND [K=V]... | refuse KIND [off] | frames | views DEVICE | "
+        "control [DEVICE SESSION] | grant [DEVICE SESSION] [GEN] | release [DEVICE SESSION] | "
+        "end | tap [DEVICE SESSION] X Y | scroll [DEVICE SESSION] X Y DX DY | "
+        "type [DEVICE SESSION] TEXT | key [DEVICE SESSION] NAME | controls";
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     std::string_view rest = line;
     const std::string_view command = nextWord(rest);
@@ -253,6 +404,20 @@ void runCommand(virela::devserver::Server& server, std::string_view line) {
         for (const auto& record : sessions) say(describe(record));
         return;
     }
+    if (command == "controls") {
+        bool any = false;
+        for (const auto& record : server.liveSessions()) {
+            const auto& control = record.control;
+            if (control.state.empty() && control.answers.empty() && control.feedback.empty()) {
+                continue;
+            }
+            any = true;
+            say(record.sessionId + ' ' + describe(control));
+        }
+        if (!any) say("no control yet");
+        return;
+    }
+    if (runControlCommand(server, console, command, rest)) return;
     if (command == "refuse") {
         const std::string kind(nextWord(rest));
         if (kind.empty()) return say(kCommands);
@@ -263,7 +428,7 @@ void runCommand(virela::devserver::Server& server, std::string_view line) {
         return;
     }
     const std::string device(nextWord(rest));
-    if (!device.empty() && runLiveCommand(server, command, device, rest)) return;
+    if (!device.empty() && runLiveCommand(server, console, command, device, rest)) return;
     if (command == "views" && !device.empty()) {
         const auto views = server.viewChanges(device);
         if (views.empty()) say("no view changes from " + device);
@@ -345,9 +510,14 @@ int main(int argc, char** argv) {
     }
 
     options.onRequest = [](const virela::devserver::RecordedRequest& request, int status) {
-        say(request.method + ' ' + request.target + ' ' +
-            (status == 0 ? std::string("closed") : std::to_string(status)) + " (" +
-            std::to_string(request.body.size()) + " bytes)");
+        std::string line = request.method + ' ' + request.target + ' ' +
+                           (status == 0 ? std::string("closed") : std::to_string(status)) + " (" +
+                           std::to_string(request.body.size()) + " bytes)";
+        // What the device says about control is short and worth reading as it comes.
+        if (request.path.find("/control/") != std::string::npos) {
+            line += ' ' + printable(request.body);
+        }
+        say(line);
     };
     options.onSocketEvent = [](const SocketEvent& event) { say(describe(event)); };
 
@@ -374,6 +544,7 @@ int main(int argc, char** argv) {
     say("virela-devserver listening on " + server.url());
 
     // Commands from stdin until a signal; a closed stdin just leaves the signal to wait for.
+    Console console;
     bool stdinOpen = true;
     std::string pending;
     for (;;) {
@@ -392,7 +563,7 @@ int main(int argc, char** argv) {
         }
         pending.append(chunk, static_cast<std::size_t>(n));
         for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
-            runCommand(server, std::string_view(pending).substr(0, end));
+            runCommand(server, console, std::string_view(pending).substr(0, end));
             pending.erase(0, end + 1);
         }
     }

@@ -325,6 +325,49 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
             return jsonReply({{"ok", true}});
         });
 
+    // Like the live answer, a take-back may come after the backend ended control or the session.
+    router.add("POST", "/v1/sdk/live/{sessionId}/control/respond",
+               [&registry, &live](const RecordedRequest& request, const PathParams& params) {
+                   std::optional<std::string> token = deviceToken(request, registry);
+                   std::optional<std::string> deviceId =
+                       token ? registry.deviceIdOf(*token) : std::nullopt;
+                   if (!deviceId) return unauthorized();
+                   const std::string_view sessionId = params.get("sessionId");
+                   if (live.standing(sessionId, *deviceId) == LiveBook::Standing::unknown) {
+                       return jsonError(404, "not_found",
+                                        "No live session " + std::string(sessionId) + ".");
+                   }
+                   std::optional<json> body = parseObject(request.body);
+                   if (!body) return notAnObject();
+                   auto allow = body->find("allow");
+                   std::optional<std::string> requestId;
+                   if (allow == body->end() || !allow->is_boolean() ||
+                       !optionalString(*body, "requestId", requestId)) {
+                       return jsonError(400, "bad_request",
+                                        "\"allow\" must be true or false; \"requestId\" a string "
+                                        "or null.");
+                   }
+                   live.answerControl(sessionId, allow->get<bool>(), std::move(requestId));
+                   return jsonReply({{"status", allow->get<bool>() ? "Allowed" : "Denied"}});
+               });
+
+    router.add("POST", "/v1/sdk/live/{sessionId}/control/feedback",
+               [admit, &live](const RecordedRequest& request, const PathParams& params) {
+                   const std::string_view sessionId = params.get("sessionId");
+                   if (std::optional<Reply> refused = admit(request, sessionId)) {
+                       return std::move(*refused);
+                   }
+                   std::optional<json> body = parseObject(request.body);
+                   if (!body) return notAnObject();
+                   auto kind = body->find("kind");
+                   if (kind == body->end() || !kind->is_string()) {
+                       return jsonError(400, "bad_request", "\"kind\" must be a string.");
+                   }
+                   // Any kind is kept, so that a test sees exactly what the device reported.
+                   live.controlFeedback(sessionId, kind->get<std::string>());
+                   return jsonReply({{"ok", true}});
+               });
+
     // The agent's view of the stream: no device token, like a capture's link.
     router.add("GET", "/live/{sessionId}/latest.jpg",
                [&live](const RecordedRequest& request, const PathParams& params) {

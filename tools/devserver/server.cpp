@@ -68,6 +68,35 @@ std::optional<std::string> RecordedRequest::header(std::string_view name) const 
     return std::nullopt;
 }
 
+ControlInput ControlInput::tapAt(double x, double y) {
+    ControlInput input;
+    input.x = x;
+    input.y = y;
+    return input;
+}
+
+ControlInput ControlInput::scrollAt(double x, double y, double dx, double dy) {
+    ControlInput input = tapAt(x, y);
+    input.action = "scroll";
+    input.dx = dx;
+    input.dy = dy;
+    return input;
+}
+
+ControlInput ControlInput::typeText(std::string text) {
+    ControlInput input;
+    input.action = "type";
+    input.text = std::move(text);
+    return input;
+}
+
+ControlInput ControlInput::pressKey(std::string key) {
+    ControlInput input;
+    input.action = "key";
+    input.key = std::move(key);
+    return input;
+}
+
 struct Server::Impl {
     // Serialises start and stop. Never taken on the server thread.
     std::mutex lifecycle;
@@ -549,6 +578,79 @@ bool Server::waitForViewChanges(std::string_view device, std::size_t count,
                        })) >= count;
         },
         timeout);
+}
+
+std::optional<ControlPushed> Server::requestControl(std::string_view device,
+                                                    std::string_view sessionId,
+                                                    ControlRequest request) {
+    ControlPushed pushed;
+    pushed.sessionId = sessionId;
+    pushed.requestId = request.requestId ? *request.requestId : impl_->live.freshControlRequestId();
+    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"state", "requested"}};
+    if (!pushed.requestId.empty()) payload["requestId"] = pushed.requestId;
+    if (request.consentCopy) payload["consentCopy"] = *request.consentCopy;
+    if (request.agentName) payload["agentName"] = *request.agentName;
+    if (request.workspaceName) payload["workspaceName"] = *request.workspaceName;
+    if (request.logoUrl) payload["logoUrl"] = *request.logoUrl;
+    pushed.push = frame("control", payload);
+    const bool sent =
+        impl_->live.pushControl(sessionId, "requested", pushed.requestId, std::nullopt, [&] {
+            return impl_->sockets.send(device, {Outgoing::Kind::text, pushed.push, 0});
+        });
+    if (!sent) return std::nullopt;
+    return pushed;
+}
+
+bool Server::grantControl(std::string_view device, std::string_view sessionId,
+                          std::optional<std::string> generation) {
+    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"state", "active"}};
+    if (generation) payload["generation"] = *generation;
+    const std::string push = frame("control", payload);
+    return impl_->live.pushControl(sessionId, "active", std::nullopt, std::move(generation), [&] {
+        return impl_->sockets.send(device, {Outgoing::Kind::text, push, 0});
+    });
+}
+
+bool Server::endControl(std::string_view device, std::string_view sessionId) {
+    if (!impl_->registry.deviceIdOf(device)) return false;
+    impl_->live.endControl(sessionId);
+    return pushText(device, frame("control", {{"sessionId", sessionId}, {"state", "ended"}}));
+}
+
+bool Server::sendInput(std::string_view device, std::string_view sessionId,
+                       const ControlInput& input) {
+    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"action", input.action}};
+    const std::pair<const char*, const std::optional<double>*> numbers[] = {
+        {"x", &input.x}, {"y", &input.y}, {"dx", &input.dx}, {"dy", &input.dy}};
+    for (const auto& [key, value] : numbers) {
+        if (*value) payload[key] = **value;
+    }
+    if (input.text) payload["text"] = *input.text;
+    if (input.key) payload["key"] = *input.key;
+    const std::string push = frame("control-input", payload);
+    return impl_->live.pushInput(sessionId, [&] {
+        return impl_->sockets.send(device, {Outgoing::Kind::text, push, 0});
+    });
+}
+
+std::optional<ControlRecord> Server::controlSession(std::string_view sessionId) const {
+    std::optional<LiveRecord> record = impl_->live.find(sessionId);
+    if (!record) return std::nullopt;
+    return std::move(record->control);
+}
+
+bool Server::waitForControlAnswer(std::string_view sessionId, std::chrono::milliseconds timeout,
+                                  std::size_t count) const {
+    return impl_->live.waitFor(sessionId, timeout, [count](const LiveRecord& record) {
+        return record.control.answers.size() >= count;
+    });
+}
+
+bool Server::waitForFeedback(std::string_view sessionId, std::size_t count,
+                             std::chrono::milliseconds timeout) const {
+    return impl_->live.waitFor(sessionId, timeout, [count](const LiveRecord& record) {
+        return record.control.feedback.size() >= count;
+    });
 }
 
 }  // namespace virela::devserver

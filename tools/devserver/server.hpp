@@ -179,6 +179,56 @@ struct IndicatorConfirmation {
     bool accepted = true;  // false: answered 409 lease_mismatch
 };
 
+// What an agent asks when it wants to take control of a device during a live session: the
+// fields of a "control" push with state "requested". Absent fields are left out.
+struct ControlRequest {
+    std::optional<std::string> requestId;    // default: a fresh "ctl_<n>"; "" leaves it out
+    std::optional<std::string> consentCopy;  // absent: the device shows its own copy
+    std::optional<std::string> agentName;
+    std::optional<std::string> workspaceName;
+    std::optional<std::string> logoUrl;
+};
+
+struct ControlPushed {
+    std::string sessionId;
+    std::string requestId;  // empty for a push without one
+    std::string push;       // the frame exactly as sent
+};
+
+// A "control-input" push; absent fields are left out. `action` is sent as is ("tap",
+// "scroll", "type", "key"), so a test may send a misspelled one or leave out what it needs.
+struct ControlInput {
+    std::string action = "tap";
+    std::optional<double> x, y, dx, dy;
+    std::optional<std::string> text;
+    std::optional<std::string> key;
+
+    static ControlInput tapAt(double x, double y);
+    static ControlInput scrollAt(double x, double y, double dx, double dy);
+    static ControlInput typeText(std::string text);
+    static ControlInput pressKey(std::string key);  // "backspace", "enter"
+};
+
+// One answer the device sent to a control request: the customer's choice, or "allow" false
+// alone when the customer took control back.
+struct ControlAnswer {
+    bool allow = false;
+    std::optional<std::string> requestId;  // absent when the body had none, or null
+    friend bool operator==(const ControlAnswer&, const ControlAnswer&) = default;
+};
+
+// Remote control within one live session, as the backend saw it.
+struct ControlRecord {
+    // "requested", "active" or "ended": the last control push, or "ended" once the device
+    // refused or took back control or the live session ended; empty when never asked.
+    std::string state;
+    std::string requestId;                  // of the last request; empty when it had none
+    std::optional<std::string> generation;  // of the last grant
+    std::vector<ControlAnswer> answers;     // in order
+    std::vector<std::string> feedback;      // every kind the device reported, in order
+    std::size_t inputs = 0;                 // input pushes delivered
+};
+
 // One live session as the backend saw it, from the request to the end.
 struct LiveRecord {
     std::string sessionId;
@@ -197,7 +247,8 @@ struct LiveRecord {
     double frameRate = 0;
     std::string latestFrame;              // the JPEG of the last frame
     std::optional<std::string> frameUrl;  // where the latest frame is served, once there is one
-    std::vector<IndicatorConfirmation> indicators;  // in order of arrival
+    std::vector<IndicatorConfirmation> indicators;  // in order of arrival, "control" included
+    ControlRecord control;
 };
 
 // A "view" message a device sent on its socket: the screen under the guides changed.
@@ -341,6 +392,31 @@ class Server {
                                 std::chrono::milliseconds timeout) const;
     bool waitForViewChanges(std::string_view device, std::size_t count,
                             std::chrono::milliseconds timeout) const;
+
+    // Remote control, agent side, within a live session. requestControl() pushes {"type":
+    // "control","payload":{...,"state":"requested",...}}; nullopt when the device has no socket.
+    // Control pushes and inputs go out for any session, a stale one included, so that tests can
+    // see the device ignore them; only the live session's record keeps track of them.
+    std::optional<ControlPushed> requestControl(std::string_view device, std::string_view sessionId,
+                                                ControlRequest request = {});
+    // State "active", with the generation when one is given. False when the device has no
+    // socket.
+    bool grantControl(std::string_view device, std::string_view sessionId,
+                      std::optional<std::string> generation = std::nullopt);
+    // State "ended". For a known device control is over for the backend even when the device
+    // has no socket to hear it (then false).
+    bool endControl(std::string_view device, std::string_view sessionId);
+    // {"type":"control-input","payload":{"sessionId":...,"action":...,...}}; false when the
+    // device has no socket.
+    bool sendInput(std::string_view device, std::string_view sessionId, const ControlInput& input);
+    // liveSession(sessionId)->control.
+    std::optional<ControlRecord> controlSession(std::string_view sessionId) const;
+    // Block until the session has `count` control answers or feedback reports, or until the
+    // timeout; true on success.
+    bool waitForControlAnswer(std::string_view sessionId, std::chrono::milliseconds timeout,
+                              std::size_t count = 1) const;
+    bool waitForFeedback(std::string_view sessionId, std::size_t count,
+                         std::chrono::milliseconds timeout) const;
 
   private:
     struct Impl;
