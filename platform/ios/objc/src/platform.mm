@@ -8,6 +8,7 @@
 #include "platform/ios/objc/src/live_overlay.hpp"
 #include "platform/ios/objc/src/ports.hpp"
 #include "platform/ios/objc/src/prompt_presenter.hpp"
+#include "platform/ios/objc/src/uikit_actions.hpp"
 #include "platform/ios/objc/src/uikit_host.hpp"
 
 namespace virela::ios {
@@ -31,7 +32,7 @@ std::shared_ptr<const Platform> makePlatform() {
     platform->prompts = makePromptPresenter(windows);
     platform->banner = makeBannerPresenter(windows);
     platform->overlay = makeOverlayPresenter(windows);
-    // `actions` stays empty until remote input's adapter joins it.
+    platform->actions = makeUIKitActions(windows);
     return platform;
 }
 
