@@ -10,8 +10,8 @@ namespace virela {
 InputEngine::InputEngine(Parts parts, WindowRegistry& windows)
     : parts_(std::move(parts)),
       windows_(windows),
-      context_(std::make_unique<input::Context>(
-          input::Context{*parts_.host, *parts_.actions, parts_.log.get(), windows_, {}, {}, {}, {}})) {}
+      context_(std::make_unique<input::Context>(input::Context{
+          *parts_.host, *parts_.actions, parts_.log.get(), windows_, {}, {}, {}, {}})) {}
 
 InputEngine::~InputEngine() = default;
 

@@ -15,6 +15,9 @@
 namespace virela {
 
 class WindowRegistry;
+namespace input {
+struct Context;
+}
 
 // What the agent's console is told after an input: nothing, a menu opened, or a tap that met a
 // menu item it could not run.
@@ -29,6 +32,9 @@ class InputEngine {
     };
     // `windows` must outlive the engine.
     InputEngine(Parts parts, WindowRegistry& windows);
+    ~InputEngine();
+    InputEngine(const InputEngine&) = delete;
+    InputEngine& operator=(const InputEngine&) = delete;
 
     // The action router: "scroll", "tap", "type" and "key", matched exactly; any other action
     // does nothing. `target` is the active window the input's fractions refer to.
@@ -37,6 +43,7 @@ class InputEngine {
   private:
     Parts parts_;
     WindowRegistry& windows_;
+    std::unique_ptr<input::Context> context_;  // buffers reused from input to input
 };
 
 }  // namespace virela

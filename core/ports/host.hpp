@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "core/base/geometry.hpp"
@@ -156,6 +157,7 @@ struct NodeFacts {
     HostHandle handle = noHandle;
     bool isView = true;
     ViewKind kind = ViewKind::view;
+    std::uint32_t depth = 0;  // below the window, when read with readViews
     std::string typeName;
     HostHandle superview = noHandle;  // views only
     HostHandle window = noHandle;     // views only
@@ -226,6 +228,7 @@ enum class ControllerKind { plain, navigation, tabBar };
 struct ControllerFacts {
     HostHandle handle = noHandle;
     ControllerKind kind = ControllerKind::plain;
+    std::string typeName;
     HostHandle presented = noHandle;
     HostHandle top = noHandle;  // navigation: topViewController; tab bar: selectedViewController
 };
@@ -243,6 +246,26 @@ class HostActions {
     virtual std::optional<NodeFacts> readNode(HostHandle node) = 0;
     virtual void subviews(HostHandle view, std::vector<HostHandle>& out) = 0;
     virtual HostHandle elementAt(HostHandle node, long index) = 0;
+    // The window and every view in it, depth first, subviews in order, each with its depth;
+    // hidden views included. A tap reads whole trees, so a platform that can read them in one
+    // pass should; this one reads node by node. `out` is overwritten.
+    virtual void readViews(HostHandle window, std::vector<NodeFacts>& out) {
+        out.clear();
+        std::vector<std::pair<HostHandle, std::uint32_t>> stack{{window, 0}};
+        std::vector<HostHandle> children;
+        while (!stack.empty()) {
+            const auto [view, depth] = stack.back();
+            stack.pop_back();
+            auto node = readNode(view);
+            if (!node || !node->isView) continue;
+            node->depth = depth;
+            out.push_back(std::move(*node));
+            subviews(view, children);
+            for (auto it = children.rbegin(); it != children.rend(); ++it) {
+                stack.emplace_back(*it, depth + 1);
+            }
+        }
+    }
     // The deepest visible, interactive view under a point in the window's coordinates.
     virtual HostHandle hitTest(HostHandle window, Point point) = 0;
     // The next responder and whether it is a view and takes key input.

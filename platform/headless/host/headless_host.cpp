@@ -153,6 +153,84 @@ std::unique_ptr<Subscription> HeadlessHost::observeWindowVisibility(
 
 // ---- Remote input ----
 
+namespace {
+
+// One view's facts; `frame` is its bounds in its window, which a tree walk knows already.
+void readView(View& v, const Rect& frame, NodeFacts& n) {
+    n.handle = v.handle();
+    n.isView = true;
+    n.kind = v.kind();
+    n.typeName = v.typeName();
+    n.superview = v.superview() ? v.superview()->handle() : noHandle;
+    n.window = v.window() ? v.window()->handle() : noHandle;
+    n.frame = frame;
+    n.bounds = v.bounds();
+    n.hidden = v.hidden;
+    n.alpha = v.alpha;
+    n.secureTextField = v.kind() == ViewKind::textField && v.secureTextEntry;
+    n.hasMark = v.isVirelaRedacted();
+    n.isAccessibilityElement = v.isAccessibilityElement;
+    n.accessibilityTraits = v.accessibilityTraits;
+    n.accessibilityIdentifier = v.accessibilityIdentifier;
+    n.accessibilityLabel = v.accessibilityLabel;
+    n.accessibilityContainer = noHandle;
+    if (v.accessibilityElementsPresent) {
+        if (!n.accessibilityElements) n.accessibilityElements.emplace();
+        n.accessibilityElements->clear();
+        for (const auto& e : v.accessibilityElements)
+            n.accessibilityElements->push_back(e->handle());
+        n.accessibilityElementCount = -1;
+    } else {
+        n.accessibilityElements.reset();
+        // Elements the view only counts and hands out by index, as a container that implements
+        // the count-and-index protocol does.
+        n.accessibilityElementCount = v.accessibilityElements.empty()
+                                          ? -1
+                                          : static_cast<long>(v.accessibilityElements.size());
+    }
+    n.enabled = v.enabled;
+    n.editable = v.editable;
+    n.keyInput = v.keyInput;
+    n.firstResponder = v.firstResponder;
+    n.isOn = v.isOn;
+    n.value = v.value;
+    n.minimumValue = v.minimumValue;
+    n.maximumValue = v.maximumValue;
+    n.stepValue = v.stepValue;
+    n.wraps = v.wraps;
+    n.trackRect =
+        v.kind() == ViewKind::slider ? Rect{0, 0, v.frame.width, v.frame.height} : Rect::null();
+    n.numberOfSegments = v.numberOfSegments;
+    n.selectedSegment = v.selectedSegment;
+    n.hasMenu = v.menu != nullptr;
+    n.showsMenuAsPrimaryAction = v.showsMenuAsPrimaryAction;
+    if (v.kind() == ViewKind::label) {
+        n.text = v.text;
+    } else {
+        n.text.reset();
+    }
+    n.scrollEnabled = isScrollView(v.kind()) && v.scrollEnabled;
+    n.contentOffset = v.boundsOrigin;
+    n.contentSize = v.contentSize;
+    n.adjustedContentInset = v.contentInset;
+}
+
+void readTree(View& v, Point top, std::uint32_t depth, std::vector<NodeFacts>& out,
+              std::size_t& count) {
+    if (count == out.size()) out.emplace_back();
+    NodeFacts& n = out[count++];
+    readView(v, {top.x, top.y, v.frame.width, v.frame.height}, n);
+    n.depth = depth;
+    for (const auto& child : v.subviews()) {
+        readTree(
+            *child,
+            {top.x + child->frame.x - v.boundsOrigin.x, top.y + child->frame.y - v.boundsOrigin.y},
+            depth + 1, out, count);
+    }
+}
+
+}  // namespace
+
 std::optional<NodeFacts> HeadlessHost::readNode(HostHandle handle) {
     if (auto* element = resolve<AccessibilityElement>(handle)) {
         NodeFacts n;
@@ -172,47 +250,15 @@ std::optional<NodeFacts> HeadlessHost::readNode(HostHandle handle) {
     View* v = resolve<View>(handle);
     if (!v) return std::nullopt;
     NodeFacts n;
-    n.handle = handle;
-    n.kind = v->kind();
-    n.typeName = v->typeName();
-    n.superview = v->superview() ? v->superview()->handle() : noHandle;
-    n.window = v->window() ? v->window()->handle() : noHandle;
-    n.frame = v->frameInWindow();
-    n.bounds = v->bounds();
-    n.hidden = v->hidden;
-    n.alpha = v->alpha;
-    n.secureTextField = v->kind() == ViewKind::textField && v->secureTextEntry;
-    n.hasMark = v->isVirelaRedacted();
-    n.isAccessibilityElement = v->isAccessibilityElement;
-    n.accessibilityTraits = v->accessibilityTraits;
-    n.accessibilityIdentifier = v->accessibilityIdentifier;
-    n.accessibilityLabel = v->accessibilityLabel;
-    if (v->accessibilityElementsPresent) {
-        std::vector<HostHandle> elements;
-        for (const auto& e : v->accessibilityElements) elements.push_back(e->handle());
-        n.accessibilityElements = std::move(elements);
-    }
-    n.enabled = v->enabled;
-    n.editable = v->editable;
-    n.keyInput = v->keyInput;
-    n.firstResponder = v->firstResponder;
-    n.isOn = v->isOn;
-    n.value = v->value;
-    n.minimumValue = v->minimumValue;
-    n.maximumValue = v->maximumValue;
-    n.stepValue = v->stepValue;
-    n.wraps = v->wraps;
-    if (v->kind() == ViewKind::slider) n.trackRect = {0, 0, v->frame.width, v->frame.height};
-    n.numberOfSegments = v->numberOfSegments;
-    n.selectedSegment = v->selectedSegment;
-    n.hasMenu = v->menu != nullptr;
-    n.showsMenuAsPrimaryAction = v->showsMenuAsPrimaryAction;
-    if (v->kind() == ViewKind::label) n.text = v->text;
-    n.scrollEnabled = isScrollView(v->kind()) && v->scrollEnabled;
-    n.contentOffset = v->boundsOrigin;
-    n.contentSize = v->contentSize;
-    n.adjustedContentInset = v->contentInset;
+    readView(*v, v->frameInWindow(), n);
     return n;
+}
+
+void HeadlessHost::readViews(HostHandle window, std::vector<NodeFacts>& out) {
+    Window* w = resolve<Window>(window);
+    std::size_t count = 0;
+    if (w) readTree(*w, w->boundsOrigin, 0, out, count);
+    out.resize(count);
 }
 
 void HeadlessHost::subviews(HostHandle handle, std::vector<HostHandle>& out) {
@@ -302,7 +348,9 @@ void resignAll(View& v) {
 
 bool HeadlessHost::becomeFirstResponder(HostHandle responder) {
     View* v = resolve<View>(responder);
+    // A disabled text field cannot take the focus, as on the device.
     if (!v || !v->keyInput || !v->window()) return false;
+    if (v->kind() == ViewKind::textField && !v->enabled) return false;
     resignAll(*v->window());
     v->firstResponder = true;
     return true;
@@ -483,6 +531,7 @@ std::optional<ControllerFacts> HeadlessHost::readController(HostHandle handle) {
     ControllerFacts facts;
     facts.handle = handle;
     facts.kind = c->kind;
+    facts.typeName = c->typeName;
     facts.presented = c->presented ? c->presented->handle() : noHandle;
     if (c->kind == ControllerKind::navigation && !c->children.empty()) {
         facts.top = c->children.back()->handle();

@@ -34,6 +34,7 @@ class HeadlessHost final : public HostInterface, public HostActions {
     std::optional<NodeFacts> readNode(HostHandle node) override;
     void subviews(HostHandle view, std::vector<HostHandle>& out) override;
     HostHandle elementAt(HostHandle node, long index) override;
+    void readViews(HostHandle window, std::vector<NodeFacts>& out) override;
     HostHandle hitTest(HostHandle window, Point point) override;
     HostHandle nextResponder(HostHandle responder) override;
     bool platformVersionAtLeast(int major) override;

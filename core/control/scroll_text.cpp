@@ -1,0 +1,106 @@
+#include "core/control/scroll_text.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+#include "core/control/tap_ladder.hpp"
+#include "core/control/windows.hpp"
+
+namespace virela::input {
+namespace {
+
+bool scrollable(const NodeFacts& n) noexcept {
+    return n.isView && isScrollView(n.kind) && n.scrollEnabled;
+}
+
+// The first scroll view that lets itself be scrolled, from the view hit up its superviews.
+std::optional<NodeFacts> scrollViewAbove(Context& ctx, HostHandle view) {
+    for (HostHandle h = view; h != noHandle;) {
+        auto node = ctx.actions.readNode(h);
+        if (!node) return std::nullopt;
+        if (scrollable(*node)) return node;
+        h = node->superview;
+    }
+    return std::nullopt;
+}
+
+// With nothing scrollable under the point: the largest scroll view of the target window whose
+// content overflows it. The first found wins a tie.
+std::optional<NodeFacts> largestOverflowing(Context& ctx, const WindowFacts& target) {
+    ctx.actions.readViews(target.handle, ctx.other);
+    const NodeFacts* best = nullptr;
+    for (const NodeFacts& n : ctx.other) {
+        if (!scrollable(n) || n.hidden) continue;
+        if (!(n.contentSize.height > n.bounds.height || n.contentSize.width > n.bounds.width)) {
+            continue;
+        }
+        if (!best || n.bounds.area() > best->bounds.area()) best = &n;
+    }
+    if (!best) return std::nullopt;
+    return *best;
+}
+
+// The view holding the keyboard focus: the first window, front to back, with one.
+HostHandle focusedResponder(Context& ctx, const WindowFacts& target) {
+    for (const WindowFacts& window : inputWindowList(ctx.windows, target)) {
+        ctx.actions.readViews(window.handle, ctx.other);
+        for (const NodeFacts& n : ctx.other) {
+            if (n.firstResponder) return n.handle;
+        }
+    }
+    return noHandle;
+}
+
+}  // namespace
+
+void scroll(Context& ctx, std::optional<double> x, std::optional<double> y,
+            std::optional<double> dx, std::optional<double> dy, const WindowFacts& target) {
+    const double width = target.bounds.width;
+    const double height = target.bounds.height;
+    const Point point{x.value_or(0.5) * width, y.value_or(0.5) * height};
+    const double moveX = dx.value_or(0) * width;
+    const double moveY = dy.value_or(0) * height;
+    // A distance that is not a number moves nothing anywhere.
+    if (!std::isfinite(moveX) || !std::isfinite(moveY)) return;
+
+    std::optional<NodeFacts> view;
+    if (const auto hit = hitTest(ctx, point, target)) view = scrollViewAbove(ctx, hit->view);
+    if (!view) view = largestOverflowing(ctx, target);
+    if (!view || isLocked(ctx.actions, view->handle)) return;
+
+    const EdgeInsets& inset = view->adjustedContentInset;
+    const double minX = -inset.left;
+    const double maxX = std::max(minX, view->contentSize.width - view->bounds.width + inset.right);
+    const double minY = -inset.top;
+    const double maxY =
+        std::max(minY, view->contentSize.height - view->bounds.height + inset.bottom);
+    const Point offset{std::min(maxX, std::max(view->contentOffset.x + moveX, minX)),
+                       std::min(maxY, std::max(view->contentOffset.y + moveY, minY))};
+    if (!std::isfinite(offset.x) || !std::isfinite(offset.y)) return;
+    ctx.actions.setContentOffset(view->handle, offset);
+}
+
+void typeText(Context& ctx, const std::optional<std::string>& text, const WindowFacts& target) {
+    if (!text) return;
+    const HostHandle responder = focusedResponder(ctx, target);
+    if (responder == noHandle) return;
+    const auto node = ctx.actions.readNode(responder);
+    if (!node || (node->isView && isLocked(ctx.actions, responder))) return;
+    if (node->keyInput) ctx.actions.insertText(responder, *text);
+}
+
+void pressKey(Context& ctx, const std::optional<std::string>& key, const WindowFacts& target) {
+    const HostHandle responder = focusedResponder(ctx, target);
+    if (responder == noHandle) return;
+    const auto node = ctx.actions.readNode(responder);
+    if (!node || (node->isView && isLocked(ctx.actions, responder))) return;
+    if (!key) return;
+    if (*key == "backspace") {
+        if (node->keyInput) ctx.actions.deleteBackward(responder);
+    } else if (*key == "enter") {
+        // Enter ends editing; it never inserts a line break or fires a return-key action.
+        if (node->isView) ctx.actions.resignFirstResponder(responder);
+    }
+}
+
+}  // namespace virela::input

@@ -1,0 +1,338 @@
+#include "core/control/tap_ladder.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <string_view>
+
+#include "core/control/menus.hpp"
+#include "core/control/windows.hpp"
+
+namespace virela::input {
+namespace {
+
+// Accessibility trait bit 40: the element opens a menu, so activating it opens one.
+constexpr std::uint64_t menuTrait = 0x10000000000ULL;
+// Platform versions: button menus arrived in 14, primary actions of list items in 16.
+constexpr int buttonMenuVersion = 14;
+constexpr int listPrimaryActionVersion = 16;
+// A responder chain that loops must not hang the main thread.
+constexpr int maximumResponderHops = 1000;
+
+bool contains(std::string_view text, std::string_view part) noexcept {
+    return text.find(part) != std::string_view::npos;
+}
+
+enum class Pass { virtualElements, views };
+
+// Activates the candidates of one kind, smallest first, until one accepts. Locked ones are
+// never asked.
+bool activationPass(Context& ctx, Pass pass) {
+    for (const Candidate& c : ctx.found) {
+        if (c.isView != (pass == Pass::views)) continue;
+        const bool locked =
+            c.isView ? isLocked(ctx.actions, c.handle)
+                     : contains(c.identifier, "virela-redact") ||
+                           (c.container != noHandle && isLocked(ctx.actions, c.container));
+        if (locked) continue;
+        if (ctx.actions.accessibilityActivate(c.handle)) return true;
+    }
+    return false;
+}
+
+// The hit view and its superviews, nearest first. False when one of them cannot be read: the
+// chain cannot then be checked for locks.
+bool readChain(Context& ctx, HostHandle view, std::vector<NodeFacts>& chain) {
+    chain.clear();
+    for (HostHandle h = view; h != noHandle;) {
+        auto node = ctx.actions.readNode(h);
+        if (!node) return false;
+        h = node->superview;
+        chain.push_back(std::move(*node));
+    }
+    return !chain.empty();
+}
+
+const NodeFacts* firstInChain(const std::vector<NodeFacts>& chain,
+                              bool (*accept)(const NodeFacts&)) {
+    for (const NodeFacts& n : chain) {
+        if (accept(n)) return &n;
+    }
+    return nullptr;
+}
+
+bool listCell(Context& ctx, const std::vector<NodeFacts>& chain, bool& inertMenu) {
+    const NodeFacts* cell = firstInChain(chain, [](const NodeFacts& n) {
+        return n.kind == ViewKind::tableCell || n.kind == ViewKind::collectionCell;
+    });
+    if (!cell) return false;
+    const auto found = ctx.actions.listOfCell(cell->handle);
+    if (!found) return false;
+    const auto& [list, path] = *found;
+
+    if (list.isTable) {
+        IndexPath row = path;
+        if (list.answersWillSelect) {
+            const auto answer = ctx.actions.willSelectRow(list.list, path);
+            if (!answer) return true;  // the delegate vetoed the row
+            row = *answer;
+        }
+        ctx.actions.selectRow(list.list, row);
+        if (list.answersDidSelect) ctx.actions.didSelectRow(list.list, row);
+        return true;
+    }
+
+    const std::string description = list.typeName + list.delegateTypeName;
+    if (contains(description, "ContextMenu") || contains(description, "MenuList")) {
+        // The system's own menu list: selecting its rows does not run their actions.
+        inertMenu = true;
+        if (ctx.actions.platformVersionAtLeast(listPrimaryActionVersion) &&
+            list.answersPerformPrimaryAction) {
+            ctx.write(LogLevel::debug, "menu machinery (" + description +
+                                           ") — running performPrimaryActionForItemAt");
+            ctx.actions.performPrimaryActionForItem(list.list, path);
+            return true;
+        }
+        ctx.write(LogLevel::debug,
+                  "menu machinery (" + description +
+                      ") without primary-action support — deferring to accessibility activation");
+        return false;
+    }
+    if (ctx.logs()) {
+        ctx.write(LogLevel::debug, "list-cell candidate: cell " + cell->typeName + " in " +
+                                       list.typeName + " delegate " + list.delegateTypeName);
+    }
+    if (list.answersShouldSelect && !ctx.actions.shouldSelectItem(list.list, path)) return true;
+    ctx.actions.selectRow(list.list, path);
+    if (list.answersDidSelect) ctx.actions.didSelectRow(list.list, path);
+    return true;
+}
+
+double clampTo(double value, double low, double high) {
+    return std::min(high, std::max(value, low));
+}
+
+// Operates a control as a finger would; `inWindow` is the tap in the control's window. True
+// when it ran a button's menu.
+bool actuate(Context& ctx, const NodeFacts& control, Point inWindow) {
+    const Point p{inWindow.x - control.frame.x + control.bounds.x,
+                  inWindow.y - control.frame.y + control.bounds.y};
+    HostActions& a = ctx.actions;
+    switch (control.kind) {
+        case ViewKind::switchControl:
+            a.setOn(control.handle, !control.isOn, true);
+            a.sendActions(control.handle, controlEventValueChanged);
+            return false;
+        case ViewKind::slider: {
+            const Rect& track = control.trackRect;
+            if (track.isEmpty()) return false;
+            const double value =
+                clampTo(control.minimumValue + (p.x - track.minX()) / track.width *
+                                                   (control.maximumValue - control.minimumValue),
+                        control.minimumValue, control.maximumValue);
+            if (value == control.value || !std::isfinite(value)) return false;
+            a.setValue(control.handle, value, true);
+            a.sendActions(control.handle, controlEventValueChanged);
+            return false;
+        }
+        case ViewKind::stepper: {
+            double value = p.x < control.bounds.midX() ? control.value - control.stepValue
+                                                       : control.value + control.stepValue;
+            if (control.wraps && value > control.maximumValue) {
+                value = control.minimumValue;
+            } else if (control.wraps && value < control.minimumValue) {
+                value = control.maximumValue;
+            } else {
+                value = clampTo(value, control.minimumValue, control.maximumValue);
+            }
+            if (value == control.value || !std::isfinite(value)) return false;
+            a.setValue(control.handle, value, false);
+            a.sendActions(control.handle, controlEventValueChanged);
+            return false;
+        }
+        case ViewKind::segmentedControl: {
+            if (control.numberOfSegments < 1) break;
+            const double width =
+                control.bounds.width / static_cast<double>(control.numberOfSegments);
+            if (!(width > 0)) return false;
+            const double index = clampTo(std::trunc(p.x / width), 0,
+                                         static_cast<double>(control.numberOfSegments - 1));
+            a.setSelectedSegment(control.handle, static_cast<long>(index));
+            a.sendActions(control.handle, controlEventValueChanged);
+            return false;
+        }
+        case ViewKind::button:
+            if (control.hasMenu && control.showsMenuAsPrimaryAction &&
+                a.platformVersionAtLeast(buttonMenuVersion)) {
+                a.performPrimaryAction(control.handle);
+                return true;
+            }
+            break;
+        default:
+            break;
+    }
+    a.sendActions(control.handle, controlEventTouchUpInside);
+    return false;
+}
+
+ControlOutcome activated(bool menuHint) {
+    return menuHint ? ControlOutcome::menuOpened : ControlOutcome::none;
+}
+
+bool isChrome(Context& ctx, const WindowFacts& window) {
+    if (window.scene == noHandle) return true;
+    ctx.host.readScenes(ctx.scenes);
+    for (const SceneFacts& scene : ctx.scenes) {
+        if (scene.handle != window.scene) continue;
+        return std::find(scene.windows.begin(), scene.windows.end(), window.handle) ==
+               scene.windows.end();
+    }
+    return true;
+}
+
+std::string describeHit(Context& ctx, const NodeFacts& view, const WindowFacts& window) {
+    std::string root = "nil";
+    if (window.rootViewController != noHandle) {
+        if (const auto controller = ctx.actions.readController(window.rootViewController)) {
+            root = "Optional(" + controller->typeName + ")";
+        }
+    }
+    return view.typeName + " in " + window.typeName + " (root VC " + root + ")";
+}
+
+}  // namespace
+
+std::optional<Hit> hitTest(Context& ctx, Point point, const WindowFacts& target) {
+    if (!std::isfinite(point.x) || !std::isfinite(point.y)) return std::nullopt;
+    for (WindowFacts& window : inputWindowList(ctx.windows, target)) {
+        const Point inWindow = convertPoint(point, target, window);
+        const HostHandle view = ctx.actions.hitTest(window.handle, inWindow);
+        if (view != noHandle) return Hit{std::move(window), view, inWindow};
+    }
+    return std::nullopt;
+}
+
+ControlOutcome tap(Context& ctx, std::optional<double> x, std::optional<double> y,
+                   const WindowFacts& target) {
+    const double fx = x.value_or(0);
+    const double fy = y.value_or(0);
+    const Point point{fx * target.bounds.width, fy * target.bounds.height};
+
+    // 1. What lies under the point, front window first.
+    const auto hit = hitTest(ctx, point, target);
+    if (!hit) {
+        ctx.write(LogLevel::error, "tap at (" + fixed(fx, 2) + ", " + fixed(fy, 2) +
+                                       ") fired nothing: no window claimed the hit-test");
+        return ControlOutcome::none;
+    }
+    const WindowFacts& window = hit->window;
+    const Point p = hit->point;
+
+    // 2. A redacted view or a secure field is never operated, by any mechanism.
+    std::vector<NodeFacts> chain;
+    if (!readChain(ctx, hit->view, chain) ||
+        std::any_of(chain.begin(), chain.end(),
+                    [](const NodeFacts& n) { return lockedItself(n); })) {
+        ctx.write(LogLevel::info,
+                  "tap ignored: locked target (redacted or secure field) — by design");
+        return ControlOutcome::none;
+    }
+    const NodeFacts& view = chain.front();
+
+    // 3. The accessibility elements under the point. Read once: the steps below that fail act
+    // on nothing, so the tree they would read again is the same.
+    ctx.actions.readViews(window.handle, ctx.tree);
+    collectCandidates(ctx, window, p, ctx.tree, ctx.found);
+    sortByArea(ctx.found);
+    const bool menuHint = std::any_of(ctx.found.begin(), ctx.found.end(), [](const Candidate& c) {
+        return (c.traits & menuTrait) != 0;
+    });
+    if (ctx.logs()) ctx.write(LogLevel::debug, "tap hit " + describeHit(ctx, view, window));
+
+    // 4. A window its scene does not list is the system's (an open menu): activation only.
+    if (isChrome(ctx, window)) {
+        if (activationPass(ctx, Pass::virtualElements) || activationPass(ctx, Pass::views)) {
+            ctx.write(LogLevel::debug, "tap handled by accessibility activation in chrome window");
+            return activated(menuHint);
+        }
+        ctx.write(LogLevel::error,
+                  "tap on OS chrome (" + window.typeName + ") fired nothing — no activation");
+        return ControlOutcome::menuItemInert;
+    }
+
+    // 5. A text input takes the focus.
+    if (const NodeFacts* input = firstInChain(chain, [](const NodeFacts& n) {
+            return (n.kind == ViewKind::textField && n.enabled) ||
+                   (n.kind == ViewKind::textView && n.editable);
+        })) {
+        if (ctx.logs()) {
+            ctx.write(LogLevel::debug, "tap handled by text-input focus " + input->typeName);
+        }
+        ctx.actions.becomeFirstResponder(input->handle);
+        return ControlOutcome::none;
+    }
+
+    // 6. An element the app draws itself and exposes only to accessibility.
+    if (activationPass(ctx, Pass::virtualElements)) {
+        ctx.write(LogLevel::debug, "tap handled by virtual accessibility element");
+        return activated(menuHint);
+    }
+
+    // 7. A row of an open button menu: run its action by title.
+    if (pointInMenuCell(ctx, window, p)) {
+        const auto title = titleUnderPoint(ctx, window, p);
+        if (title && runMenuItemByTitle(ctx, *title)) {
+            ctx.write(LogLevel::debug, "menu item '" + *title + "' run via its own UIAction");
+            return ControlOutcome::none;
+        }
+    }
+
+    // 8. A table or collection row, through its delegate.
+    bool inertMenu = false;
+    if (listCell(ctx, chain, inertMenu)) {
+        ctx.write(LogLevel::debug, "tap handled by list-cell selection");
+        return ControlOutcome::none;
+    }
+
+    // 9. A control, operated as the finger would.
+    if (const NodeFacts* control = firstInChain(
+            chain, [](const NodeFacts& n) { return isControl(n.kind) && n.enabled; })) {
+        if (ctx.logs()) {
+            ctx.write(LogLevel::debug, "tap handled by UIControl actuate " + control->typeName);
+        }
+        return actuate(ctx, *control, p) ? ControlOutcome::menuOpened : ControlOutcome::none;
+    }
+
+    // 10. Any view that accepts accessibility activation.
+    if (activationPass(ctx, Pass::views)) {
+        ctx.write(LogLevel::debug, "tap handled by accessibility activation");
+        return activated(menuHint);
+    }
+
+    // 11. A responder that takes key input.
+    HostHandle responder = hit->view;
+    for (int hops = 0; responder != noHandle && hops < maximumResponderHops; ++hops) {
+        const auto node = ctx.actions.readNode(responder);
+        if (node && node->keyInput) {
+            ctx.write(LogLevel::debug, "tap handled by responder focus");
+            if (node->isView) ctx.actions.becomeFirstResponder(responder);
+            return ControlOutcome::none;
+        }
+        responder = ctx.actions.nextResponder(responder);
+    }
+
+    // 12. Nothing acted: say why, so the host app's developers know what to add.
+    if (ctx.logs()) {
+        const std::string reason =
+            ctx.found.empty()
+                ? "no accessibility element under the point — a .onTapGesture-only view or an "
+                  "accessibility-hidden control; the host app adds .accessibilityAction { } (see "
+                  "/docs), or this is an out-of-process menu item only the customer can tap"
+                : std::to_string(ctx.found.size()) +
+                      " element(s) under the point but every accessibilityActivate() was refused";
+        ctx.write(LogLevel::error, "tap fired nothing: " + view.typeName + " in " +
+                                       window.typeName + " — " + reason);
+    }
+    return inertMenu ? ControlOutcome::menuItemInert : ControlOutcome::none;
+}
+
+}  // namespace virela::input
