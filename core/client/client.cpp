@@ -17,8 +17,12 @@ constexpr const char* kResetPath = "/v1/sdk/devices/reset";
 class FlowRouter final : public PushRouter {
   public:
     FlowRouter(std::weak_ptr<CaptureConsentFlow> captureConsent,
-               std::weak_ptr<LiveSessionFlow> live)
-        : captureConsent_(std::move(captureConsent)), live_(std::move(live)) {}
+               std::weak_ptr<LiveSessionFlow> live, std::weak_ptr<ControlLease> lease,
+               std::weak_ptr<ControlIntake> intake)
+        : captureConsent_(std::move(captureConsent)),
+          live_(std::move(live)),
+          lease_(std::move(lease)),
+          intake_(std::move(intake)) {}
     void consent(const ConsentPush& push) override {
         if (auto flow = captureConsent_.lock()) flow->handleConsent(push);
     }
@@ -34,10 +38,18 @@ class FlowRouter final : public PushRouter {
     void guide(const GuidePush& push) override {
         if (auto flow = live_.lock()) flow->handleGuide(push);
     }
+    void control(const ControlPush& push) override {
+        if (auto flow = lease_.lock()) flow->handleControl(push);
+    }
+    void controlInput(const ControlInputPush& push) override {
+        if (auto flow = intake_.lock()) flow->handleInput(push);
+    }
 
   private:
     std::weak_ptr<CaptureConsentFlow> captureConsent_;
     std::weak_ptr<LiveSessionFlow> live_;
+    std::weak_ptr<ControlLease> lease_;
+    std::weak_ptr<ControlIntake> intake_;
 };
 }  // namespace
 
@@ -93,10 +105,27 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
          .sendText =
              [channel = std::weak_ptr<RealtimeChannel>(channel_)](const std::string& text) {
                  if (auto live = channel.lock()) live->send(text);
+             },
+         // The lease is made below; both live and die with this client.
+         .onStopped =
+             [this] {
+                 if (lease_) lease_->endLocally();
+             },
+         .onVisibleStateCheck =
+             [this](const std::string& sessionId) {
+                 if (lease_) lease_->visibleStateCheck(sessionId);
              }},
         *this);
+    lease_ = ControlLease::create(
+        {.platform = platform_, .prompt = prompt_, .overlay = overlay_, .live = live_}, *this);
+    intake_ = ControlIntake::create({.platform = platform_,
+                                     .prompt = prompt_,
+                                     .live = live_,
+                                     .lease = lease_,
+                                     .route = std::move(options.applyInput)},
+                                    *this);
     health_ = HealthReporter::create(platform_, *this);
-    router_ = std::make_shared<FlowRouter>(captureConsent_, live_);
+    router_ = std::make_shared<FlowRouter>(captureConsent_, live_, lease_, intake_);
 }
 
 VirelaClient::~VirelaClient() {
@@ -280,11 +309,9 @@ void VirelaClient::onEnterBackground() {
 
 void VirelaClient::onEnterForeground() {
     if (stopped_) return;
-    if (pendingControl_) {
-        ControlPush held = std::move(*pendingControl_);
-        pendingControl_.reset();
+    if (std::optional<ControlPush> held = lease_->takePending()) {
         std::weak_ptr<VirelaClient> weak = weak_from_this();
-        platform_->main->post([weak, held = std::move(held)] {
+        platform_->main->post([weak, held = std::move(*held)] {
             if (auto self = weak.lock()) self->router_->control(held);
         });
     }
@@ -292,7 +319,8 @@ void VirelaClient::onEnterForeground() {
 }
 
 void VirelaClient::setRouter(std::shared_ptr<PushRouter> router) {
-    router_ = router ? std::move(router) : std::make_shared<FlowRouter>(captureConsent_, live_);
+    router_ = router ? std::move(router)
+                     : std::make_shared<FlowRouter>(captureConsent_, live_, lease_, intake_);
 }
 
 void VirelaClient::route(Push push) {

@@ -4,10 +4,9 @@
 // configure, the stored registration, the host's callbacks and the window registry. It runs
 // the lifecycle (configure, identify, reset, stop) and hands each push to the flow that owns it.
 //
-// Flows: the realtime channel, the capture consent flow, the live session and the health
-// reporter. The control lease joins the same way: a class of its own in its subsystem, made in
-// the constructor with the parts it needs and this client as its FlowContext, and a branch in
-// route() and in stop().
+// Flows: the realtime channel, the capture consent flow, the live session, the control lease
+// with its input intake, and the health reporter. Each is a class of its own in its subsystem,
+// made in the constructor with the parts it needs and this client as its FlowContext.
 //
 // Confined to the main executor: every member function except supportCode() runs there.
 
@@ -25,6 +24,8 @@
 #include "core/consent/consent_prompt.hpp"
 #include "core/flow/flow_context.hpp"
 #include "core/health/health_reporter.hpp"
+#include "core/lease/control_intake.hpp"
+#include "core/lease/control_lease.hpp"
 #include "core/live/live_overlay.hpp"
 #include "core/live/live_session.hpp"
 #include "core/live/session_banner.hpp"
@@ -47,6 +48,7 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     struct Options {
         std::shared_ptr<VirelaClock> clock;  // SystemClock over the platform's main executor
         TransportFactory transportFactory;   // a Transport over the platform's HTTP client
+        ControlIntake::Route applyInput;     // the input engine; tests watch input land here
     };
 
     static std::shared_ptr<VirelaClient> create(std::shared_ptr<const Platform> platform,
@@ -80,7 +82,7 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     void onEnterBackground();
     void onEnterForeground();
     // A control request held back while in the background; replayed on the next foreground.
-    void holdControlRequest(ControlPush push) { pendingControl_ = std::move(push); }
+    void holdControlRequest(ControlPush push) { lease_->hold(std::move(push)); }
 
     // Replaces the router (null restores the client's own, which feeds the flows).
     void setRouter(std::shared_ptr<PushRouter> router);
@@ -97,6 +99,7 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     ConsentPrompt& prompt() const noexcept { return *prompt_; }
     SessionBanner& sessionBanner() const noexcept { return *sessionBanner_; }
     LiveSessionFlow& liveSession() const noexcept { return *live_; }
+    ControlLease& controlLease() const noexcept { return *lease_; }
     const Platform& platform() const noexcept { return *platform_; }
 
     // The install identifier for `key`, created and stored on first use.
@@ -123,7 +126,6 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     VirelaCallbacks callbacks_;
     std::unique_ptr<Subscription> backgroundObserver_;
     std::unique_ptr<Subscription> foregroundObserver_;
-    std::optional<ControlPush> pendingControl_;
 
     // Configures are numbered; a reply older than the one applied is not applied.
     std::uint64_t configuresStarted_ = 0;
@@ -137,6 +139,8 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     std::shared_ptr<CaptureConsentFlow> captureConsent_;
     std::shared_ptr<LiveOverlay> overlay_;  // null without an overlay presenter
     std::shared_ptr<LiveSessionFlow> live_;
+    std::shared_ptr<ControlLease> lease_;
+    std::shared_ptr<ControlIntake> intake_;
     std::shared_ptr<HealthReporter> health_;
     std::shared_ptr<PushRouter> router_;
 

@@ -64,11 +64,11 @@ std::optional<Url> logoAddress(const std::optional<std::string>& logoUrl) {
     return url;
 }
 
-ConsentSheet makeConsentSheet(CaptureMode mode, const std::string& consentCopy,
-                              const std::optional<std::string>& agentName,
-                              const std::optional<std::string>& workspaceName,
-                              const std::optional<std::string>& logoUrl) {
-    const ConsentLabels& labels = consentLabels(mode);
+namespace {
+ConsentSheet composeSheet(const ConsentLabels& labels, const std::string& consentCopy,
+                          const std::optional<std::string>& agentName,
+                          const std::optional<std::string>& workspaceName,
+                          const std::optional<std::string>& logoUrl) {
     return ConsentSheet{
         .title = labels.title,
         .body = consentBody(consentCopy, agentName, workspaceName),
@@ -77,6 +77,27 @@ ConsentSheet makeConsentSheet(CaptureMode mode, const std::string& consentCopy,
         .denyTitle = labels.deny,
         .logo = logoAddress(logoUrl),
     };
+}
+}  // namespace
+
+ConsentSheet makeConsentSheet(CaptureMode mode, const std::string& consentCopy,
+                              const std::optional<std::string>& agentName,
+                              const std::optional<std::string>& workspaceName,
+                              const std::optional<std::string>& logoUrl) {
+    return composeSheet(consentLabels(mode), consentCopy, agentName, workspaceName, logoUrl);
+}
+
+const ConsentLabels& controlLabels() noexcept {
+    static constexpr ConsentLabels control{"Let support control your screen?", "Allow control",
+                                           "Not now"};
+    return control;
+}
+
+ConsentSheet makeControlSheet(const std::string& consentCopy,
+                              const std::optional<std::string>& agentName,
+                              const std::optional<std::string>& workspaceName,
+                              const std::optional<std::string>& logoUrl) {
+    return composeSheet(controlLabels(), consentCopy, agentName, workspaceName, logoUrl);
 }
 
 }  // namespace virela

@@ -39,6 +39,14 @@ ConsentSheet makeConsentSheet(CaptureMode mode, const std::string& consentCopy,
                               const std::optional<std::string>& workspaceName,
                               const std::optional<std::string>& logoUrl);
 
+// The labels of the remote-control sheet, and that sheet: the same composition as a consent
+// sheet with its own title and buttons.
+const ConsentLabels& controlLabels() noexcept;
+ConsentSheet makeControlSheet(const std::string& consentCopy,
+                              const std::optional<std::string>& agentName,
+                              const std::optional<std::string>& workspaceName,
+                              const std::optional<std::string>& logoUrl);
+
 // Which palette colour each element of a sheet takes. The prompts share the eight theme slots.
 struct SheetColors {
     AdaptiveColor dimming;  // drawn at `dimmingAlpha`

@@ -241,6 +241,7 @@ void LiveSessionFlow::stopLocally() {
     recordingGeneration_.reset();
     uploads_.reset();
     if (parts_.overlay) parts_.overlay->hide();
+    if (parts_.onStopped) parts_.onStopped();
     if (!ended) return;
     if (const auto& onLiveEnded = context_.callbacks().onLiveEnded)
         onLiveEnded(LiveSession{*ended});
@@ -254,6 +255,7 @@ void LiveSessionFlow::visibleStateCheck(const std::string& sessionId) {
     }
     if (sharingGeneration_) confirmIndicator(sessionId, "sharing", *sharingGeneration_);
     if (recordingGeneration_) confirmIndicator(sessionId, "recording", *recordingGeneration_);
+    if (parts_.onVisibleStateCheck) parts_.onVisibleStateCheck(sessionId);
 }
 
 void LiveSessionFlow::handleNote(const LiveNotePush& push) {

@@ -46,6 +46,11 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
         // Sends one text message on the realtime channel when it is connected; nothing
         // otherwise.
         std::function<void(const std::string& text)> sendText;
+        // Remote control lives in a layer above this one and belongs to the session: it ends
+        // with every teardown, and its banner is checked on the 10-second tick while the
+        // session still runs (after the sharing and recording confirmations).
+        std::function<void()> onStopped;
+        std::function<void(const std::string& sessionId)> onVisibleStateCheck;
     };
     // `context` is the client that owns the flow and outlives it.
     static std::shared_ptr<LiveSessionFlow> create(Parts parts, FlowContext& context);
@@ -67,6 +72,12 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
         return recordingGeneration_;
     }
 
+    // One confirmation that the indicator of `kind` is on screen under `generation`; a refusal
+    // or failure is only logged. Every kind ("sharing", "recording", "control") goes through
+    // here.
+    void confirmIndicator(const std::string& sessionId, const std::string& kind,
+                          const std::string& generation);
+
   private:
     LiveSessionFlow(Parts parts, FlowContext& context);
 
@@ -76,8 +87,6 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
     void frameTick(const std::string& sessionId);
     void customerStop();
     void visibleStateCheck(const std::string& sessionId);
-    void confirmIndicator(const std::string& sessionId, const std::string& kind,
-                          const std::string& generation);
     void reportPromptShown(const std::optional<std::string>& promptId);
 
     Parts parts_;
