@@ -16,6 +16,7 @@ namespace virela::testing {
 class RecordingPresenter final : public OverlayPresenter {
   public:
     bool canShow = true;
+    bool canShowBanner = true;
     bool showing = false;
     bool banner = false;
     std::string status;
@@ -55,7 +56,7 @@ class RecordingPresenter final : public OverlayPresenter {
     void fadeOutToast() override { ++toastFades; }
     bool showControlBanner(std::function<void()> onTakeBack) override {
         takeBack = std::move(onTakeBack);
-        banner = showing;
+        banner = showing && canShowBanner;
         return banner;
     }
     void hideControlBanner() override { banner = false; }
