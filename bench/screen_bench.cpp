@@ -7,6 +7,8 @@
 #include <random>
 
 #include "core/capture/capture.hpp"
+#include "core/control/input_engine.hpp"
+#include "core/control/windows.hpp"
 #include "core/live/live_overlay.hpp"
 #include "core/transport/transport.hpp"
 #include "platform/headless/host/builder.hpp"
@@ -146,6 +148,47 @@ BENCHMARK(redactionWalkCoreOnly)
     ->Arg(30000)
     ->Complexity(benchmark::oN)
     ->Unit(benchmark::kMicrosecond);
+
+// A remote tap through the ladder on the same kind of tree: hit-test, the locked test, the
+// accessibility candidates under the point (every seventh view is an element that refuses),
+// the menu-row lookup, and the activation of the one element that accepts.
+void tapLadder(benchmark::State& state) {
+    const auto views = static_cast<int>(state.range(0));
+    GeneratedScreen screen(views - 1, 0);
+    WindowRegistry registry{screen.host};
+    int index = 0;
+    std::vector<View*> pending{screen.window.get()};
+    while (!pending.empty()) {
+        View* v = pending.back();
+        pending.pop_back();
+        if (++index % 7 == 0) {
+            v->isAccessibilityElement = true;
+            v->onActivate = [] { return false; };
+        }
+        for (const auto& child : v->subviews()) pending.push_back(child.get());
+    }
+    auto target = add(*screen.window, view({180, 400, 40, 40}));
+    target->isAccessibilityElement = true;
+    int activations = 0;
+    target->onActivate = [&] { return ++activations > 0; };
+    InputEngine engine{{screen.host, screen.host, std::make_shared<NullLog>()}, registry};
+    const WindowFacts window = *screen.host->readWindow(screen.window->handle());
+    const ControlInputPush tap{.action = "tap", .x = 200 / 390.0, .y = 420 / 844.0};
+    for (auto _ : state) benchmark::DoNotOptimize(engine.route(tap, window));
+    if (activations == 0) state.SkipWithError("the tap activated nothing");
+    state.SetComplexityN(views);
+}
+BENCHMARK(tapLadder)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Complexity(benchmark::oN)
+    ->Unit(benchmark::kMicrosecond);
+
+// Baseline for tapLadder: a bare scan of a tree of the same size.
+void tapLadderBaselineBareScan(benchmark::State& state) {
+    redactionWalkBaselineBareScan(state);
+}
+BENCHMARK(tapLadderBaselineBareScan)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
 // A realistic 390 × 844 screen: a list of cards with labels and fields, a few redacted.
 struct PhoneScreen {
