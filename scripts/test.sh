@@ -37,6 +37,10 @@ cmake --build build/fuzz --target virela_dispatch_fuzz -- -j"$jobs"
 mkdir -p build/fuzz/corpus
 build/fuzz/fuzz/virela_dispatch_fuzz -runs=100000 -seed=1 -dict=fuzz/dispatch.dict \
     build/fuzz/corpus fuzz/corpus/dispatch 2>&1 | tail -n 1
+echo "== fuzzing remote input against locked views (a fixed, short run)"
+cmake --build build/fuzz --target virela_input_fuzz -- -j"$jobs"
+mkdir -p build/fuzz/corpus-input
+build/fuzz/fuzz/virela_input_fuzz -runs=20000 -seed=1 build/fuzz/corpus-input 2>&1 | tail -n 1
 
 echo "== tests under address and undefined-behaviour sanitizers"
 cmake -S . -B build/sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVIRELA_SANITIZE=ON \
