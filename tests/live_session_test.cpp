@@ -119,7 +119,7 @@ TEST_F(LiveSessionTest, AnAllowedRequestStartsFramesUnderTheOverlay) {
 
     // One frame at once, then one per third of a second: a JPEG in the one multipart part.
     ASSERT_EQ(to("/v1/sdk/live/s1/frame").size(), 1u);
-    const std::string& body = to("/v1/sdk/live/s1/frame")[0].body;
+    const std::string body = to("/v1/sdk/live/s1/frame")[0].body;
     EXPECT_NE(body.find("filename=\"capture.png\""), std::string::npos);
     EXPECT_NE(body.find("\xFF\xD8\xFF"), std::string::npos);
     answer("/v1/sdk/live/s1/frame", 200);
