@@ -97,6 +97,14 @@ struct Screen {
         auto scroller = add(*window, scrollView({0, 300, 390, 200}, {390, 900}));
         scroller->contentInset = {.top = 20, .bottom = 20};
         add(*scroller, segmented({20, 20, 300, 30}, 3, 0));
+        auto row = add(*scroller, std::make_shared<View>(ViewKind::view, "_UIContextMenuCell"));
+        row->frame = {20, 100, 200, 44};
+        add(*row, label({10, 10, 150, 24}, "Copy"))->isAccessibilityElement = false;
+        auto list = add(*window, std::make_shared<View>(ViewKind::tableView));
+        list->frame = {0, 250, 290, 50};
+        auto cell = add(*list, std::make_shared<View>(ViewKind::tableCell));
+        cell->frame = {0, 0, 290, 50};
+        cell->indexPath = IndexPath{0, 0};
 
         // What may not: a redacted card with controls, a list and elements inside it.
         auto card = add(*window, view({0, 500, 390, 200}, rgb(0xFFFFFF)));
@@ -112,9 +120,9 @@ struct Screen {
             touched = true;
             return std::optional<IndexPath>(p);
         };
-        auto cell = lock(add(*table, std::make_shared<View>(ViewKind::tableCell)));
-        cell->frame = {0, 0, 390, 50};
-        cell->indexPath = IndexPath{0, 0};
+        auto lockedCell = lock(add(*table, std::make_shared<View>(ViewKind::tableCell)));
+        lockedCell->frame = {0, 0, 390, 50};
+        lockedCell->indexPath = IndexPath{0, 0};
         auto chart = lock(add(*card, view({200, 50, 190, 50})));
         chart->accessibilityElementsPresent = true;
         auto element = std::make_shared<AccessibilityElement>();

@@ -12,6 +12,8 @@ namespace {
 constexpr double minimumViewAlpha = 0.01;
 // Element lists that point back at their own containers must not recurse forever.
 constexpr int maximumElementNesting = 32;
+// Nor may element lists that name each other many times over.
+constexpr std::size_t maximumElementVisits = 100000;
 // An element count outside this range is the platform's "not found" or garbage.
 constexpr long maximumElementCount = 999;
 
@@ -47,6 +49,7 @@ void collectElements(Context& ctx, const WindowFacts& window, Point point, const
 // element list names.
 void collectNode(Context& ctx, const WindowFacts& window, Point point, HostHandle handle,
                  int nesting, std::vector<Candidate>& out) {
+    if (++ctx.elementVisits > maximumElementVisits) return;
     const auto node = ctx.actions.readNode(handle);
     if (!node) return;
     if (node->isView && (node->hidden || node->alpha < minimumViewAlpha)) return;
@@ -98,6 +101,7 @@ Rect frameIn(Context& ctx, const NodeFacts& node, const WindowFacts& window) {
 void collectCandidates(Context& ctx, const WindowFacts& hitWindow, Point point,
                        const std::vector<NodeFacts>& tree, std::vector<Candidate>& out) {
     out.clear();
+    ctx.elementVisits = 0;
     for (std::size_t i = 0; i < tree.size(); ++i) {
         const NodeFacts& node = tree[i];
         if (node.hidden || node.alpha < minimumViewAlpha) {

@@ -41,6 +41,7 @@ struct Context {
     std::vector<NodeFacts> other;  // any other window's views
     std::vector<Candidate> found;  // candidates under the tap, smallest first
     std::vector<SceneFacts> scenes;
+    std::size_t elementVisits = 0;  // nodes read one by one in the current collection
 
     void write(LogLevel level, std::string_view line) const {
         if (log) log->write(level, line);
