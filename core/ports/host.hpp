@@ -228,9 +228,9 @@ enum class ControllerKind { plain, navigation, tabBar };
 struct ControllerFacts {
     HostHandle handle = noHandle;
     ControllerKind kind = ControllerKind::plain;
-    std::string typeName;
     HostHandle presented = noHandle;
     HostHandle top = noHandle;  // navigation: topViewController; tab bar: selectedViewController
+    std::string typeName;       // the controller's class name, for log lines
 };
 
 inline constexpr std::uint64_t controlEventValueChanged = 0x1000;
