@@ -8,14 +8,18 @@
 namespace virela {
 
 InputEngine::InputEngine(Parts parts, WindowRegistry& windows)
-    : parts_(std::move(parts)),
-      windows_(windows),
-      context_(std::make_unique<input::Context>(input::Context{
-          *parts_.host, *parts_.actions, parts_.log.get(), windows_, {}, {}, {}, {}})) {}
+    : parts_(std::move(parts)), windows_(windows) {
+    // Without a host there is nothing to act on: every input is then ignored.
+    if (parts_.host && parts_.actions) {
+        context_ = std::make_unique<input::Context>(
+            input::Context{*parts_.host, *parts_.actions, parts_.log.get(), windows_});
+    }
+}
 
 InputEngine::~InputEngine() = default;
 
 ControlOutcome InputEngine::route(const ControlInputPush& input, const WindowFacts& target) {
+    if (!context_) return ControlOutcome::none;
     input::Context& ctx = *context_;
     if (input.action == "scroll") {
         input::scroll(ctx, input.x, input.y, input.dx, input.dy, target);
