@@ -77,9 +77,10 @@ std::string describeMarks(const OverlayState& state) {
 
 }  // namespace
 
-void playLive(Server& backend, Runtime& runtime, const std::shared_ptr<SampleApp>& app,
-              const std::string& deviceId, const std::filesystem::path& outDir,
-              ConsentPolicy policy) {
+std::optional<std::string> playLive(Server& backend, Runtime& runtime,
+                                    const std::shared_ptr<SampleApp>& app,
+                                    const std::string& deviceId,
+                                    const std::filesystem::path& outDir, ConsentPolicy policy) {
     virela::devserver::LiveRequest request;
     request.agentName = "Dana";
     request.workspaceName = "Acme";
@@ -88,17 +89,17 @@ void playLive(Server& backend, Runtime& runtime, const std::shared_ptr<SampleApp
     const auto asked = backend.requestLive(deviceId, request);
     if (!asked) {
         say("agent: the device is not connected");
-        return;
+        return std::nullopt;
     }
     const std::string id = asked->sessionId;
     const auto answerTime = policy == ConsentPolicy::ask ? 70s : 10s;
     if (!backend.waitForLiveAnswer(id, answerTime)) {
         say("agent: no answer to the live request");
-        return;
+        return std::nullopt;
     }
     if (backend.liveSession(id)->answers.front() == false) {
         say("agent: the customer chose not to share the screen");
-        return;
+        return std::nullopt;
     }
 
     // The backend confirms the session with a generation; the device confirms its indicator.
@@ -211,11 +212,16 @@ void playLive(Server& backend, Runtime& runtime, const std::shared_ptr<SampleApp
         say("customer: the marks are gone (" + describeMarks(*state) + " on screen)");
     }
 
+    return id;
+}
+
+void stopSharing(Server& backend, Runtime& runtime, const std::string& sessionId) {
+    const std::size_t answers = backend.liveSession(sessionId)->answers.size();
     say("customer: taps [Stop]");
     runtime.runOnMain([&] { runtime.overlay()->press("Stop"); });
-    if (backend.waitForLiveAnswer(id, 5s, 2)) {
+    if (backend.waitForLiveAnswer(sessionId, 5s, answers + 1)) {
         say("agent: the device reports that the customer stopped sharing; " +
-            std::to_string(backend.liveSession(id)->frames) + " frames in all");
+            std::to_string(backend.liveSession(sessionId)->frames) + " frames in all");
     }
 }
 

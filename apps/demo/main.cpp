@@ -77,6 +77,10 @@ void installHostCallbacks(demo::HostOutcomes& outcomes) {
                 say("host: onError: " + demo::failureText(e));
                 outcomes.add();
             },
+        .onRemoteControl =
+            [](bool active) {
+                say(std::string("host: onRemoteControl: ") + (active ? "true" : "false"));
+            },
         .onLiveEnded =
             [](const virela::LiveSession& session) {
                 say("host: onLiveEnded: " + session.sessionId);
@@ -203,7 +207,11 @@ int main(int argc, char** argv) {
         }
         demo::playScreenshots(backend, outcomes, device.deviceId, options->outDir,
                               options->consent);
-        demo::playLive(backend, runtime, app, device.deviceId, options->outDir, options->consent);
+        if (const auto live = demo::playLive(backend, runtime, app, device.deviceId,
+                                             options->outDir, options->consent)) {
+            demo::playControl(backend, runtime, app, device.deviceId, *live, options->consent);
+            demo::stopSharing(backend, runtime, *live);
+        }
         demo::playAgent(backend, runtime, device.deviceId);
     }
 

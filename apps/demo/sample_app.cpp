@@ -32,8 +32,8 @@ constexpr double menuRowHeight = 44;
 
 // UIKit's editing events: a text field sends them through its actions when it gains focus and
 // after each change of its text.
-constexpr std::uint64_t editingDidBegin = std::uint64_t{1} << 16;
-constexpr std::uint64_t editingChanged = std::uint64_t{1} << 17;
+constexpr std::uint64_t editingDidBegin = virela::controlEventEditingDidBegin;
+constexpr std::uint64_t editingChanged = virela::controlEventEditingChanged;
 
 // The kind a driver knows an interactive view by; empty for anything else.
 std::string_view kindOf(const View& v) {
@@ -376,6 +376,8 @@ std::shared_ptr<View> SampleApp::find(std::string_view label) const {
     for (const auto& controller : {checkout_, orderDetails_}) {
         if (auto found = findIn(controller->view, label)) return found;
     }
+    // The delivery menu's rows, while it is open.
+    if (!menu_->hidden) return findIn(menu_, label);
     return nullptr;
 }
 

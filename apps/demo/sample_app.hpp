@@ -38,8 +38,9 @@ class SampleApp : public std::enable_shared_from_this<SampleApp> {
         return orderDetails_;
     }
 
-    // The view with this accessibility label on the top screen, else on the other screen; null
-    // if there is none. The checkout's scroll area is "Checkout".
+    // The view with this accessibility label on the top screen, else on the other screen, else
+    // in the delivery menu while it is open; null if there is none. The checkout's scroll area
+    // is "Checkout".
     std::shared_ptr<virela::headless::View> find(std::string_view label) const;
 
     // What the row "Order details" and the button "Back" do: push or pop, then print the new

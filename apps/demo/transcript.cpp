@@ -17,8 +17,9 @@ std::mutex printMutex;
 std::string text(const std::optional<std::string>& value) {
     return value ? *value : "-";
 }
+// Fractions from the wire, to a tenth of a percent.
 std::string optionalNumber(const std::optional<double>& value) {
-    return value ? number(*value) : "-";
+    return value ? number(std::round(*value * 1000) / 1000) : "-";
 }
 }  // namespace
 
@@ -87,7 +88,18 @@ std::string describe(const virela::Push& push) {
                    text(p.generation);
         }
         std::string operator()(const ControlInputPush& p) const {
-            return p.action + " at (" + optionalNumber(p.x) + ", " + optionalNumber(p.y) + ")";
+            if (p.action == "type") {
+                // A text may be long; the line shows its start.
+                const std::string shown = p.text.value_or("");
+                return "type \"" + shown.substr(0, 40) + (shown.size() > 40 ? "…" : "") + "\"";
+            }
+            if (p.action == "key") return "key " + p.key.value_or("-");
+            std::string line =
+                p.action + " at (" + optionalNumber(p.x) + ", " + optionalNumber(p.y) + ")";
+            if (p.action == "scroll") {
+                line += " by (" + optionalNumber(p.dx) + ", " + optionalNumber(p.dy) + ")";
+            }
+            return line;
         }
         std::string operator()(const SessionPush& p) const { return "state " + p.state; }
         std::string operator()(const ExpiredPush&) const { return "the pending request expired"; }

@@ -235,6 +235,11 @@ struct ControllerFacts {
 
 inline constexpr std::uint64_t controlEventValueChanged = 0x1000;
 inline constexpr std::uint64_t controlEventTouchUpInside = 0x40;
+// What a text field sends when it gains the focus, when its text changes and when it loses the
+// focus.
+inline constexpr std::uint64_t controlEventEditingDidBegin = 0x10000;
+inline constexpr std::uint64_t controlEventEditingChanged = 0x20000;
+inline constexpr std::uint64_t controlEventEditingDidEnd = 0x40000;
 inline constexpr std::uint64_t controlEventPrimaryActionTriggered = 0x2000;
 
 // Reading on demand and acting, for remote input and screen-change detection. Effects return

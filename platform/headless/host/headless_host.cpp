@@ -10,6 +10,11 @@
 namespace virela::headless {
 namespace {
 
+// A text field tells its targets about editing, as UIKit's does; other views send nothing.
+void sendEditing(View& v, std::uint64_t event) {
+    if (v.kind() == ViewKind::textField && v.onActions) v.onActions(event);
+}
+
 std::atomic<std::uint64_t> generation{0};
 
 }  // namespace
@@ -353,6 +358,7 @@ bool HeadlessHost::becomeFirstResponder(HostHandle responder) {
     if (v->kind() == ViewKind::textField && !v->enabled) return false;
     resignAll(*v->window());
     v->firstResponder = true;
+    sendEditing(*v, controlEventEditingDidBegin);
     return true;
 }
 
@@ -360,6 +366,7 @@ bool HeadlessHost::resignFirstResponder(HostHandle responder) {
     View* v = resolve<View>(responder);
     if (!v || !v->firstResponder) return false;
     v->firstResponder = false;
+    sendEditing(*v, controlEventEditingDidEnd);
     return true;
 }
 
@@ -367,6 +374,7 @@ bool HeadlessHost::insertText(HostHandle responder, const std::string& text) {
     View* v = resolve<View>(responder);
     if (!v || !v->keyInput) return false;
     v->text += text;
+    sendEditing(*v, controlEventEditingChanged);
     return true;
 }
 
@@ -379,6 +387,7 @@ bool HeadlessHost::deleteBackward(HostHandle responder) {
         v->text.pop_back();
         if ((last & 0xC0) != 0x80) break;
     }
+    sendEditing(*v, controlEventEditingChanged);
     return true;
 }
 
