@@ -11,8 +11,8 @@ InputEngine::InputEngine(Parts parts, WindowRegistry& windows)
     : parts_(std::move(parts)), windows_(windows) {
     // Without a host there is nothing to act on: every input is then ignored.
     if (parts_.host && parts_.actions) {
-        context_ = std::make_unique<input::Context>(
-            input::Context{*parts_.host, *parts_.actions, parts_.log.get(), windows_});
+        context_ = std::make_unique<input::Context>(input::Context{
+            *parts_.host, *parts_.actions, parts_.log.get(), windows_, {}, {}, {}, {}, 0});
     }
 }
 
