@@ -264,17 +264,26 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
         return std::nullopt;
     };
 
+    // The answering device, or the reply that turns the request away: answers and take-backs
+    // may come after the backend ended the session, so only a session this device was never part
+    // of is refused (404).
+    auto answering = [&registry, &live](const RecordedRequest& request,
+                                        std::string_view sessionId) -> std::optional<Reply> {
+        std::optional<std::string> token = deviceToken(request, registry);
+        std::optional<std::string> deviceId = token ? registry.deviceIdOf(*token) : std::nullopt;
+        if (!deviceId) return unauthorized();
+        if (live.standing(sessionId, *deviceId) == LiveBook::Standing::unknown) {
+            return jsonError(404, "not_found", "No live session " + std::string(sessionId) + ".");
+        }
+        return std::nullopt;
+    };
+
     router.add("POST", "/v1/sdk/live/{sessionId}/respond",
-               [&registry, &live](const RecordedRequest& request, const PathParams& params) {
+               [answering, &live](const RecordedRequest& request, const PathParams& params) {
                    // A stop may come after the backend ended the session; it is still an answer.
-                   std::optional<std::string> token = deviceToken(request, registry);
-                   std::optional<std::string> deviceId =
-                       token ? registry.deviceIdOf(*token) : std::nullopt;
-                   if (!deviceId) return unauthorized();
                    const std::string_view sessionId = params.get("sessionId");
-                   if (live.standing(sessionId, *deviceId) == LiveBook::Standing::unknown) {
-                       return jsonError(404, "not_found",
-                                        "No live session " + std::string(sessionId) + ".");
+                   if (std::optional<Reply> refused = answering(request, sessionId)) {
+                       return std::move(*refused);
                    }
                    std::optional<json> body = parseObject(request.body);
                    if (!body) return notAnObject();
@@ -327,15 +336,10 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
 
     // Like the live answer, a take-back may come after the backend ended control or the session.
     router.add("POST", "/v1/sdk/live/{sessionId}/control/respond",
-               [&registry, &live](const RecordedRequest& request, const PathParams& params) {
-                   std::optional<std::string> token = deviceToken(request, registry);
-                   std::optional<std::string> deviceId =
-                       token ? registry.deviceIdOf(*token) : std::nullopt;
-                   if (!deviceId) return unauthorized();
+               [answering, &live](const RecordedRequest& request, const PathParams& params) {
                    const std::string_view sessionId = params.get("sessionId");
-                   if (live.standing(sessionId, *deviceId) == LiveBook::Standing::unknown) {
-                       return jsonError(404, "not_found",
-                                        "No live session " + std::string(sessionId) + ".");
+                   if (std::optional<Reply> refused = answering(request, sessionId)) {
+                       return std::move(*refused);
                    }
                    std::optional<json> body = parseObject(request.body);
                    if (!body) return notAnObject();

@@ -283,21 +283,6 @@ HostHandle HeadlessHost::elementAt(HostHandle node, long index) {
 
 namespace {
 
-// The platform's hit-test: the deepest visible, interactive view under a point given in the
-// view's bounds coordinates.
-View* hitView(View& v, Point p) {
-    if (v.hidden || !v.userInteractionEnabled || v.alpha < 0.01) return nullptr;
-    if (!v.bounds().contains(p)) return nullptr;
-    const auto& children = v.subviews();
-    for (auto it = children.rbegin(); it != children.rend(); ++it) {
-        View& child = **it;
-        const Point q{p.x - child.frame.x + child.boundsOrigin.x,
-                      p.y - child.frame.y + child.boundsOrigin.y};
-        if (View* hit = hitView(child, q)) return hit;
-    }
-    return &v;
-}
-
 Point intoView(const View& v, Point inWindow) {
     const Rect f = v.frameInWindow();
     return {inWindow.x - f.x + v.boundsOrigin.x, inWindow.y - f.y + v.boundsOrigin.y};
@@ -309,7 +294,7 @@ HostHandle HeadlessHost::hitTest(HostHandle handle, Point point) {
     Window* w = resolve<Window>(handle);
     if (!w) return noHandle;
     if (!w->passthrough) {
-        View* hit = hitView(*w, point);
+        View* hit = w->hitTest(point);
         return hit ? hit->handle() : noHandle;
     }
     std::vector<std::shared_ptr<View>> targets;
@@ -322,7 +307,7 @@ HostHandle HeadlessHost::hitTest(HostHandle handle, Point point) {
     });
     if (!index) return noHandle;
     View& target = *targets[*index];
-    View* hit = hitView(target, intoView(target, point));
+    View* hit = target.hitTest(intoView(target, point));
     return (hit ? hit : &target)->handle();
 }
 

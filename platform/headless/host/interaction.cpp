@@ -57,6 +57,18 @@ std::shared_ptr<ViewController> ViewController::dismiss() {
     return modal;
 }
 
+View* View::hitTest(Point p) {
+    if (hidden || !userInteractionEnabled || alpha < 0.01) return nullptr;
+    if (!bounds().contains(p)) return nullptr;
+    for (auto it = subviews_.rbegin(); it != subviews_.rend(); ++it) {
+        View& child = **it;
+        const Point q{p.x - child.frame.x + child.boundsOrigin.x,
+                      p.y - child.frame.y + child.boundsOrigin.y};
+        if (View* hit = child.hitTest(q)) return hit;
+    }
+    return this;
+}
+
 void ViewController::selectTab(std::size_t index) {
     if (index >= children.size()) return;
     const std::shared_ptr<ViewController> previous =
@@ -66,21 +78,6 @@ void ViewController::selectTab(std::size_t index) {
 }
 
 namespace {
-
-// The deepest visible, interactive view under `p` (in `v`'s bounds coordinates), as a touch
-// finds it.
-View* touchedView(View& v, Point p) {
-    if (v.hidden || !v.userInteractionEnabled || v.alpha < 0.01) return nullptr;
-    if (!v.bounds().contains(p)) return nullptr;
-    const auto& children = v.subviews();
-    for (auto it = children.rbegin(); it != children.rend(); ++it) {
-        View& child = **it;
-        const Point q{p.x - child.frame.x + child.boundsOrigin.x,
-                      p.y - child.frame.y + child.boundsOrigin.y};
-        if (View* hit = touchedView(child, q)) return hit;
-    }
-    return &v;
-}
 
 // The furthest a scroll view's content offset may go on one axis.
 double clampOffset(double offset, double content, double size, double before, double after) {
@@ -94,7 +91,7 @@ double clampOffset(double offset, double content, double size, double before, do
 void Window::drag(Point from, Point to, int steps) {
     steps = std::max(steps, 1);
     const std::shared_ptr<View> keep = weak_from_this().lock();
-    View* hit = touchedView(*this, from);
+    View* hit = hitTest(from);
     if (!hit) hit = this;
 
     // Who sees the drag is settled when the finger lands, innermost first, as on the platform.

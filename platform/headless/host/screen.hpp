@@ -206,6 +206,10 @@ class View : public Handled, public std::enable_shared_from_this<View> {
     Rect bounds() const noexcept {
         return {boundsOrigin.x, boundsOrigin.y, frame.width, frame.height};
     }
+    // The deepest visible, interactive view under `p` (in this view's bounds coordinates), as
+    // UIKit's hit-test finds it; null when the touch misses this view.
+    View* hitTest(Point p);
+
     // The view's bounds converted to its window (the model geometry); null without a window.
     Rect frameInWindow() const noexcept { return inWindow(false); }
     // The same for where it is drawn (presentation geometry of it and its ancestors).
