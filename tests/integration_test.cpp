@@ -586,5 +586,86 @@ TEST_F(Integration, ALiveSessionRunsFromTheSheetToTheBackendsEnd) {
     EXPECT_EQ(ended, std::vector<std::string>{id});
 }
 
+TEST_F(Integration, RemoteControlActsOnlyUnderTheLeaseAndNeverOnASecureField) {
+    using namespace std::chrono_literals;
+    auto log = std::make_shared<KeptLog>();
+    std::mutex mutex;
+    std::vector<bool> remote;
+    std::shared_ptr<headless::View> toggle;
+    std::shared_ptr<headless::View> password;
+    std::shared_ptr<headless::View> name;
+    runtime->runOnMain([&] {
+        auto platform = std::make_shared<Platform>(*runtime->platform());
+        platform->log = log;
+        client = VirelaClient::create(platform);
+        auto window = headless::makeAppWindow(*runtime->host(), {390, 844});
+        name = headless::add(*window, headless::textField({16, 100, 358, 44}, ""));
+        password = headless::add(*window, headless::textField({16, 160, 358, 44}, "pw", true));
+        toggle = headless::add(*window, headless::switchControl({300, 240, 52, 32}, false));
+        client->setCallbacks({.onRemoteControl = [&](bool active) {
+            std::lock_guard lock(mutex);
+            remote.push_back(active);
+        }});
+    });
+    ASSERT_EQ(configure(), nullptr);
+    const auto deviceId = runtime->runOnMain([&] { return client->registration()->deviceId; });
+    ASSERT_TRUE(backend.waitForConnection(deviceId, 5s));
+    const std::string id = "s-ctl";
+    ASSERT_TRUE(backend.activateLive(deviceId, id, "g1"));
+    ASSERT_TRUE(backend.waitForLiveFrames(id, 1, 5s));
+    const auto switchOn = [&] { return runtime->runOnMain([&] { return toggle->isOn; }); };
+    const auto tapSwitch = [&] {
+        return backend.sendInput(deviceId, id,
+                                 devserver::ControlInput::tapAt(326.0 / 390, 256.0 / 844));
+    };
+
+    // Input before control is granted goes nowhere.
+    ASSERT_TRUE(tapSwitch());
+    ASSERT_TRUE(eventually(*runtime, [&] {
+        return log->contains(
+            "control input 'tap' dropped: control is not active on this device (banner never "
+            "attached, or the grant was never confirmed)");
+    }));
+    EXPECT_FALSE(switchOn());
+
+    // The customer allows; the grant arms the lease once the banner is up, and it is confirmed.
+    ASSERT_TRUE(backend.requestControl(deviceId, id));
+    const auto& prompts = runtime->prompts();
+    ASSERT_TRUE(eventually(*runtime, [&] { return prompts->sheet().has_value(); }));
+    ASSERT_TRUE(runtime->runOnMain([&] { return prompts->press("Allow control"); }));
+    ASSERT_TRUE(backend.waitForControlAnswer(id, 5s));
+    const std::size_t confirmations = backend.liveSession(id)->indicators.size();
+    ASSERT_TRUE(backend.grantControl(deviceId, id, "c1"));
+    ASSERT_TRUE(backend.waitForIndicator(id, confirmations + 1, 5s));
+    const auto control = backend.liveSession(id)->indicators.back();
+    EXPECT_EQ(control.kind, "control");
+    EXPECT_EQ(control.generation, "c1");
+    EXPECT_TRUE(runtime->runOnMain([&] { return runtime->overlay()->state()->controlBanner; }));
+
+    ASSERT_TRUE(tapSwitch());
+    ASSERT_TRUE(eventually(*runtime, [&] { return toggle->isOn; }));
+
+    // Text goes to the focused field, never to a secure one, whatever the agent taps.
+    ASSERT_TRUE(backend.sendInput(deviceId, id, devserver::ControlInput::tapAt(0.5, 122.0 / 844)));
+    ASSERT_TRUE(backend.sendInput(deviceId, id, devserver::ControlInput::typeText("Ana")));
+    ASSERT_TRUE(eventually(*runtime, [&] { return name->text == "Ana"; }));
+    ASSERT_TRUE(backend.sendInput(deviceId, id, devserver::ControlInput::tapAt(0.5, 182.0 / 844)));
+    ASSERT_TRUE(backend.sendInput(deviceId, id, devserver::ControlInput::typeText("x")));
+    ASSERT_TRUE(eventually(*runtime, [&] { return name->text == "Anax"; }));
+    EXPECT_EQ(runtime->runOnMain([&] { return password->text; }), "pw");
+    EXPECT_FALSE(runtime->runOnMain([&] { return password->firstResponder; }));
+
+    // The customer takes control back: the backend hears it and later input is dropped.
+    const std::size_t answers = backend.controlSession(id)->answers.size();
+    ASSERT_TRUE(runtime->runOnMain([&] { return runtime->overlay()->press("Take back control"); }));
+    ASSERT_TRUE(backend.waitForControlAnswer(id, 5s, answers + 1));
+    EXPECT_FALSE(backend.controlSession(id)->answers.back().allow);
+    ASSERT_TRUE(tapSwitch());
+    std::this_thread::sleep_for(300ms);
+    EXPECT_TRUE(switchOn());
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(remote, (std::vector<bool>{true, false}));
+}
+
 }  // namespace
 }  // namespace virela
