@@ -176,6 +176,8 @@ struct Screen {
     void customerFocuses(std::size_t index) {
         View& field = *fields[index % fields.size()];
         host->becomeFirstResponder(field.handle());
+        // The field's own editing events are the customer's doing, not the agent's.
+        touched = false;
         for (std::size_t i = 0; i < locked.size(); ++i) {
             before[i].firstResponder = locked[i]->firstResponder;
         }

@@ -69,7 +69,15 @@ std::string nameOf(const View& v) {
     return v.accessibilityLabel.value_or("");
 }
 
+// Runs before the app reacts to anything: an open menu goes away when the customer (or the
+// agent) does something else, as the system's menus do.
+std::function<void()>& beforeEvent() {
+    static std::function<void()> hook;
+    return hook;
+}
+
 void event(const View& v, const std::string& what) {
+    if (beforeEvent()) beforeEvent()();
     say("app: " + std::string(kindOf(v)) + " \"" + nameOf(v) + "\" " + what);
 }
 
@@ -203,6 +211,9 @@ void SampleApp::build(HeadlessHost& host) {
     window_->rootViewController = navigation_;
     window_->addSubview(checkout_->view);
     navigation_->push(checkout_);
+    beforeEvent() = [weak = std::weak_ptr<SampleApp>(shared_from_this())] {
+        if (auto app = weak.lock(); app && !app->menu_->hidden) app->menu_->hide();
+    };
 
     // A toast in a window of its own, above the app, only as large as the toast.
     toast_ = addWindow(*window_, 1);
@@ -366,6 +377,7 @@ void SampleApp::choose(const std::string& title) {
 }
 
 void SampleApp::screenShown() const {
+    if (!menu_->hidden) menu_->hide();
     const auto& top = navigation_->children.back();
     say("app: screen \"" + titleOf(*this, *top) + "\" shown");
     printLayout(*top->view, *window_);
