@@ -106,6 +106,9 @@ void MainLoop::postBackground(std::function<void()> work) {
 
 void MainLoop::shutdown() {
     impl_->threads->shutdown();
+    // A completion posted to main just before it stopped (a health probe's answer holding the
+    // loop it is posted to) would keep the loop and all it reaches alive for ever.
+    impl_->threads->dropPending();
 }
 
 bool MainLoop::stopped() const {
