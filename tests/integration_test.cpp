@@ -52,6 +52,12 @@ class Integration : public ::testing::Test {
     virtual void adjust(headless::RuntimeOptions&) const {}
     virtual std::string serverUrl() const { return backend.url(); }
     void screenshotAllowedEndToEnd();
+    // A client on the runtime's platform whose log lines go to `log`. Main thread.
+    std::shared_ptr<VirelaClient> clientLoggingTo(std::shared_ptr<Log> log) const {
+        auto platform = std::make_shared<Platform>(*runtime->platform());
+        platform->log = std::move(log);
+        return VirelaClient::create(platform);
+    }
     void TearDown() override {
         runtime->runOnMain([&] { client.reset(); });
         backend.stop();
@@ -497,9 +503,7 @@ TEST_F(Integration, ALiveSessionRunsFromTheSheetToTheBackendsEnd) {
     std::vector<std::string> ended;
     std::shared_ptr<headless::Window> window;
     runtime->runOnMain([&] {
-        auto platform = std::make_shared<Platform>(*runtime->platform());
-        platform->log = log;
-        client = VirelaClient::create(platform);
+        client = clientLoggingTo(log);
         window = headless::makeAppWindow(*runtime->host(), {390, 844});
         headless::add(*window, headless::textField({16, 100, 358, 44}, "hunter2", true));
         headless::add(*window, headless::scrollView({0, 200, 390, 600}, {390, 2000}));
@@ -595,9 +599,7 @@ TEST_F(Integration, RemoteControlActsOnlyUnderTheLeaseAndNeverOnASecureField) {
     std::shared_ptr<headless::View> password;
     std::shared_ptr<headless::View> name;
     runtime->runOnMain([&] {
-        auto platform = std::make_shared<Platform>(*runtime->platform());
-        platform->log = log;
-        client = VirelaClient::create(platform);
+        client = clientLoggingTo(log);
         auto window = headless::makeAppWindow(*runtime->host(), {390, 844});
         name = headless::add(*window, headless::textField({16, 100, 358, 44}, ""));
         password = headless::add(*window, headless::textField({16, 160, 358, 44}, "pw", true));

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "apps/demo/transcript.hpp"
+#include "apps/demo/wait.hpp"
 
 namespace demo {
 
@@ -22,16 +23,6 @@ namespace {
 // What the customer sees of the overlay; nullopt while it is down.
 std::optional<OverlayState> overlay(Runtime& runtime) {
     return runtime.runOnMain([&] { return runtime.overlay()->state(); });
-}
-
-template <class Predicate>
-bool waitUntil(Predicate ready, std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!ready()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
 }
 
 bool writeFile(const std::filesystem::path& path, const char* data, std::size_t size) {
@@ -135,7 +126,7 @@ std::optional<std::string> playLive(Server& backend, Runtime& runtime,
     Guide label = guide("label", 0.05, 0.6);
     label.text = "Tap Pay when you are ready";
     backend.sendGuide(deviceId, id, label);
-    waitUntil(
+    waitFor(
         [&] {
             auto state = overlay(runtime);
             return state && state->marks.size() == 3;
@@ -169,7 +160,7 @@ std::optional<std::string> playLive(Server& backend, Runtime& runtime,
     saved.kind = "frameSaved";
     saved.guides = true;
     backend.sendLiveNote(deviceId, id, saved);
-    waitUntil(
+    waitFor(
         [&] {
             auto state = overlay(runtime);
             return state && state->toast;
@@ -186,7 +177,7 @@ std::optional<std::string> playLive(Server& backend, Runtime& runtime,
     recording.kind = "recordingStarted";
     recording.generation = "rec-1";
     backend.sendLiveNote(deviceId, id, recording);
-    waitUntil(
+    waitFor(
         [&] {
             auto state = overlay(runtime);
             return state && state->toast && state->toast->recording;

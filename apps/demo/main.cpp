@@ -18,6 +18,7 @@
 #include "apps/demo/options.hpp"
 #include "apps/demo/sample_app.hpp"
 #include "apps/demo/transcript.hpp"
+#include "apps/demo/wait.hpp"
 #include "core/api/diagnostics.hpp"
 #include "core/api/virela.hpp"
 #include "core/base/errors.hpp"
@@ -28,6 +29,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using demo::say;
+using demo::waitFor;
 
 std::atomic<bool> interrupted{false};
 extern "C" void onSignal(int) {
@@ -40,18 +42,6 @@ std::atomic<bool> channelOpen{false};
 std::atomic<bool> readySaid{false};
 void sayReadyOnce() {
     if (firstScreenShown && channelOpen && !readySaid.exchange(true)) say("app: ready");
-}
-
-// Waits until `ready` holds or the time is up; the facade's fire-and-forget calls give no
-// completion, so the demo watches for their effect.
-template <class Predicate>
-bool waitFor(Predicate ready, std::chrono::milliseconds limit = 10s) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!ready()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
 }
 
 void installHostCallbacks(demo::HostOutcomes& outcomes) {

@@ -105,6 +105,20 @@ std::variant<Upload, Reply> readUpload(const RecordedRequest& request, std::stri
                   file->fileName.value_or("")};
 }
 
+// A route of one live session with a JSON object for its body: `guard` turns the request away
+// first, or lets `handle` have the session id and the object.
+template <class Guard, class Handle>
+RouteHandler sessionJson(Guard guard, Handle handle) {
+    return [guard = std::move(guard), handle = std::move(handle)](const RecordedRequest& request,
+                                                                  const PathParams& params) {
+        const std::string_view sessionId = params.get("sessionId");
+        if (std::optional<Reply> refused = guard(request, sessionId)) return std::move(*refused);
+        std::optional<json> body = parseObject(request.body);
+        if (!body) return notAnObject();
+        return handle(sessionId, *body);
+    };
+}
+
 }  // namespace
 
 void addDeviceRoutes(Router& router, DeviceRegistry& registry, SdkSettings settings) {
@@ -279,21 +293,15 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
     };
 
     router.add("POST", "/v1/sdk/live/{sessionId}/respond",
-               [answering, &live](const RecordedRequest& request, const PathParams& params) {
+               sessionJson(answering, [&live](std::string_view sessionId, const json& object) {
                    // A stop may come after the backend ended the session; it is still an answer.
-                   const std::string_view sessionId = params.get("sessionId");
-                   if (std::optional<Reply> refused = answering(request, sessionId)) {
-                       return std::move(*refused);
-                   }
-                   std::optional<json> body = parseObject(request.body);
-                   if (!body) return notAnObject();
-                   auto allow = body->find("allow");
-                   if (allow == body->end() || !allow->is_boolean()) {
+                   auto allow = object.find("allow");
+                   if (allow == object.end() || !allow->is_boolean()) {
                        return jsonError(400, "bad_request", "\"allow\" must be true or false.");
                    }
                    live.answer(sessionId, allow->get<bool>());
                    return jsonReply({{"status", allow->get<bool>() ? "Allowed" : "Denied"}});
-               });
+               }));
 
     router.add("POST", "/v1/sdk/live/{sessionId}/frame",
                [admit, &live, baseUrl = std::move(baseUrl)](const RecordedRequest& request,
@@ -311,16 +319,10 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
 
     router.add(
         "POST", "/v1/sdk/live/{sessionId}/indicator",
-        [admit, &live](const RecordedRequest& request, const PathParams& params) {
-            const std::string_view sessionId = params.get("sessionId");
-            if (std::optional<Reply> refused = admit(request, sessionId)) {
-                return std::move(*refused);
-            }
-            std::optional<json> body = parseObject(request.body);
-            if (!body) return notAnObject();
-            auto kind = body->find("kind");
-            auto generation = body->find("generation");
-            if (kind == body->end() || !kind->is_string() || generation == body->end() ||
+        sessionJson(admit, [&live](std::string_view sessionId, const json& object) {
+            auto kind = object.find("kind");
+            auto generation = object.find("generation");
+            if (kind == object.end() || !kind->is_string() || generation == object.end() ||
                 !generation->is_string()) {
                 return jsonError(400, "bad_request",
                                  "\"kind\" and \"generation\" must be strings.");
@@ -332,45 +334,33 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
                     "The backend does not hold a \"" + kindText + "\" lease with this generation.");
             }
             return jsonReply({{"ok", true}});
-        });
+        }));
 
     // Like the live answer, a take-back may come after the backend ended control or the session.
     router.add("POST", "/v1/sdk/live/{sessionId}/control/respond",
-               [answering, &live](const RecordedRequest& request, const PathParams& params) {
-                   const std::string_view sessionId = params.get("sessionId");
-                   if (std::optional<Reply> refused = answering(request, sessionId)) {
-                       return std::move(*refused);
-                   }
-                   std::optional<json> body = parseObject(request.body);
-                   if (!body) return notAnObject();
-                   auto allow = body->find("allow");
+               sessionJson(answering, [&live](std::string_view sessionId, const json& object) {
+                   auto allow = object.find("allow");
                    std::optional<std::string> requestId;
-                   if (allow == body->end() || !allow->is_boolean() ||
-                       !optionalString(*body, "requestId", requestId)) {
+                   if (allow == object.end() || !allow->is_boolean() ||
+                       !optionalString(object, "requestId", requestId)) {
                        return jsonError(400, "bad_request",
                                         "\"allow\" must be true or false; \"requestId\" a string "
                                         "or null.");
                    }
                    live.answerControl(sessionId, allow->get<bool>(), std::move(requestId));
                    return jsonReply({{"status", allow->get<bool>() ? "Allowed" : "Denied"}});
-               });
+               }));
 
     router.add("POST", "/v1/sdk/live/{sessionId}/control/feedback",
-               [admit, &live](const RecordedRequest& request, const PathParams& params) {
-                   const std::string_view sessionId = params.get("sessionId");
-                   if (std::optional<Reply> refused = admit(request, sessionId)) {
-                       return std::move(*refused);
-                   }
-                   std::optional<json> body = parseObject(request.body);
-                   if (!body) return notAnObject();
-                   auto kind = body->find("kind");
-                   if (kind == body->end() || !kind->is_string()) {
+               sessionJson(admit, [&live](std::string_view sessionId, const json& object) {
+                   auto kind = object.find("kind");
+                   if (kind == object.end() || !kind->is_string()) {
                        return jsonError(400, "bad_request", "\"kind\" must be a string.");
                    }
                    // Any kind is kept, so that a test sees exactly what the device reported.
                    live.controlFeedback(sessionId, kind->get<std::string>());
                    return jsonReply({{"ok", true}});
-               });
+               }));
 
     // The agent's view of the stream: no device token, like a capture's link.
     router.add("GET", "/live/{sessionId}/latest.jpg",
