@@ -19,6 +19,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -396,6 +397,7 @@ class SocketTest : public DevServerTest {
     Options recording(std::uint16_t port = 0) {
         Options options;
         options.port = port;
+        options.consoleToken = consoleToken;
         options.onSocketEvent = [this](const SocketEvent& event) {
             std::lock_guard lock(mutex_);
             events_.push_back(event);
@@ -421,6 +423,8 @@ class SocketTest : public DevServerTest {
         EXPECT_TRUE(reply && reply->status == 101) << (reply ? reply->head : "no reply");
         return socket;
     }
+
+    std::optional<std::string> consoleToken;
 
   private:
     std::mutex mutex_;
@@ -1270,3 +1274,176 @@ TEST_F(ControlTest, FeedbackNeedsAStringKindAndAnOpenSessionOfThisDevice) {
 }
 
 }  // namespace
+
+class ConsoleTest : public LiveTest {
+  protected:
+    ConsoleTest() { consoleToken = kToken; }
+
+    static constexpr const char* kToken = "0123456789abcdef0123456789abcdef";
+
+    std::optional<RawReply> getWith(const std::string& target, const std::string& headers) {
+        return roundTrip(server.port(),
+                         "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + headers + "\r\n");
+    }
+    std::optional<RawReply> act(const std::string& path, const std::string& body) {
+        return roundTrip(server.port(),
+                         post("/console/api/" + path, body,
+                              "Authorization: Bearer " + std::string(kToken) + "\r\n"));
+    }
+    json state() {
+        auto reply = getWith("/console/api/state?token=" + std::string(kToken), "");
+        EXPECT_TRUE(reply && reply->status == 200);
+        return reply ? json::parse(reply->body, nullptr, false) : json();
+    }
+    // The journal's texts of one kind, waiting for at least one; socket messages land there
+    // from the server thread.
+    std::vector<std::string> events(const std::string& kind) {
+        std::vector<std::string> texts;
+        const auto deadline = std::chrono::steady_clock::now() + 5s;
+        while (texts.empty() && std::chrono::steady_clock::now() < deadline) {
+            const json now = state();
+            for (const json& event : now["events"]) {
+                if (event["kind"] == kind) texts.push_back(event["text"]);
+            }
+            if (texts.empty()) std::this_thread::sleep_for(20ms);
+        }
+        return texts;
+    }
+};
+
+TEST_F(ConsoleTest, TheTokenGuardsThePageItsApiAndWhatDevicesSentAndNothingElse) {
+    const std::string wrong = "0123456789abcdef0123456789abcdeX";
+    const std::string otherPort = "Cookie: virela_console_1=" + std::string(kToken) + "\r\n";
+    for (const std::string path :
+         {"/console", "/console/app.js", "/console/API.md", "/console/api/state",
+          "/console/nowhere", "/captures/cap_1.png", "/live/live_1/latest.jpg"}) {
+        for (const auto& [target, headers] :
+             std::vector<std::pair<std::string, std::string>>{{path, ""},
+                                                              {path + "?token=" + wrong, ""},
+                                                              {path, "Authorization: Bearer \r\n"},
+                                                              {path, otherPort}}) {
+            auto reply = getWith(target, headers);
+            ASSERT_TRUE(reply) << target;
+            EXPECT_EQ(reply->status, 401) << target << ' ' << headers;
+            EXPECT_EQ(reply->body.find("dev_"), std::string::npos);
+        }
+    }
+    auto asked = act("devices/" + deviceId + "/live", "{}");
+    ASSERT_TRUE(asked);
+    EXPECT_EQ(asked->status, 200);
+    EXPECT_EQ(
+        roundTrip(server.port(), post("/console/api/devices/" + deviceId + "/live", "{}"))->status,
+        401);
+
+    // The page sets the cookie that its images and files then ride on.
+    auto page = getWith("/console?token=" + std::string(kToken), "");
+    ASSERT_TRUE(page);
+    EXPECT_EQ(page->status, 200);
+    EXPECT_EQ(headerOf(*page, "Content-Type"), "text/html; charset=utf-8");
+    const std::string cookie = "virela_console_" + std::to_string(server.port()) + "=" + kToken;
+    EXPECT_EQ(headerOf(*page, "Set-Cookie").value_or("").rfind(cookie + ";", 0), 0u);
+    EXPECT_EQ(getWith("/console/api/state", "Cookie: a=b; " + cookie + "\r\n")->status, 200);
+    EXPECT_EQ(getWith("/console/API.md", "Cookie: " + cookie + "\r\n")->status, 404);
+    // A device's own endpoints stay on the device token.
+    EXPECT_EQ(roundTrip(server.port(), post("/v1/sdk/devices/health", "{}", auth))->status, 200);
+}
+
+TEST_F(ConsoleTest, MalformedActionsGetA400WithTheReasonAndTheBackendCarriesOn) {
+    const std::string live =
+        json::parse(act("devices/" + deviceId + "/live", "{}")->body)["sessionId"];
+    const std::string session = "sessions/" + live;
+    const std::vector<std::tuple<std::string, std::string, int>> cases{
+        {session + "/guide", "{", 400},
+        {session + "/guide", "[1,2]", 400},
+        {session + "/guide", R"({"kind":"circle"})", 400},
+        {session + "/guide", R"({"kind":"box","x":1.5})", 400},
+        {session + "/guide", R"({"kind":"box","x":"0.5"})", 400},
+        {session + "/guide", R"({"kind":"box","color":"red"})", 400},
+        {session + "/guide", R"({"kind":"label","text":")" + std::string(5000, 'a') + "\"}", 400},
+        {session + "/input", R"({"action":"tap","x":0.5})", 400},
+        {session + "/input", R"({"action":"swipe"})", 400},
+        {session + "/input", R"({"action":"type","text":""})", 400},
+        {session + "/input", R"({"action":"key","key":"escape"})", 400},
+        {session + "/input", R"({"action":"scroll","x":0.5,"y":0.5,"dy":1e300})", 400},
+        {session + "/note", R"({"kind":"frameLost"})", 400},
+        {"devices/" + deviceId + "/screenshot", R"({"mode":"LiveView"})", 400},
+        {"devices/" + deviceId + "/capture", R"({"requestId":"req_404"})", 404},
+        {"refuse", R"({"kind":"sharing","refuse":"yes"})", 400},
+        {"devices/nobody/live", "{}", 404},
+        {"sessions/live_404/end", "{}", 404},
+        {session + "/input", R"({"action":"tap","x":0.5,"y":0.5})", 200},
+    };
+    for (const auto& [path, body, status] : cases) {
+        auto reply = act(path, body);
+        ASSERT_TRUE(reply) << path << ' ' << body;
+        EXPECT_EQ(reply->status, status) << path << ' ' << body << ' ' << reply->body;
+        if (status != 200) {
+            EXPECT_FALSE(errorOf(reply).value("message", "").empty()) << path;
+        }
+    }
+    EXPECT_EQ(getWith("/console/api/state?since=x1&token=" + std::string(kToken), "")->status, 400);
+
+    // A device without a socket is a 409, not a silent success.
+    const std::string idle = registerDevice("inst-2")["deviceId"];
+    auto unheard = act("devices/" + idle + "/screenshot", "{}");
+    EXPECT_EQ(unheard->status, 409);
+    EXPECT_EQ(errorOf(unheard)["error"], "not_connected");
+    EXPECT_EQ(state()["devices"].size(), 2u);
+}
+
+TEST_F(ConsoleTest, ItsSessionsStartOnTheCustomersAllowAndTheJournalTellsWhatTheDeviceReported) {
+    auto asked = act("devices/" + deviceId + "/live", "{}");
+    ASSERT_EQ(asked->status, 200);
+    const std::string session = json::parse(asked->body)["sessionId"];
+    EXPECT_EQ(nextPush()["payload"]["state"], "requested");
+    ASSERT_EQ(postLive(session, "respond", R"({"allow":true})", "")->status, 200);
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"live","payload":{"sessionId":")" + session +
+                                      R"(","state":"active","generation":"share-1"}})"));
+
+    ASSERT_EQ(act("refuse", R"({"kind":"sharing","refuse":true})")->status, 200);
+    EXPECT_EQ(confirm(session, "sharing", "share-1")->status, 409);
+    EXPECT_EQ(
+        events("indicator"),
+        std::vector<std::string>{"indicator sharing (generation share-1) refused: lease_mismatch"});
+    EXPECT_TRUE(state()["refusing"]["sharing"]);
+
+    // A silent stream turns stale; a frame makes it fresh again.
+    EXPECT_FALSE(state()["sessions"][0]["stale"]);
+    ASSERT_EQ(sendFrame(session, jpeg('a'))->status, 200);
+    std::this_thread::sleep_for(2100ms);
+    EXPECT_TRUE(state()["sessions"][0]["stale"]);
+    ASSERT_EQ(sendFrame(session, jpeg('b'))->status, 200);
+    const json fresh = state()["sessions"][0];
+    EXPECT_FALSE(fresh["stale"]);
+    EXPECT_EQ(fresh["frames"], 2);
+    EXPECT_EQ(fresh["frameUrl"], "/live/" + session + "/latest.jpg");
+
+    ASSERT_EQ(act("sessions/" + session + "/control", "{}")->status, 200);
+    EXPECT_EQ(nextPush()["payload"]["state"], "requested");
+    ASSERT_EQ(postLive(session, "control/respond", R"({"allow":true})", "")->status, 200);
+    const json granted = nextPush();
+    EXPECT_EQ(granted["payload"]["state"], "active");
+    EXPECT_EQ(granted["payload"]["generation"], "ctl-1");
+    ASSERT_EQ(postLive(session, "control/feedback", R"({"kind":"menuOpened"})", "")->status, 200);
+    EXPECT_EQ(events("feedback"), std::vector<std::string>{"control feedback: menuOpened"});
+
+    socket->sendFrame(1, R"({"type":"state","state":"background"})");
+    socket->sendFrame(1, R"({"type":"view","kind":"nav","sessionId":")" + session + "\"}");
+    EXPECT_EQ(events("view"), std::vector<std::string>{"view changed: nav"});
+    EXPECT_EQ(state()["devices"][0]["appState"], "background");
+
+    // A lost device shows as such and comes back with its next socket.
+    server.dropConnection(deviceId);
+    EXPECT_FALSE(state()["devices"][0]["connected"]);
+    socket = openSocket(token);
+    ASSERT_TRUE(server.waitForConnection(deviceId, 5s, 2));
+    EXPECT_TRUE(state()["devices"][0]["connected"]);
+
+    // Only what came after `since` is sent again.
+    const json all = state();
+    const std::uint64_t next = all["nextSeq"];
+    auto later =
+        getWith("/console/api/state?since=" + std::to_string(next) + "&token=" + kToken, "");
+    EXPECT_TRUE(json::parse(later->body)["events"].empty());
+    EXPECT_GT(all["events"].size(), 8u);
+}

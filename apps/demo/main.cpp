@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "apps/demo/agent_script.hpp"
+#include "apps/demo/console_mode.hpp"
 #include "apps/demo/customer.hpp"
 #include "apps/demo/live_script.hpp"
 #include "apps/demo/options.hpp"
@@ -23,6 +24,7 @@
 #include "core/api/virela.hpp"
 #include "core/base/errors.hpp"
 #include "platform/headless/runtime.hpp"
+#include "tools/devserver/console.hpp"
 #include "tools/devserver/server.hpp"
 
 namespace {
@@ -139,9 +141,14 @@ int main(int argc, char** argv) {
         virela::devserver::Options backendOptions;
         // A short allowed call, so that the banner's countdown visibly moves.
         backendOptions.sessionSeconds = 62;
+        if (options->console) {
+            backendOptions.consoleToken = virela::devserver::freshConsoleToken();
+            backendOptions.consoleDirectory = options->consoleDir.value_or("");
+        }
         backend.start(backendOptions);
         baseUrl = backend.url();
         say("local backend listening on " + baseUrl);
+        if (options->console) say("console: " + backend.consoleUrl());
     }
 
     std::error_code dirError;
@@ -191,7 +198,15 @@ int main(int argc, char** argv) {
     virela::Virela::showSupportCode();
     if (waitFor([&] { return customer.press("Done"); }, 3s)) say("customer: taps [Done]");
 
-    if (embedded) {
+    if (options->console) {
+        if (!backend.waitForConnection(device.deviceId, 10s)) {
+            say("the device did not connect to the realtime channel");
+        }
+        demo::CustomerViewWriter view(runtime, options->outDir);
+        say("play the agent: open " + backend.consoleUrl() + " in a browser");
+        say("what the customer sees, overlay included, is kept in " + view.path().string());
+        stay(options->staySeconds.value_or(0));
+    } else if (embedded) {
         if (!backend.waitForConnection(device.deviceId, 10s)) {
             say("the device did not connect to the realtime channel");
         }
@@ -205,7 +220,7 @@ int main(int argc, char** argv) {
         demo::playAgent(backend, runtime, device.deviceId);
     }
 
-    const double seconds = options->staySeconds.value_or(embedded ? -1 : 0);
+    const double seconds = options->console ? -1 : options->staySeconds.value_or(embedded ? -1 : 0);
     if (seconds >= 0) stay(seconds);
 
     virela::Virela::stop();

@@ -9,11 +9,14 @@ namespace demo {
 void printUsage(std::FILE* out) {
     std::fputs(
         "usage: virela-demo [--base-url URL] [--key KEY] [--state-dir DIR] [--stay SECONDS]\n"
-        "                   [--out DIR] [--consent allow|deny|ask]\n"
+        "                   [--out DIR] [--consent allow|deny|ask] [--console [--console-dir "
+        "DIR]]\n"
         "\n"
         "Without --base-url the demo starts the local backend on 127.0.0.1, plays the agent's\n"
-        "side of a short session against it and stops. With --base-url it registers with that\n"
-        "backend and stays connected, printing every push it handles, until interrupted.\n"
+        "side of a short session against it and stops. With --console it starts the local\n"
+        "backend with the agent's console instead, prints the console's address and waits: you\n"
+        "play the agent in a browser. With --base-url it registers with that backend and stays\n"
+        "connected, printing every push it handles, until interrupted.\n"
         "  --base-url URL    the backend to talk to (http or https)\n"
         "  --key KEY         the API key (default vk_demo_local, which the local backend accepts)\n"
         "  --state-dir DIR   where the install identifier is kept (default ~/.local/state/virela)\n"
@@ -21,7 +24,9 @@ void printUsage(std::FILE* out) {
         "  --out DIR         where the screenshots the agent receives are written (default\n"
         "                    ./virela-captures)\n"
         "  --consent ANSWER  how the customer answers consent sheets: allow (default), deny, or\n"
-        "                    ask (the sheet is printed and you answer at the terminal)\n",
+        "                    ask (the sheet is printed and you answer at the terminal)\n"
+        "  --console         play the agent yourself, in the browser console of the local backend\n"
+        "  --console-dir DIR serve the console's files from DIR instead of the built-in copies\n",
         out);
 }
 
@@ -65,6 +70,10 @@ std::optional<Options> parseOptions(int argc, char** argv) {
             auto policy = consentPolicy(*v);
             if (!policy) return std::nullopt;
             options.consent = *policy;
+        } else if (arg == "--console") {
+            options.console = true;
+        } else if (arg == "--console-dir" && (v = value())) {
+            options.consoleDir = *v;
         } else if (arg == "--stay" && (v = value())) {
             options.staySeconds = seconds(*v);
             if (!options.staySeconds) return std::nullopt;
@@ -72,6 +81,11 @@ std::optional<Options> parseOptions(int argc, char** argv) {
             std::fprintf(stderr, "virela-demo: unexpected argument '%s'\n", arg.c_str());
             return std::nullopt;
         }
+    }
+    if (options.console && options.baseUrl) {
+        std::fprintf(stderr,
+                     "virela-demo: --console runs its own local backend; leave out --base-url\n");
+        return std::nullopt;
     }
     return options;
 }

@@ -17,6 +17,8 @@ struct Options {
     std::optional<double> staySeconds;
     std::string outDir = "virela-captures";
     ConsentPolicy consent = ConsentPolicy::allow;
+    bool console = false;  // a person plays the agent in the local backend's console
+    std::optional<std::string> consoleDir;
     bool help = false;
 };
 

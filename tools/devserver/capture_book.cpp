@@ -41,14 +41,15 @@ std::string CaptureBook::freshPromptId() {
     return id;
 }
 
-bool CaptureBook::ask(const std::string& requestId, std::string mode, std::string promptId,
-                      const std::function<bool()>& deliver) {
+bool CaptureBook::ask(const std::string& requestId, std::string deviceId, std::string mode,
+                      std::string promptId, const std::function<bool()>& deliver) {
     {
         std::lock_guard lock(mutex_);
         if (!deliver()) return false;
         CaptureRecord& record = recordFor(requestId);
         record = CaptureRecord{};
         record.requestId = requestId;
+        record.deviceId = std::move(deviceId);
         record.mode = std::move(mode);
         record.promptId = std::move(promptId);
     }

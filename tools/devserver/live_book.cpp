@@ -53,7 +53,9 @@ bool LiveBook::activate(const std::string& sessionId, const std::string& deviceI
     {
         std::lock_guard lock(mutex_);
         if (!deliver()) return false;
-        LiveRecord& record = entryFor(sessionId).record;
+        Entry& entry = entryFor(sessionId);
+        entry.activated = std::chrono::steady_clock::now();
+        LiveRecord& record = entry.record;
         record.deviceId = deviceId;
         record.state = "active";
         record.generation = std::move(generation);
@@ -115,9 +117,10 @@ void LiveBook::storeFrame(std::string_view sessionId, std::string jpeg, std::str
         Entry& entry = entryFor(sessionId);
         const auto now = std::chrono::steady_clock::now();
         entry.recentFrames.push_back(now);
+        entry.lastFrame = now;
         while (now - entry.recentFrames.front() > kRateWindow) entry.recentFrames.pop_front();
         ++entry.record.frames;
-        entry.record.latestFrame = std::move(jpeg);
+        entry.latestFrame = std::move(jpeg);
         entry.record.frameUrl = std::move(url);
     }
     changed_.notify_all();
@@ -127,7 +130,7 @@ std::optional<std::string> LiveBook::latestFrame(std::string_view sessionId) con
     std::lock_guard lock(mutex_);
     const Entry* entry = lookup(sessionId);
     if (entry == nullptr || entry->record.frames == 0) return std::nullopt;
-    return entry->record.latestFrame;
+    return entry->latestFrame;
 }
 
 void LiveBook::refuseIndicator(std::string kind, bool refuse) {
@@ -213,11 +216,11 @@ std::optional<LiveRecord> LiveBook::find(std::string_view sessionId) const {
     return std::nullopt;
 }
 
-std::vector<LiveRecord> LiveBook::all() const {
+std::vector<LiveRecord> LiveBook::all(bool frames) const {
     std::lock_guard lock(mutex_);
     std::vector<LiveRecord> records;
     records.reserve(entries_.size());
-    for (const Entry& entry : entries_) records.push_back(snapshot(entry));
+    for (const Entry& entry : entries_) records.push_back(snapshot(entry, frames));
     return records;
 }
 
@@ -245,11 +248,17 @@ const LiveBook::Entry* LiveBook::lookup(std::string_view sessionId) const {
     return it != entries_.end() ? &*it : nullptr;
 }
 
-LiveRecord LiveBook::snapshot(const Entry& entry) const {
+LiveRecord LiveBook::snapshot(const Entry& entry, bool frames) const {
     LiveRecord record = entry.record;
+    if (frames) record.latestFrame = entry.latestFrame;
+    const auto now = std::chrono::steady_clock::now();
+    auto since = [now](std::chrono::steady_clock::time_point at) {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(now - at);
+    };
+    if (entry.lastFrame) record.sinceFrame = since(*entry.lastFrame);
+    if (entry.activated) record.sinceActivation = since(*entry.activated);
     // Measured from the first to the last frame still inside the window, so a stream that has
     // only just begun is not diluted by the part of the window before it.
-    const auto now = std::chrono::steady_clock::now();
     auto first = std::find_if(entry.recentFrames.begin(), entry.recentFrames.end(),
                               [&](auto at) { return now - at <= kRateWindow; });
     const auto count = std::distance(first, entry.recentFrames.end());

@@ -70,20 +70,23 @@ class LiveBook {
     void controlFeedback(std::string_view sessionId, std::string kind);
 
     std::optional<LiveRecord> find(std::string_view sessionId) const;
-    std::vector<LiveRecord> all() const;
+    // With `frames` false the records leave latestFrame empty, for callers that poll.
+    std::vector<LiveRecord> all(bool frames = true) const;
     bool waitFor(std::string_view sessionId, std::chrono::milliseconds timeout,
                  const std::function<bool(const LiveRecord&)>& done) const;
 
   private:
     struct Entry {
-        LiveRecord record;
+        LiveRecord record;  // its latestFrame stays empty; the frame is kept beside it
+        std::string latestFrame;
         // Arrival times of the frames of the last kRateWindow, oldest first.
         std::deque<std::chrono::steady_clock::time_point> recentFrames;
+        std::optional<std::chrono::steady_clock::time_point> lastFrame, activated;
     };
 
     Entry& entryFor(std::string_view sessionId);  // caller holds mutex_
     const Entry* lookup(std::string_view sessionId) const;
-    LiveRecord snapshot(const Entry& entry) const;
+    LiveRecord snapshot(const Entry& entry, bool frames = true) const;
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;

@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/devserver/console.hpp"
 #include "tools/devserver/server.hpp"
 
 namespace {
@@ -27,10 +28,13 @@ namespace {
 using virela::devserver::SocketEvent;
 
 void usage(std::ostream& out) {
-    out << "usage: virela-devserver [--port N] [--key KEY]...\n"
+    out << "usage: virela-devserver [--port N] [--key KEY]... [--no-console] [--console-dir DIR]\n"
            "  --port N    listen on 127.0.0.1:N (default 0: any free port)\n"
            "  --key KEY   accept this API key for registration (repeatable;\n"
            "              default vk_demo_local)\n"
+           "  --no-console         do not serve the agent's console at /console\n"
+           "  --console-dir DIR    serve the console's files from DIR (for working on them)\n"
+           "The console's address, with its token, is printed at start.\n"
            "commands on stdin, one a line (DEVICE: id, token or support code):\n"
            "  push DEVICE TEXT     send TEXT as a text frame to the device's socket\n"
            "  close DEVICE [CODE]  close the socket with CODE (default 1000)\n"
@@ -489,6 +493,7 @@ bool parsePort(std::string_view text, std::uint16_t& port) {
 
 int main(int argc, char** argv) {
     virela::devserver::Options options;
+    options.consoleToken = virela::devserver::freshConsoleToken();
     bool keysGiven = false;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
@@ -502,6 +507,10 @@ int main(int argc, char** argv) {
             if (!keysGiven) options.apiKeys.clear();
             keysGiven = true;
             options.apiKeys.emplace_back(argv[++i]);
+        } else if (arg == "--no-console") {
+            options.consoleToken.reset();
+        } else if (arg == "--console-dir" && hasValue) {
+            options.consoleDirectory = argv[++i];
         } else {
             std::cerr << "virela-devserver: bad argument \"" << arg << "\"\n";
             usage(std::cerr);
@@ -510,7 +519,11 @@ int main(int argc, char** argv) {
     }
 
     options.onRequest = [](const virela::devserver::RecordedRequest& request, int status) {
-        std::string line = request.method + ' ' + request.target + ' ' +
+        // The console polls several times a second and its links carry the token: its reads
+        // would drown the log, and its actions are shown by path alone.
+        const bool console = virela::devserver::consoleGuards(request.path);
+        if (console && request.method == "GET" && status < 400) return;
+        std::string line = request.method + ' ' + (console ? request.path : request.target) + ' ' +
                            (status == 0 ? std::string("closed") : std::to_string(status)) + " (" +
                            std::to_string(request.body.size()) + " bytes)";
         // What the device says about control is short and worth reading as it comes.
@@ -542,6 +555,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     say("virela-devserver listening on " + server.url());
+    if (options.consoleToken) say("console: " + server.consoleUrl());
 
     // Commands from stdin until a signal; a closed stdin just leaves the signal to wait for.
     Console console;

@@ -17,7 +17,6 @@ namespace {
 using nlohmann::json;
 
 constexpr const char* kKeyHeader = "X-Virela-Key";
-constexpr const char* kDeviceHeader = "X-Virela-Device";
 
 Reply unauthorized() {
     return jsonError(401, "unauthorized", "Missing or unknown device token.");

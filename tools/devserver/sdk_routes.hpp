@@ -44,5 +44,7 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
 std::string liveFramePath(std::string_view sessionId);
 
 inline constexpr std::string_view kLogoPath = "/assets/logo.png";
+// The header in which a device sends its token.
+inline constexpr const char* kDeviceHeader = "X-Virela-Device";
 
 }  // namespace virela::devserver

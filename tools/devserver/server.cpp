@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/devserver/capture_book.hpp"
+#include "tools/devserver/console.hpp"
 #include "tools/devserver/device_registry.hpp"
 #include "tools/devserver/http_server.hpp"
 #include "tools/devserver/live_book.hpp"
@@ -98,6 +99,8 @@ ControlInput ControlInput::pressKey(std::string key) {
 }
 
 struct Server::Impl {
+    explicit Impl(Server& server) : console(server, registry, captures, live) {}
+
     // Serialises start and stop. Never taken on the server thread.
     std::mutex lifecycle;
     std::unique_ptr<HttpServer> http;
@@ -119,8 +122,10 @@ struct Server::Impl {
     CaptureBook captures;
     LiveBook live;
     SocketHub sockets{[this](std::string_view device) { return registry.deviceIdOf(device); }};
+    Console console;
     // Rebuilt by start() while no server thread runs; read only by the server thread.
     Router router;
+    std::string consoleToken;  // empty: no console
     std::function<void(const RecordedRequest&, int)> onRequest;
     bool keepRequests = true;
 
@@ -149,7 +154,13 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
         outcome.reply.contentType = std::move(canned.contentType);
     } else {
         try {
-            if (request.path == kSocketPath) {
+            if (!consoleToken.empty() && consoleGuards(request.path) &&
+                !carriesConsoleToken(request, consoleToken, [this] {
+                    std::lock_guard lock(mutex);
+                    return port;
+                }())) {
+                outcome.reply = consoleRefusal();
+            } else if (request.path == kSocketPath) {
                 outcome = admitSocket(request, version, registry, sockets.refusing());
             } else {
                 outcome.reply = router.dispatch(request);
@@ -159,6 +170,9 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
         }
     }
 
+    if (!consoleToken.empty() && outcome.kind != Outcome::Kind::close) {
+        console.observe(request, outcome.reply.status);
+    }
     if (onRequest) {
         try {
             onRequest(request, outcome.kind == Outcome::Kind::close ? 0 : outcome.reply.status);
@@ -173,7 +187,7 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
     return outcome;
 }
 
-Server::Server() : impl_(std::make_unique<Impl>()) {}
+Server::Server() : impl_(std::make_unique<Impl>(*this)) {}
 
 Server::~Server() {
     stop();
@@ -195,6 +209,10 @@ void Server::start(Options options) {
     addCaptureRoutes(impl_->router, impl_->registry, impl_->captures, impl_->live,
                      {fromSeconds(options.sessionSeconds), baseUrl});
     addLiveRoutes(impl_->router, impl_->registry, impl_->live, baseUrl);
+    impl_->consoleToken = options.consoleToken.value_or("");
+    if (!impl_->consoleToken.empty()) {
+        impl_->console.addRoutes(impl_->router, impl_->consoleToken, options.consoleDirectory);
+    }
     impl_->onRequest = std::move(options.onRequest);
     impl_->keepRequests = options.keepRequests;
     {
@@ -203,7 +221,15 @@ void Server::start(Options options) {
         impl_->promptSeconds = options.promptSeconds;
     }
 
-    impl_->sockets.open(std::move(options.onSocketEvent));
+    if (impl_->consoleToken.empty()) {
+        impl_->sockets.open(std::move(options.onSocketEvent));
+    } else {
+        impl_->sockets.open(
+            [impl, observer = std::move(options.onSocketEvent)](const SocketEvent& event) {
+                impl->console.observe(event);
+                if (observer) observer(event);
+            });
+    }
     std::unique_ptr<HttpServer> http;
     try {
         http = std::make_unique<HttpServer>(
@@ -273,6 +299,12 @@ std::string Server::url() const {
 std::string Server::tlsUrl() const {
     std::lock_guard lock(impl_->mutex);
     return impl_->tlsUrl;
+}
+
+std::string Server::consoleUrl() const {
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->url.empty() || impl_->consoleToken.empty()) return {};
+    return impl_->url + "/console?token=" + impl_->consoleToken;
 }
 
 std::vector<RecordedRequest> Server::requests() const {
@@ -384,7 +416,8 @@ std::optional<AskedScreenshot> Server::askScreenshot(std::string_view device,
                           : isoUtc(std::chrono::system_clock::now() + fromSeconds(promptSeconds));
     asked.push = frame("consent", payload);
 
-    const bool sent = book.ask(asked.requestId, request.mode, asked.promptId, [&] {
+    const std::string deviceId = impl_->registry.deviceIdOf(device).value_or(std::string(device));
+    const bool sent = book.ask(asked.requestId, deviceId, request.mode, asked.promptId, [&] {
         return impl_->sockets.send(device, {Outgoing::Kind::text, asked.push, 0});
     });
     if (!sent) return std::nullopt;

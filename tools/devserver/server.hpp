@@ -92,6 +92,12 @@ struct Options {
     // Keep every request for requests(). A long run (the live soak) turns this off so that the
     // log of three frames a second does not grow the process it measures.
     bool keepRequests = true;
+    // Serve the agent's console at "/console", with its API under "/console/api/". Every console
+    // path, and the captured images and live frames, then need this token (see consoleUrl()).
+    std::optional<std::string> consoleToken;
+    // Serve the console's files from this folder, read on each request, instead of the copies
+    // built into the program; for working on the page.
+    std::string consoleDirectory;
     // Called on the server thread for each request once its reply is decided; status 0 means
     // the connection is closed without a reply. Must not call stop().
     std::function<void(const RecordedRequest&, int status)> onRequest;
@@ -124,7 +130,8 @@ struct AskedScreenshot {
 // One screenshot request as the backend saw it, from the ask to the upload.
 struct CaptureRecord {
     std::string requestId;
-    std::string mode;  // of the consent push; empty when the request was never asked
+    std::string deviceId;  // the device asked; empty when the request was never asked
+    std::string mode;      // of the consent push; empty when the request was never asked
     std::string promptId;
     bool promptShown = false;  // the device reported the prompt on screen
     std::optional<bool> answer;
@@ -247,6 +254,9 @@ struct LiveRecord {
     double frameRate = 0;
     std::string latestFrame;              // the JPEG of the last frame
     std::optional<std::string> frameUrl;  // where the latest frame is served, once there is one
+    // Time since the latest frame and since the latest activation, when there was one.
+    std::optional<std::chrono::milliseconds> sinceFrame;
+    std::optional<std::chrono::milliseconds> sinceActivation;
     std::vector<IndicatorConfirmation> indicators;  // in order of arrival, "control" included
     ControlRecord control;
 };
@@ -284,6 +294,8 @@ class Server {
     std::string url() const;     // "http://127.0.0.1:PORT"; empty when not running
     // "https://127.0.0.1:PORT" when started with a TLS identity; empty otherwise.
     std::string tlsUrl() const;
+    // url() + "/console?token=" + the token, when started with a console; empty otherwise.
+    std::string consoleUrl() const;
 
     std::vector<RecordedRequest> requests() const;
     std::vector<RecordedRequest> requests(std::string_view path) const;
