@@ -56,11 +56,11 @@ struct HttpServer::Impl {
 };
 
 HttpServer::HttpServer(const std::string& host, std::uint16_t port, RequestHandler handler,
-                       SocketHub& sockets)
+                       SocketHub& sockets, bool beyondLoopback)
     : impl_(std::make_unique<Impl>(std::move(handler), sockets)) {
     boost::system::error_code ec;
     const asio::ip::address address = asio::ip::make_address(host, ec);
-    if (ec || !address.is_loopback()) {
+    if (ec || (!address.is_loopback() && !beyondLoopback)) {
         throw std::invalid_argument("devserver only listens on loopback, not \"" + host + "\"");
     }
     const tcp::endpoint endpoint(address, port);

@@ -16,10 +16,10 @@ class SocketHub;
 // which must outlive the server.
 class HttpServer {
   public:
-    // Throws std::invalid_argument for a host that is not a loopback address and
-    // std::runtime_error when the address cannot be bound.
+    // Throws std::invalid_argument for a host that is not an address, or not a loopback one
+    // unless `beyondLoopback`, and std::runtime_error when the address cannot be bound.
     HttpServer(const std::string& host, std::uint16_t port, RequestHandler handler,
-               SocketHub& sockets);
+               SocketHub& sockets, bool beyondLoopback = false);
     ~HttpServer();
 
     // Stops the server thread. Connections stay allocated, idle, until destruction.

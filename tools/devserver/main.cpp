@@ -28,8 +28,12 @@ namespace {
 using virela::devserver::SocketEvent;
 
 void usage(std::ostream& out) {
-    out << "usage: virela-devserver [--port N] [--key KEY]... [--no-console] [--console-dir DIR]\n"
+    out << "usage: virela-devserver [--port N] [--listen ADDRESS] [--key KEY]... [--no-console]\n"
+           "                       [--console-dir DIR]\n"
            "  --port N    listen on 127.0.0.1:N (default 0: any free port)\n"
+           "  --listen ADDRESS     listen on ADDRESS instead of 127.0.0.1, e.g. 0.0.0.0 for every\n"
+           "                       interface: other machines can then reach the backend, and\n"
+           "                       only the console's token keeps them out of the console\n"
            "  --key KEY   accept this API key for registration (repeatable;\n"
            "              default vk_demo_local)\n"
            "  --no-console         do not serve the agent's console at /console\n"
@@ -507,6 +511,9 @@ int main(int argc, char** argv) {
             if (!keysGiven) options.apiKeys.clear();
             keysGiven = true;
             options.apiKeys.emplace_back(argv[++i]);
+        } else if (arg == "--listen" && hasValue) {
+            options.host = argv[++i];
+            options.beyondLoopback = true;
         } else if (arg == "--no-console") {
             options.consoleToken.reset();
         } else if (arg == "--console-dir" && hasValue) {

@@ -237,7 +237,7 @@ void Server::start(Options options) {
             [impl](RecordedRequest request, int version) {
                 return impl->handle(std::move(request), version);
             },
-            impl_->sockets);
+            impl_->sockets, options.beyondLoopback);
     } catch (...) {
         impl_->sockets.shutdown();
         throw;

@@ -71,8 +71,12 @@ struct SocketEvent {
 };
 
 struct Options {
-    // Only loopback addresses are accepted.
+    // Only loopback addresses are accepted unless `beyondLoopback` is set.
     std::string host = "127.0.0.1";
+    // Accept any address for `host` ("0.0.0.0" reaches every interface), so that devices and
+    // browsers on other machines get in; the console's token then stands between them and the
+    // agent's side. Plain http only: https stays on loopback.
+    bool beyondLoopback = false;
     std::uint16_t port = 0;  // 0 picks a free port
     std::vector<std::string> apiKeys{"vk_demo_local"};
     std::string consentCopy =
@@ -283,7 +287,8 @@ class Server {
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    // Throws std::invalid_argument for a host that is not a loopback address, std::logic_error
+    // Throws std::invalid_argument for a host that is not a loopback address (see
+    // Options::beyondLoopback), std::logic_error
     // when already running and std::runtime_error when the port cannot be bound.
     void start(Options options = {});
     // Idempotent; open connections, sockets included, are dropped without a close frame.
