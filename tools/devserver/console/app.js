@@ -11,7 +11,7 @@ const MAX_EVENTS = 1000;
 const DEFAULT_MARK_COLOR = '#DC3834'; // the device's own red, when no colour is chosen
 
 const token = new URLSearchParams(location.search).get('token');
-// The cookie set with the page covers <img>; the header covers a tab whose cookie is gone.
+// The cookie set with the page covers <img>; the header goes with every fetch all the same.
 const authHeaders = token ? { Authorization: `Bearer ${token}` } : {};
 
 const $ = (id) => document.querySelector(`[data-testid="${id}"]`);
@@ -208,6 +208,7 @@ function render() {
   renderDevices();
   const device = deviceById(view.selected);
   $('device-panel').hidden = !device;
+  $('shots').hidden = !device;
   if (device) {
     renderPanelHead(device);
     renderCaptures(device);
@@ -217,7 +218,7 @@ function render() {
 }
 
 const HEALTH_NAMES = {
-  battery: 'Battery', batteryState: 'Charging', network: 'Network', storage: 'Storage',
+  battery: 'Battery', batteryState: 'Battery state', network: 'Network', storage: 'Storage',
   memory: 'Memory', appearance: 'Appearance', textSize: 'Text size', accessibility: 'Accessibility',
 };
 
@@ -295,22 +296,29 @@ function renderCaptures(device) {
   const key = JSON.stringify([rows, device.connected, rows.map((c) => c.sessionExpiresAt && timeLeft(c.sessionExpiresAt))]);
   if (key === view.rendered.captures) return;
   view.rendered.captures = key;
-  const items = rows.map((c) => {
+  const items = rows.flatMap((c) => {
     const left = c.mode === 'PerSession' && c.answer === true && c.sessionExpiresAt ? timeLeft(c.sessionExpiresAt) : null;
-    const status = el('span', { class: `status ${c.answer === false ? 'bad' : c.captureId ? 'good' : ''}`, 'data-testid': 'capture-status' }, captureStatus(c));
-    return el('li', { class: 'capture', 'data-testid': 'capture', 'data-request-id': c.requestId, 'data-capture-id': c.captureId ?? '' },
-      c.imageUrl
-        ? el('a', { href: c.imageUrl, target: '_blank', rel: 'noopener', class: 'thumb', title: 'Open the full image' },
-          el('img', { src: c.imageUrl, alt: `Screenshot ${c.captureId ?? ''}`, 'data-testid': 'capture-image' }))
-        : el('span', { class: 'thumb pending' }, c.answer === false ? '✕' : '…'),
-      el('span', { class: 'capture-line' },
-        c.captureId ? el('strong', { class: 'capture-id', 'data-testid': 'capture-id' }, c.captureId) : el('strong', {}, c.requestId)),
-      el('span', { class: 'capture-line' }, c.mode === 'PerSession' ? 'for the call' : 'once', ' · ', status),
-      left && el('span', { class: 'capture-line left' }, `${left} left`),
-      left && el('button', {
-        type: 'button', 'data-testid': 'capture-another', disabled: !device.connected,
-        onclick: () => act('Take another screenshot', `/console/api/devices/${enc(device.deviceId)}/capture`, { requestId: c.requestId }),
-      }, 'Take another'));
+    // A call's request brings several images; each gets its own tile, the newest first, and
+    // the newest carries the request's state.
+    const images = (c.images?.length ? c.images : c.captureId ? [{ captureId: c.captureId, imageUrl: c.imageUrl }] : [])
+      .slice().reverse();
+    const tiles = images.length ? images : [{ captureId: null, imageUrl: null }];
+    return tiles.map((image, i) => el('li', {
+      class: 'capture', 'data-testid': 'capture', 'data-request-id': c.requestId, 'data-capture-id': image.captureId ?? '',
+    },
+    image.imageUrl
+      ? el('a', { href: image.imageUrl, target: '_blank', rel: 'noopener', class: 'thumb', title: 'Open the full image' },
+        el('img', { src: image.imageUrl, alt: `Screenshot ${image.captureId ?? ''}`, 'data-testid': 'capture-image' }))
+      : el('span', { class: 'thumb pending' }, c.answer === false ? '✕' : '…'),
+    el('span', { class: 'capture-line' },
+      image.captureId ? el('strong', { class: 'capture-id', 'data-testid': 'capture-id' }, image.captureId) : el('strong', {}, c.requestId)),
+    el('span', { class: 'capture-line' }, c.mode === 'PerSession' ? 'for the call' : 'once', i === 0 && ' · ',
+      i === 0 && el('span', { class: `status ${c.answer === false ? 'bad' : image.captureId ? 'good' : ''}`, 'data-testid': 'capture-status' }, captureStatus(c))),
+    i === 0 && left && el('span', { class: 'capture-line left' }, `${left} left`),
+    i === 0 && left && el('button', {
+      type: 'button', 'data-testid': 'capture-another', disabled: !device.connected,
+      onclick: () => act('Take another screenshot', `/console/api/devices/${enc(device.deviceId)}/capture`, { requestId: c.requestId }),
+    }, 'Take another')));
   });
   if (!items.length) items.push(el('li', { class: 'empty' }, 'No screenshot asked for yet.'));
   $('capture-list').replaceChildren(...items);
@@ -365,6 +373,7 @@ const KIND_CLASS = {
   'live-answer': 'consent', 'control-requested': 'consent', 'control-answer': 'consent',
   upload: 'image', 'frames-started': 'image', 'live-active': 'live', 'live-ended': 'live', note: 'live',
   'control-active': 'control', 'control-ended': 'control', feedback: 'control', input: 'control',
+  guide: 'live', refuse: 'indicator',
   view: 'view', indicator: 'indicator', connected: 'link', disconnected: 'link', registered: 'link',
   identified: 'link', state: 'link', health: 'link',
 };
@@ -394,7 +403,8 @@ function eventItem(e) {
   const bad = e.kind === 'indicator' && /refused/.test(e.text ?? '');
   return el('li', { class: `event ${KIND_CLASS[e.kind] ?? ''}${bad ? ' bad' : ''}`, 'data-testid': 'event', 'data-kind': e.kind, 'data-seq': e.seq },
     el('time', {}, time),
-    el('span', { class: 'who' }, [e.deviceId, e.sessionId].filter(Boolean).join(' ')),
+    // The device's id only matters once there are several.
+    el('span', { class: 'who' }, view.snapshot.devices.length > 1 ? [e.deviceId, e.sessionId].filter(Boolean).join(' · ') : e.sessionId ?? ''),
     el('span', { class: 'kind' }, e.kind),
     el('span', { class: 'text' }, e.text ?? ''));
 }
@@ -407,15 +417,11 @@ const frame = {
   sessionId: null,
   shown: -1, // the frame count of the image on screen
   loading: false,
-  url: null,
-
   reset() {
     this.sessionId = null;
     this.shown = -1;
     this.img.hidden = true;
     this.img.removeAttribute('src');
-    if (this.url) URL.revokeObjectURL(this.url);
-    this.url = null;
     delete this.img.dataset.frame;
   },
 
@@ -428,22 +434,18 @@ const frame = {
     if (s.frameUrl && s.frames > this.shown && !this.loading) this.load(s);
   },
 
-  // Fetched as a blob and swapped in whole, so the picture never flickers or shows half a frame.
+  // Loaded and decoded aside, then swapped in: the browser reuses the decoded image, so the
+  // picture never flickers or shows half a frame. The cookie set with the page authorises it.
   async load(s) {
     this.loading = true;
     const n = s.frames;
-    const sep = s.frameUrl.includes('?') ? '&' : '?';
+    const url = `${s.frameUrl}${s.frameUrl.includes('?') ? '&' : '?'}n=${n}`;
     try {
-      const res = await fetch(`${s.frameUrl}${sep}n=${n}`, { headers: authHeaders, cache: 'no-store' });
-      if (res.ok && this.sessionId === s.sessionId) {
-        const blob = await res.blob();
-        const url = URL.createObjectURL(blob);
-        await new Promise((resolve) => {
-          this.img.onload = this.img.onerror = resolve;
-          this.img.src = url;
-        });
-        if (this.url) URL.revokeObjectURL(this.url);
-        this.url = url;
+      const next = new Image();
+      next.src = url;
+      await next.decode();
+      if (this.sessionId === s.sessionId) {
+        this.img.src = url;
         this.shown = n;
         this.img.dataset.frame = String(n);
         this.img.hidden = false;
