@@ -335,9 +335,7 @@ function renderLive(device) {
   setText('session-generation', s?.generation ?? '–');
   setText('frame-count', String(s?.frames ?? 0));
   setText('frame-rate', active && typeof s.frameRate === 'number' ? s.frameRate.toFixed(1) : '–');
-  setText('indicators', s && s.indicators?.length
-    ? s.indicators.map((i) => `${i.kind} ${i.generation ?? ''} ${i.accepted ? 'confirmed' : 'refused'}`).join(' · ')
-    : '–');
+  renderIndicators(s);
 
   $('live-start').disabled = !device.connected || open;
   $('live-end').disabled = !open;
@@ -345,7 +343,9 @@ function renderLive(device) {
 
   const c = s?.control ?? null;
   const controlState = c && c.state ? c.state : 'none';
-  setText('control-state', controlState);
+  const lease = latestIndicators(s).find((i) => i.kind === 'control');
+  const lapsed = controlState === 'active' && lease && !lease.accepted && lease.generation === c.generation;
+  setText('control-state', lapsed ? 'active, lease refused' : controlState);
   setText('control-generation', c?.generation ?? '–');
   setText('control-inputs', String(c?.inputs ?? 0));
   setText('control-feedback', c && c.feedback?.length ? c.feedback.join(', ') : '–');
@@ -359,6 +359,27 @@ function renderLive(device) {
   tools.sync(s);
   stage.sync(device, s);
   frame.sync(s);
+}
+
+// The device confirms each indicator again and again; what matters is the latest per kind,
+// and a refused one means that lease has lapsed on the device.
+function latestIndicators(s) {
+  const latest = new Map();
+  for (const i of s?.indicators ?? []) latest.set(i.kind, i);
+  return [...latest.values()];
+}
+
+function renderIndicators(s) {
+  const list = latestIndicators(s);
+  const node = $('indicators');
+  const key = JSON.stringify(list);
+  if (node.dataset.key === key) return;
+  node.dataset.key = key;
+  if (!list.length) return node.replaceChildren('–');
+  node.replaceChildren(...list.map((i) => el('span', {
+    class: `chip ${i.accepted ? 'good' : 'bad'}`, 'data-testid': 'indicator', 'data-kind': i.kind,
+    title: i.accepted ? 'confirmed by the device' : 'the device was told the lease is not held; it stops',
+  }, `${i.kind} ${i.generation ?? ''} ${i.accepted ? '✓' : 'refused'}`)));
 }
 
 function sessionStateText(s) {
