@@ -21,7 +21,7 @@ const view = {
   since: 0,
   events: [],
   clockOffsetMs: 0, // the backend's clock minus ours
-  selected: decodeURIComponent(new URLSearchParams(location.hash.slice(1)).get('device') ?? '') || null,
+  selected: new URLSearchParams(location.hash.slice(1)).get('device') || null,
   rendered: { devices: '', captures: '', eventsShown: -1, logFilter: '' },
 };
 
