@@ -1371,7 +1371,13 @@ TEST_F(ConsoleTest, MalformedActionsGetA400WithTheReasonAndTheBackendCarriesOn) 
         {"refuse", R"({"kind":"sharing","refuse":"yes"})", 400},
         {"devices/nobody/live", "{}", 404},
         {"sessions/live_404/end", "{}", 404},
-        {session + "/input", R"({"action":"tap","x":0.5,"y":0.5})", 200},
+        // Well formed, but the session was never allowed.
+        {session + "/input", R"({"action":"tap","x":0.5,"y":0.5})", 409},
+        {session + "/control", "{}", 409},
+        {session + "/control/end", "{}", 409},
+        {session + "/guide", R"({"kind":"laser"})", 409},
+        {session + "/end", "{}", 200},
+        {session + "/end", "{}", 409},
     };
     for (const auto& [path, body, status] : cases) {
         auto reply = act(path, body);
@@ -1406,6 +1412,13 @@ TEST_F(ConsoleTest, ItsSessionsStartOnTheCustomersAllowAndTheJournalTellsWhatThe
         events("indicator"),
         std::vector<std::string>{"indicator sharing (generation share-1) refused: lease_mismatch"});
     EXPECT_TRUE(state()["refusing"]["sharing"]);
+    // Until the device confirms again the lease stays lapsed and its frames are dropped.
+    EXPECT_EQ(sendFrame(session, jpeg('x'))->status, 409);
+    EXPECT_EQ(state()["sessions"][0]["frames"], 0);
+    EXPECT_EQ(state()["sessions"][0]["lapsed"], json::array({"sharing"}));
+    ASSERT_EQ(act("refuse", R"({"kind":"sharing","refuse":false})")->status, 200);
+    EXPECT_EQ(confirm(session, "sharing", "share-1")->status, 200);
+    EXPECT_EQ(state()["sessions"][0]["lapsed"], json::array());
 
     // A silent stream turns stale; a frame makes it fresh again.
     EXPECT_FALSE(state()["sessions"][0]["stale"]);
@@ -1420,6 +1433,8 @@ TEST_F(ConsoleTest, ItsSessionsStartOnTheCustomersAllowAndTheJournalTellsWhatThe
 
     ASSERT_EQ(act("sessions/" + session + "/control", "{}")->status, 200);
     EXPECT_EQ(nextPush()["payload"]["state"], "requested");
+    EXPECT_EQ(act("sessions/" + session + "/input", R"({"action":"key","key":"enter"})")->status,
+              409);
     ASSERT_EQ(postLive(session, "control/respond", R"({"allow":true})", "")->status, 200);
     const json granted = nextPush();
     EXPECT_EQ(granted["payload"]["state"], "active");

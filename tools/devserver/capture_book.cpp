@@ -105,6 +105,7 @@ std::string CaptureBook::store(std::string_view requestId, std::string png, std:
         images_[captureId] = png;
         CaptureRecord& record = recordFor(requestId);
         record.captureId = captureId;
+        record.captureIds.push_back(captureId);
         record.imageUrl = std::string(linkPrefix) + captureId + ".png";
         record.png = std::move(png);
         record.uploadContentType = std::move(contentType);
@@ -127,9 +128,25 @@ std::optional<CaptureRecord> CaptureBook::find(std::string_view requestId) const
     return std::nullopt;
 }
 
-std::vector<CaptureRecord> CaptureBook::all() const {
+std::vector<CaptureRecord> CaptureBook::all(bool images) const {
     std::lock_guard lock(mutex_);
-    return records_;
+    if (images) return records_;
+    std::vector<CaptureRecord> records;
+    records.reserve(records_.size());
+    for (const CaptureRecord& record : records_) {
+        CaptureRecord& copy = records.emplace_back();
+        copy.requestId = record.requestId;
+        copy.deviceId = record.deviceId;
+        copy.mode = record.mode;
+        copy.promptId = record.promptId;
+        copy.promptShown = record.promptShown;
+        copy.answer = record.answer;
+        copy.sessionExpiresAt = record.sessionExpiresAt;
+        copy.captureId = record.captureId;
+        copy.captureIds = record.captureIds;
+        copy.imageUrl = record.imageUrl;
+    }
+    return records;
 }
 
 bool CaptureBook::waitFor(std::string_view requestId, std::chrono::milliseconds timeout,

@@ -50,7 +50,8 @@ class CaptureBook {
     std::optional<std::string> image(std::string_view captureId) const;
 
     std::optional<CaptureRecord> find(std::string_view requestId) const;
-    std::vector<CaptureRecord> all() const;
+    // With `images` false the records leave out the uploaded file, for callers that poll.
+    std::vector<CaptureRecord> all(bool images = true) const;
     bool waitFor(std::string_view requestId, std::chrono::milliseconds timeout,
                  bool (*done)(const CaptureRecord&)) const;
 

@@ -1,5 +1,6 @@
 #include "tools/devserver/console.hpp"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -127,7 +128,7 @@ std::optional<std::string> readConsoleFile(const std::string& directory, std::st
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
-Reply badRequest(std::string message) {
+Reply badRequest(const std::string& message) {
     return jsonError(400, "bad_request", message);
 }
 
@@ -348,6 +349,15 @@ void Console::observeLive(std::string_view deviceId, std::string_view sessionId,
     }
 
     if (what == "indicator" && (status == 200 || status == 409)) {
+        {
+            std::lock_guard lock(mutex_);
+            const std::string key = session + '\n' + text("kind");
+            if (status == 200) {
+                lapsed_.erase(key);
+            } else {
+                lapsed_.insert(key);
+            }
+        }
         record(device, session, "indicator",
                "indicator " + text("kind") + " (generation " + text("generation") + ") " +
                    (status == 200 ? "confirmed" : "refused: lease_mismatch"));
@@ -370,6 +380,7 @@ void Console::observeLive(std::string_view deviceId, std::string_view sessionId,
         {
             std::lock_guard lock(mutex_);
             first = framing_.insert(session).second;
+            droppingFrames_.erase(session);
         }
         if (first) record(device, session, "frames-started", "first frame received");
     } else if (what == "control/respond") {
@@ -386,6 +397,31 @@ void Console::observeLive(std::string_view deviceId, std::string_view sessionId,
     } else if (what == "control/feedback") {
         record(device, session, "feedback", "control feedback: " + text("kind"));
     }
+}
+
+bool Console::lapsed(std::string_view sessionId, std::string_view kind) const {
+    std::lock_guard lock(mutex_);
+    return lapsed_.contains(std::string(sessionId) + '\n' + std::string(kind));
+}
+
+bool Console::dropsFrame(const RecordedRequest& request) {
+    const std::vector<std::string_view> parts = segments(request.path);
+    if (request.method != "POST" || parts.size() != 5 || parts[0] != "v1" || parts[2] != "live" ||
+        parts[4] != "frame" || !lapsed(parts[3], "sharing")) {
+        return false;
+    }
+    const std::optional<std::string> token = request.header(kDeviceHeader);
+    const std::string deviceId = token ? registry_.deviceIdOf(*token).value_or("") : "";
+    bool first = false;
+    {
+        std::lock_guard lock(mutex_);
+        first = droppingFrames_.insert(std::string(parts[3])).second;
+    }
+    if (first) {
+        record(deviceId, std::string(parts[3]), "frames-dropped",
+               "frames dropped: the sharing lease lapsed");
+    }
+    return true;
 }
 
 std::string Console::state(std::uint64_t since) const {
@@ -420,7 +456,11 @@ std::string Console::state(std::uint64_t since) const {
     }
 
     ordered captures = ordered::array();
-    for (const CaptureRecord& capture : captures_.all()) {
+    for (const CaptureRecord& capture : captures_.all(false)) {
+        ordered images = ordered::array();
+        for (const std::string& id : capture.captureIds) {
+            images.push_back({{"captureId", id}, {"imageUrl", "/captures/" + id + ".png"}});
+        }
         captures.push_back({{"requestId", capture.requestId},
                             {"deviceId", capture.deviceId},
                             {"mode", capture.mode},
@@ -428,7 +468,8 @@ std::string Console::state(std::uint64_t since) const {
                             {"answer", capture.answer ? ordered(*capture.answer) : ordered()},
                             {"sessionExpiresAt", optionalJson(capture.sessionExpiresAt)},
                             {"captureId", optionalJson(capture.captureId)},
-                            {"imageUrl", optionalJson(pathOf(capture.imageUrl))}});
+                            {"imageUrl", optionalJson(pathOf(capture.imageUrl))},
+                            {"images", images}});
     }
 
     ordered sessions = ordered::array();
@@ -438,11 +479,18 @@ std::string Console::state(std::uint64_t since) const {
             active && (live.sinceFrame
                            ? *live.sinceFrame > kStaleAfterFrame
                            : live.sinceActivation && *live.sinceActivation > kStaleAfterActivation);
+        // The device re-confirms every few seconds; the latest of each kind is what stands.
         ordered indicators = ordered::array();
-        for (const IndicatorConfirmation& indicator : live.indicators) {
-            indicators.push_back({{"kind", indicator.kind},
-                                  {"generation", indicator.generation},
-                                  {"accepted", indicator.accepted}});
+        ordered lapses = ordered::array();
+        for (const char* kind : {"sharing", "recording", "control"}) {
+            auto latest = std::find_if(live.indicators.rbegin(), live.indicators.rend(),
+                                       [kind](const auto& one) { return one.kind == kind; });
+            if (latest != live.indicators.rend()) {
+                indicators.push_back({{"kind", latest->kind},
+                                      {"generation", latest->generation},
+                                      {"accepted", latest->accepted}});
+            }
+            if (lapsed(live.sessionId, kind)) lapses.push_back(kind);
         }
         const ControlRecord& control = live.control;
         sessions.push_back(
@@ -457,6 +505,7 @@ std::string Console::state(std::uint64_t since) const {
              {"frameAgeMs", live.sinceFrame ? ordered(live.sinceFrame->count()) : ordered()},
              {"stale", stale},
              {"indicators", indicators},
+             {"lapsed", lapses},
              {"control",
               {{"state", control.state},
                {"generation", optionalJson(control.generation)},
@@ -502,7 +551,7 @@ std::string Console::state(std::uint64_t since) const {
     return answer.dump(-1, ' ', false, ordered::error_handler_t::replace);
 }
 
-void Console::addRoutes(Router& router, std::string token, std::string directory) {
+void Console::addRoutes(Router& router, const std::string& token, const std::string& directory) {
     auto page = [this, token, directory](std::string_view name) {
         std::optional<std::string> file = readConsoleFile(directory, name);
         if (!file) return jsonError(404, "not_found", "No such console file.");
@@ -573,6 +622,15 @@ void Console::addRoutes(Router& router, std::string token, std::string directory
         return live->deviceId;
     };
     auto unknownSession = [] { return jsonError(404, "not_found", "No such live session."); };
+    // What may be sent depends on where the session and its control stand; the device would
+    // ignore the rest, and the agent should hear why instead.
+    auto stateOf = [this](const PathParams& params) {
+        std::optional<LiveRecord> live = live_.find(params.get("session"));
+        return live ? *live : LiveRecord{};
+    };
+    auto notActive = [] {
+        return jsonError(409, "not_active", "The live session is not running.");
+    };
 
     router.add(
         "POST", "/console/api/devices/{device}/screenshot",
@@ -634,6 +692,9 @@ void Console::addRoutes(Router& router, std::string token, std::string directory
                    const std::optional<std::string> device = sessionDevice(params);
                    if (!device) return unknownSession();
                    const std::string session(params.get("session"));
+                   if (stateOf(params).state == "ended") {
+                       return jsonError(409, "ended", "The live session has already ended.");
+                   }
                    server_.endLive(*device, session);
                    record(*device, session, "live-ended", "agent ended the live view");
                    return jsonReply(ordered::object());
@@ -654,6 +715,7 @@ void Console::addRoutes(Router& router, std::string token, std::string directory
                    if (kind == "frameSaved") note.guides = true;
                    if (kind == "recordingStarted") note.generation = nextGeneration("rec");
                    const std::string session(params.get("session"));
+                   if (stateOf(params).state != "active") return notActive();
                    if (!server_.sendLiveNote(*device, session, note)) return notConnected();
                    record(*device, session, "note",
                           "agent sent the note " + kind +
@@ -688,6 +750,7 @@ void Console::addRoutes(Router& router, std::string token, std::string directory
                 return badRequest("\"text\" is too long.");
             }
             const std::string session(params.get("session"));
+            if (stateOf(params).state != "active") return notActive();
             if (!server_.sendGuide(*device, session, guide)) return notConnected();
             // The laser moves many times a second; the log keeps the marks only.
             if (guide.kind != "laser" && guide.kind != "laser-off") {
@@ -701,6 +764,11 @@ void Console::addRoutes(Router& router, std::string token, std::string directory
                    const std::optional<std::string> device = sessionDevice(params);
                    if (!device) return unknownSession();
                    const std::string session(params.get("session"));
+                   const LiveRecord live = stateOf(params);
+                   if (live.state != "active") return notActive();
+                   if (live.control.state == "active") {
+                       return jsonError(409, "in_control", "Control is already granted.");
+                   }
                    {
                        std::lock_guard lock(mutex_);
                        ownSessions_.insert(session);
@@ -717,6 +785,11 @@ void Console::addRoutes(Router& router, std::string token, std::string directory
                    const std::optional<std::string> device = sessionDevice(params);
                    if (!device) return unknownSession();
                    const std::string session(params.get("session"));
+                   const std::string control = stateOf(params).control.state;
+                   if (control != "requested" && control != "active") {
+                       return jsonError(409, "no_control",
+                                        "Control was not asked for, or has ended.");
+                   }
                    server_.endControl(*device, session);
                    record(*device, session, "control-ended", "agent released control");
                    return jsonReply(ordered::object());
@@ -752,6 +825,16 @@ void Console::addRoutes(Router& router, std::string token, std::string directory
                 return badRequest("\"action\" must be tap, scroll, type or key.");
             }
             const std::string session(params.get("session"));
+            const LiveRecord live = stateOf(params);
+            if (live.state != "active" || live.control.state != "active") {
+                return jsonError(409, "no_control",
+                                 "Control is not granted: ask for it and wait for the customer.");
+            }
+            if (lapsed(session, "control")) {
+                return jsonError(409, "lease_mismatch",
+                                 "The device has not confirmed the control lease; input is "
+                                 "dropped until it does.");
+            }
             if (!server_.sendInput(*device, session, input)) return notConnected();
             if (act != "scroll") record(*device, session, "input", "agent input: " + act);
             return jsonReply(ordered::object());

@@ -160,6 +160,10 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
                     return port;
                 }())) {
                 outcome.reply = consoleRefusal();
+            } else if (!consoleToken.empty() && console.dropsFrame(request)) {
+                outcome.reply = jsonError(409, "lease_mismatch",
+                                          "The device has not confirmed the sharing lease; its "
+                                          "frames are dropped until it does.");
             } else if (request.path == kSocketPath) {
                 outcome = admitSocket(request, version, registry, sockets.refusing());
             } else {

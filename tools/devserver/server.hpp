@@ -140,7 +140,8 @@ struct CaptureRecord {
     bool promptShown = false;  // the device reported the prompt on screen
     std::optional<bool> answer;
     std::optional<std::string> sessionExpiresAt;  // what the answer replied, for PerSession
-    std::optional<std::string> captureId;         // once an upload is stored
+    std::optional<std::string> captureId;         // of the latest upload stored
+    std::vector<std::string> captureIds;          // of every upload stored, oldest first
     std::optional<std::string> imageUrl;
     std::string png;  // the uploaded file
     std::string uploadContentType;
