@@ -357,6 +357,8 @@ test('refusing the recording confirmation shows the lease lapse, and the page ke
   await page.waitForFunction(() => !document.querySelector('[data-testid="refuse-recording"]').dataset.pending);
   await byId('note-recording-start').click();
   await page.locator('[data-testid="event"][data-kind="indicator"].bad').first().waitFor();
+  await page.locator('[data-testid="indicator"][data-kind="recording"].bad').waitFor();
+  assert.match(await page.locator('[data-testid="indicator"][data-kind="recording"]').textContent(), /lapsed/);
   await page.waitForTimeout(700); // a few polls: the switch follows the backend, not the click
   assert.ok(await byId('refuse-recording').isChecked());
   await byId('refuse-recording').uncheck();

@@ -343,9 +343,8 @@ function renderLive(device) {
 
   const c = s?.control ?? null;
   const controlState = c && c.state ? c.state : 'none';
-  const lease = latestIndicators(s).find((i) => i.kind === 'control');
-  const lapsed = controlState === 'active' && lease && !lease.accepted && lease.generation === c.generation;
-  setText('control-state', lapsed ? 'active, lease refused' : controlState);
+  const lapsed = controlState === 'active' && (s?.lapsed ?? []).includes('control');
+  setText('control-state', lapsed ? 'active, lease lapsed: taps are dropped' : controlState);
   setText('control-generation', c?.generation ?? '–');
   setText('control-inputs', String(c?.inputs ?? 0));
   setText('control-feedback', c && c.feedback?.length ? c.feedback.join(', ') : '–');
@@ -361,25 +360,23 @@ function renderLive(device) {
   frame.sync(s);
 }
 
-// The device confirms each indicator again and again; what matters is the latest per kind,
-// and a refused one means that lease has lapsed on the device.
-function latestIndicators(s) {
-  const latest = new Map();
-  for (const i of s?.indicators ?? []) latest.set(i.kind, i);
-  return [...latest.values()];
-}
-
+// The backend sends the latest confirmation of each kind. A lapsed kind (a confirmation refused
+// and none accepted since) is one whose frames or input the backend drops until the device
+// confirms again.
 function renderIndicators(s) {
-  const list = latestIndicators(s);
+  const lapsed = new Set(s?.lapsed ?? []);
+  const list = (s?.indicators ?? []).map((i) => ({ ...i, lapsed: lapsed.has(i.kind) }));
   const node = $('indicators');
   const key = JSON.stringify(list);
   if (node.dataset.key === key) return;
   node.dataset.key = key;
   if (!list.length) return node.replaceChildren('–');
   node.replaceChildren(...list.map((i) => el('span', {
-    class: `chip ${i.accepted ? 'good' : 'bad'}`, 'data-testid': 'indicator', 'data-kind': i.kind,
-    title: i.accepted ? 'confirmed by the device' : 'the device was told the lease is not held; it stops',
-  }, `${i.kind} ${i.generation ?? ''} ${i.accepted ? '✓' : 'refused'}`)));
+    class: `chip ${i.lapsed || !i.accepted ? 'bad' : 'good'}`, 'data-testid': 'indicator', 'data-kind': i.kind,
+    title: i.lapsed
+      ? 'lease lapsed: the backend drops this kind until the device confirms again'
+      : 'confirmed by the device',
+  }, `${i.kind} ${i.generation ?? ''} ${i.lapsed ? 'lapsed' : i.accepted ? '✓' : 'refused'}`)));
 }
 
 function sessionStateText(s) {
