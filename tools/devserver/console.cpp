@@ -186,6 +186,13 @@ std::optional<std::string> pathOf(const std::optional<std::string>& url) {
     return slash == std::string::npos ? std::string("/") : url->substr(slash);
 }
 
+// What a device sent, cut to a length that fits a line of the log.
+std::string shortened(std::string text) {
+    constexpr std::size_t kShown = 120;
+    if (text.size() > kShown) text = text.substr(0, kShown) + "…";
+    return text;
+}
+
 ordered optionalJson(const std::optional<std::string>& value) {
     return value ? ordered(*value) : ordered();
 }
@@ -274,7 +281,8 @@ void Console::observe(const SocketEvent& event) {
         message.value("type", json()).is_string() ? message["type"].get<std::string>() : "";
     auto member = [&](const char* key) {
         auto it = message.find(key);
-        return it != message.end() && it->is_string() ? it->get<std::string>() : std::string();
+        return it != message.end() && it->is_string() ? shortened(it->get<std::string>())
+                                                      : std::string();
     };
     if (type == "state") {
         const std::string state = member("state");
@@ -304,15 +312,16 @@ void Console::observe(const RecordedRequest& request, int status) {
         return;
     }
     if (status < 200 || status >= 300) return;
-    const json body = json::parse(request.body, nullptr, false);
+    // Every body that got a 2xx was a JSON object, but for the uploads.
+    const json parsed = json::parse(request.body, nullptr, false);
+    const json body = parsed.is_object() ? parsed : json::object();
     auto allowed = [&body] {
-        return body.is_object() && body.value("allow", json()).is_boolean() &&
-               body["allow"].get<bool>();
+        return body.value("allow", json()).is_boolean() && body["allow"].get<bool>();
     };
     if (parts[2] == "devices" && parts[3] == "identify") {
-        std::string who = body.is_object() && body.value("name", json()).is_string()
-                              ? body["name"].get<std::string>()
-                              : body.value("id", json("someone")).dump();
+        const std::string who = shortened(body.value("name", json()).is_string()
+                                              ? body["name"].get<std::string>()
+                                              : body.value("id", json("someone")).dump());
         record(deviceId, {}, "identified", "identified as " + who);
     } else if (parts[2] == "devices" && parts[3] == "health") {
         record(deviceId, {}, "health", "health report received");
@@ -337,7 +346,7 @@ void Console::observeLive(std::string_view deviceId, std::string_view sessionId,
     const json body = what == "frame" ? json() : json::parse(request.body, nullptr, false);
     auto text = [&body](const char* key) {
         return body.is_object() && body.value(key, json()).is_string()
-                   ? body[key].get<std::string>()
+                   ? shortened(body[key].get<std::string>())
                    : std::string("?");
     };
     const bool allow =

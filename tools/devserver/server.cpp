@@ -175,7 +175,11 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
     }
 
     if (!consoleToken.empty() && outcome.kind != Outcome::Kind::close) {
-        console.observe(request, outcome.reply.status);
+        try {
+            console.observe(request, outcome.reply.status);
+        } catch (const std::exception&) {
+            // The journal is for the page; a report it cannot read is not the device's problem.
+        }
     }
     if (onRequest) {
         try {
@@ -230,7 +234,11 @@ void Server::start(Options options) {
     } else {
         impl_->sockets.open(
             [impl, observer = std::move(options.onSocketEvent)](const SocketEvent& event) {
-                impl->console.observe(event);
+                try {
+                    impl->console.observe(event);
+                } catch (const std::exception&) {
+                    // As above: the journal never takes a socket down.
+                }
                 if (observer) observer(event);
             });
     }
