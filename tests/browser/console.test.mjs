@@ -35,6 +35,8 @@ class Demo {
       env: { ...process.env, VIRELA_STATE_DIR: path.join(outDir, 'state') },
       stdio: ['ignore', 'pipe', 'pipe'],
     });
+    // Taken at once, so that an exit before anyone waits for it is not missed.
+    this.exited = once(this.proc, 'exit');
     this.stderr = '';
     this.proc.stderr.on('data', (d) => { this.stderr += d; });
     readline.createInterface({ input: this.proc.stdout }).on('line', (line) => {
@@ -190,7 +192,7 @@ after(async () => {
   if (demo && demo.proc.exitCode === null) {
     demo.proc.kill('SIGINT');
     await demo.line(/^stopped$/, { ms: 5000 }).catch(() => demo.proc.kill('SIGKILL'));
-    await once(demo.proc, 'exit');
+    await demo.exited;
   }
   if (demo) fs.rmSync(demo.outDir, { recursive: true, force: true });
 });
