@@ -1,11 +1,16 @@
 #include "apps/demo/console_mode.hpp"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <optional>
 #include <system_error>
 #include <vector>
+
+#include "apps/demo/transcript.hpp"
 
 namespace demo {
 
@@ -23,7 +28,71 @@ std::string signature(const std::optional<OverlayState>& state) {
     return text;
 }
 
+const char* const kCustomerHelp =
+    "customer: type scroll, background, foreground, stop, take back, offline or help (Enter "
+    "after each)";
+
+void act(const std::string& line, virela::headless::Runtime& runtime,
+         const std::shared_ptr<SampleApp>& app, virela::devserver::Server& backend,
+         const std::string& deviceId) {
+    if (line == "scroll") {
+        say("customer: scrolls the checkout");
+        runtime.runOnMain([&] { app->window()->drag({195, 420}, {195, 300}); });
+    } else if (line == "background") {
+        say("customer: leaves the app");
+        runtime.runOnMain([&] { runtime.lifecycle().enterBackground(); });
+    } else if (line == "foreground") {
+        say("customer: comes back to the app");
+        runtime.runOnMain([&] { runtime.lifecycle().enterForeground(); });
+    } else if (line == "stop" || line == "take back") {
+        const std::string title = line == "stop" ? "Stop" : "Take back control";
+        say("customer: taps [" + title + "]");
+        if (!runtime.runOnMain([&] { return runtime.overlay()->press(title); })) {
+            say("customer: (there is no [" + title + "] on screen)");
+        }
+    } else if (line == "offline") {
+        say("customer: loses the network for a moment");
+        backend.dropConnection(deviceId);
+    } else if (!line.empty()) {
+        say(kCustomerHelp);
+    }
+}
+
 }  // namespace
+
+void playCustomerAtTerminal(virela::headless::Runtime& runtime,
+                            const std::shared_ptr<SampleApp>& app,
+                            virela::devserver::Server& backend, const std::string& deviceId,
+                            const std::atomic<bool>& interrupted) {
+    using namespace std::chrono_literals;
+    say(kCustomerHelp);
+    bool reading = true;
+    std::string pending;
+    while (!interrupted) {
+        if (!reading) {
+            std::this_thread::sleep_for(50ms);
+            continue;
+        }
+        // Polled, so that Ctrl-C never waits for a line; read raw, so that no line waits in a
+        // stream's buffer unseen by poll.
+        pollfd input{STDIN_FILENO, POLLIN, 0};
+        if (::poll(&input, 1, 100) <= 0) continue;
+        char chunk[512];
+        const ssize_t n = ::read(STDIN_FILENO, chunk, sizeof chunk);
+        if (n <= 0) {
+            reading = false;
+            continue;
+        }
+        pending.append(chunk, static_cast<std::size_t>(n));
+        for (std::size_t end = pending.find('\n'); end != std::string::npos;
+             end = pending.find('\n')) {
+            std::string line = pending.substr(0, end);
+            pending.erase(0, end + 1);
+            while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
+            act(line, runtime, app, backend, deviceId);
+        }
+    }
+}
 
 CustomerViewWriter::CustomerViewWriter(virela::headless::Runtime& runtime,
                                        std::filesystem::path outDir)

@@ -5,10 +5,13 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 
+#include "apps/demo/sample_app.hpp"
 #include "platform/headless/runtime.hpp"
+#include "tools/devserver/server.hpp"
 
 namespace demo {
 
@@ -32,5 +35,14 @@ class CustomerViewWriter {
     std::atomic<bool> stopping_{false};
     std::thread thread_;
 };
+
+// The customer's own actions, typed at the terminal one a line, until `interrupted`: "scroll",
+// "background", "foreground", "stop" (the pill's Stop), "take back" (the control banner's
+// button), "offline" (the connection drops; the device reconnects by itself) and "help". A
+// closed standard input leaves only the interrupt to wait for.
+void playCustomerAtTerminal(virela::headless::Runtime& runtime,
+                            const std::shared_ptr<SampleApp>& app,
+                            virela::devserver::Server& backend, const std::string& deviceId,
+                            const std::atomic<bool>& interrupted);
 
 }  // namespace demo

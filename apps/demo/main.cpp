@@ -205,7 +205,13 @@ int main(int argc, char** argv) {
         demo::CustomerViewWriter view(runtime, options->outDir);
         say("play the agent: open " + backend.consoleUrl() + " in a browser");
         say("what the customer sees, overlay included, is kept in " + view.path().string());
-        stay(options->staySeconds.value_or(0));
+        if (options->consent == demo::ConsentPolicy::ask || options->staySeconds) {
+            // The terminal answers the sheets, or the run has a set length.
+            stay(options->staySeconds.value_or(0));
+        } else {
+            say("staying connected until Ctrl-C");
+            demo::playCustomerAtTerminal(runtime, app, backend, device.deviceId, interrupted);
+        }
     } else if (embedded) {
         if (!backend.waitForConnection(device.deviceId, 10s)) {
             say("the device did not connect to the realtime channel");

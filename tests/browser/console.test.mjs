@@ -33,7 +33,7 @@ class Demo {
     this.waiters = new Set();
     this.proc = spawn(demoPath, ['--console', '--out', outDir], {
       env: { ...process.env, VIRELA_STATE_DIR: path.join(outDir, 'state') },
-      stdio: ['ignore', 'pipe', 'pipe'],
+      stdio: ['pipe', 'pipe', 'pipe'],
     });
     // Taken at once, so that an exit before anyone waits for it is not missed.
     this.exited = once(this.proc, 'exit');
@@ -69,6 +69,11 @@ class Demo {
 
   mark() {
     return this.lines.length;
+  }
+
+  // The customer's action at the demo's terminal.
+  type(line) {
+    this.proc.stdin.write(`${line}\n`);
   }
 }
 
@@ -364,6 +369,20 @@ test('refusing the recording confirmation shows the lease lapse, and the page ke
   await page.waitForTimeout(700); // a few polls: the switch follows the backend, not the click
   assert.ok(await byId('refuse-recording').isChecked());
   await byId('refuse-recording').uncheck();
+});
+
+test('the customer leaving the app turns the picture stale, and a lost connection shows and comes back', async () => {
+  const stage = () => byId('stage').getAttribute('data-state');
+  demo.type('background');
+  await until('the picture to turn stale', async () => (await stage()) === 'stale');
+  assert.match(await text('device-app-state'), /background/);
+  demo.type('foreground');
+  await until('frames to flow again', async () => (await stage()) === 'live');
+  demo.type('offline');
+  // The device is back within about a second; the log keeps the moment it was gone.
+  await page.locator('[data-testid="event"][data-kind="disconnected"]').first().waitFor();
+  await until('the device to be connected again', async () => (await text('device-connection')) === 'connected');
+  assert.match(await text('device-app-state'), /foreground/);
 });
 
 test('ending the live view ends it on the device and greys the last frame', async () => {

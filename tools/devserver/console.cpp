@@ -263,9 +263,16 @@ std::string Console::nextGeneration(std::string_view prefix) {
 
 void Console::observe(const SocketEvent& event) {
     switch (event.kind) {
-        case SocketEvent::Kind::connected:
+        case SocketEvent::Kind::connected: {
+            // A device reports a change of state, not the state it connects in; a state heard
+            // before the connection was lost may be stale.
+            {
+                std::lock_guard lock(mutex_);
+                appStates_.erase(event.deviceId);
+            }
             record(event.deviceId, {}, "connected", "device connected");
             return;
+        }
         case SocketEvent::Kind::closed:
             record(event.deviceId, {}, "disconnected",
                    "device disconnected (" + std::to_string(event.closeCode) + ")");
