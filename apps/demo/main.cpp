@@ -198,10 +198,10 @@ int main(int argc, char** argv) {
     virela::Virela::showSupportCode();
     if (waitFor([&] { return customer.press("Done"); }, 3s)) say("customer: taps [Done]");
 
+    if (embedded && !backend.waitForConnection(device.deviceId, 10s)) {
+        say("the device did not connect to the realtime channel");
+    }
     if (options->console) {
-        if (!backend.waitForConnection(device.deviceId, 10s)) {
-            say("the device did not connect to the realtime channel");
-        }
         demo::CustomerViewWriter view(runtime, options->outDir);
         say("play the agent: open " + backend.consoleUrl() + " in a browser");
         say("what the customer sees, overlay included, is kept in " + view.path().string());
@@ -213,9 +213,6 @@ int main(int argc, char** argv) {
             demo::playCustomerAtTerminal(runtime, app, backend, device.deviceId, interrupted);
         }
     } else if (embedded) {
-        if (!backend.waitForConnection(device.deviceId, 10s)) {
-            say("the device did not connect to the realtime channel");
-        }
         demo::playScreenshots(backend, outcomes, device.deviceId, options->outDir,
                               options->consent);
         if (const auto live = demo::playLive(backend, runtime, app, device.deviceId,

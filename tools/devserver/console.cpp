@@ -177,15 +177,6 @@ bool hexColor(std::string_view color) {
     });
 }
 
-// "/captures/cap_1.png" from the absolute link the books keep, so the page stays on its origin.
-std::optional<std::string> pathOf(const std::optional<std::string>& url) {
-    if (!url) return std::nullopt;
-    const std::size_t scheme = url->find("://");
-    if (scheme == std::string::npos) return url;
-    const std::size_t slash = url->find('/', scheme + 3);
-    return slash == std::string::npos ? std::string("/") : url->substr(slash);
-}
-
 // What a device sent, cut to a length that fits a line of the log.
 std::string shortened(std::string text) {
     constexpr std::size_t kShown = 120;
@@ -365,18 +356,20 @@ void Console::observeLive(std::string_view deviceId, std::string_view sessionId,
     }
 
     if (what == "indicator" && (status == 200 || status == 409)) {
-        {
-            std::lock_guard lock(mutex_);
-            const std::string key = session + '\n' + text("kind");
-            if (status == 200) {
-                lapsed_.erase(key);
-            } else {
-                lapsed_.insert(key);
-            }
-        }
         record(device, session, "indicator",
                "indicator " + text("kind") + " (generation " + text("generation") + ") " +
                    (status == 200 ? "confirmed" : "refused: lease_mismatch"));
+        return;
+    }
+    if (what == "frame" && status == 409) {
+        bool first = false;
+        {
+            std::lock_guard lock(mutex_);
+            first = droppingFrames_.insert(session).second;
+        }
+        if (first) {
+            record(device, session, "frames-dropped", "frames dropped: the sharing lease lapsed");
+        }
         return;
     }
     if (status < 200 || status >= 300) return;
@@ -415,31 +408,6 @@ void Console::observeLive(std::string_view deviceId, std::string_view sessionId,
     }
 }
 
-bool Console::lapsed(std::string_view sessionId, std::string_view kind) const {
-    std::lock_guard lock(mutex_);
-    return lapsed_.contains(std::string(sessionId) + '\n' + std::string(kind));
-}
-
-bool Console::dropsFrame(const RecordedRequest& request) {
-    const std::vector<std::string_view> parts = segments(request.path);
-    if (request.method != "POST" || parts.size() != 5 || parts[0] != "v1" || parts[2] != "live" ||
-        parts[4] != "frame" || !lapsed(parts[3], "sharing")) {
-        return false;
-    }
-    const std::optional<std::string> token = request.header(kDeviceHeader);
-    const std::string deviceId = token ? registry_.deviceIdOf(*token).value_or("") : "";
-    bool first = false;
-    {
-        std::lock_guard lock(mutex_);
-        first = droppingFrames_.insert(std::string(parts[3])).second;
-    }
-    if (first) {
-        record(deviceId, std::string(parts[3]), "frames-dropped",
-               "frames dropped: the sharing lease lapsed");
-    }
-    return true;
-}
-
 std::string Console::state(std::uint64_t since) const {
     ordered devices = ordered::array();
     for (const DeviceInfo& device : registry_.all()) {
@@ -475,17 +443,19 @@ std::string Console::state(std::uint64_t since) const {
     for (const CaptureRecord& capture : captures_.all(false)) {
         ordered images = ordered::array();
         for (const std::string& id : capture.captureIds) {
-            images.push_back({{"captureId", id}, {"imageUrl", "/captures/" + id + ".png"}});
+            images.push_back({{"captureId", id}, {"imageUrl", captureImagePath(id)}});
         }
-        captures.push_back({{"requestId", capture.requestId},
-                            {"deviceId", capture.deviceId},
-                            {"mode", capture.mode},
-                            {"promptShown", capture.promptShown},
-                            {"answer", capture.answer ? ordered(*capture.answer) : ordered()},
-                            {"sessionExpiresAt", optionalJson(capture.sessionExpiresAt)},
-                            {"captureId", optionalJson(capture.captureId)},
-                            {"imageUrl", optionalJson(pathOf(capture.imageUrl))},
-                            {"images", images}});
+        captures.push_back(
+            {{"requestId", capture.requestId},
+             {"deviceId", capture.deviceId},
+             {"mode", capture.mode},
+             {"promptShown", capture.promptShown},
+             {"answer", capture.answer ? ordered(*capture.answer) : ordered()},
+             {"sessionExpiresAt", optionalJson(capture.sessionExpiresAt)},
+             {"captureId", optionalJson(capture.captureId)},
+             {"imageUrl",
+              capture.captureId ? ordered(captureImagePath(*capture.captureId)) : ordered()},
+             {"images", images}});
     }
 
     ordered sessions = ordered::array();
@@ -506,7 +476,7 @@ std::string Console::state(std::uint64_t since) const {
                                       {"generation", latest->generation},
                                       {"accepted", latest->accepted}});
             }
-            if (lapsed(live.sessionId, kind)) lapses.push_back(kind);
+            if (latest != live.indicators.rend() && !latest->accepted) lapses.push_back(kind);
         }
         const ControlRecord& control = live.control;
         sessions.push_back(
@@ -517,7 +487,7 @@ std::string Console::state(std::uint64_t since) const {
              {"answers", live.answers},
              {"frames", live.frames},
              {"frameRate", std::round(live.frameRate * 10) / 10},
-             {"frameUrl", optionalJson(pathOf(live.frameUrl))},
+             {"frameUrl", live.frames > 0 ? ordered(liveFramePath(live.sessionId)) : ordered()},
              {"frameAgeMs", live.sinceFrame ? ordered(live.sinceFrame->count()) : ordered()},
              {"stale", stale},
              {"indicators", indicators},
@@ -632,18 +602,14 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
         return device->deviceId;
     };
     auto unknownDevice = [] { return jsonError(404, "not_found", "No such device."); };
-    auto sessionDevice = [this](const PathParams& params) -> std::optional<std::string> {
-        std::optional<LiveRecord> live = live_.find(params.get("session"));
+    // The session a path names, with where it and its control stand: what may be sent depends
+    // on that, and the agent should hear why rather than have the device ignore it.
+    auto sessionOf = [this](const PathParams& params) -> std::optional<LiveRecord> {
+        std::optional<LiveRecord> live = live_.find(params.get("session"), false);
         if (!live || live->deviceId.empty()) return std::nullopt;
-        return live->deviceId;
+        return live;
     };
     auto unknownSession = [] { return jsonError(404, "not_found", "No such live session."); };
-    // What may be sent depends on where the session and its control stand; the device would
-    // ignore the rest, and the agent should hear why instead.
-    auto stateOf = [this](const PathParams& params) {
-        std::optional<LiveRecord> live = live_.find(params.get("session"));
-        return live ? *live : LiveRecord{};
-    };
     auto notActive = [] {
         return jsonError(409, "not_active", "The live session is not running.");
     };
@@ -705,21 +671,21 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
 
     router.add("POST", "/console/api/sessions/{session}/end",
                action([=, this](const Fields&, const PathParams& params) {
-                   const std::optional<std::string> device = sessionDevice(params);
-                   if (!device) return unknownSession();
+                   const std::optional<LiveRecord> live = sessionOf(params);
+                   if (!live) return unknownSession();
                    const std::string session(params.get("session"));
-                   if (stateOf(params).state == "ended") {
+                   if (live->state == "ended") {
                        return jsonError(409, "ended", "The live session has already ended.");
                    }
-                   server_.endLive(*device, session);
-                   record(*device, session, "live-ended", "agent ended the live view");
+                   server_.endLive(live->deviceId, session);
+                   record(live->deviceId, session, "live-ended", "agent ended the live view");
                    return jsonReply(ordered::object());
                }));
 
     router.add("POST", "/console/api/sessions/{session}/note",
                action([=, this](const Fields& fields, const PathParams& params) {
-                   const std::optional<std::string> device = sessionDevice(params);
-                   if (!device) return unknownSession();
+                   const std::optional<LiveRecord> live = sessionOf(params);
+                   if (!live) return unknownSession();
                    const std::string kind = fields.text("kind").value_or("");
                    if (!oneOf(kind, {"frameSaved", "recordingStarted", "recordingStopped"})) {
                        return badRequest(
@@ -731,9 +697,9 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    if (kind == "frameSaved") note.guides = true;
                    if (kind == "recordingStarted") note.generation = nextGeneration("rec");
                    const std::string session(params.get("session"));
-                   if (stateOf(params).state != "active") return notActive();
-                   if (!server_.sendLiveNote(*device, session, note)) return notConnected();
-                   record(*device, session, "note",
+                   if (live->state != "active") return notActive();
+                   if (!server_.sendLiveNote(live->deviceId, session, note)) return notConnected();
+                   record(live->deviceId, session, "note",
                           "agent sent the note " + kind +
                               (note.generation ? " (generation " + *note.generation + ")" : ""));
                    return jsonReply(ordered::object());
@@ -742,8 +708,8 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
     router.add(
         "POST", "/console/api/sessions/{session}/guide",
         action([=, this](const Fields& fields, const PathParams& params) {
-            const std::optional<std::string> device = sessionDevice(params);
-            if (!device) return unknownSession();
+            const std::optional<LiveRecord> live = sessionOf(params);
+            if (!live) return unknownSession();
             Guide guide;
             guide.kind = fields.text("kind").value_or("");
             if (!oneOf(guide.kind, {"laser", "laser-off", "arrow", "box", "fill", "label"})) {
@@ -766,23 +732,22 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                 return badRequest("\"text\" is too long.");
             }
             const std::string session(params.get("session"));
-            if (stateOf(params).state != "active") return notActive();
-            if (!server_.sendGuide(*device, session, guide)) return notConnected();
+            if (live->state != "active") return notActive();
+            if (!server_.sendGuide(live->deviceId, session, guide)) return notConnected();
             // The laser moves many times a second; the log keeps the marks only.
             if (guide.kind != "laser" && guide.kind != "laser-off") {
-                record(*device, session, "guide", "agent drew " + guide.kind);
+                record(live->deviceId, session, "guide", "agent drew " + guide.kind);
             }
             return jsonReply(ordered::object());
         }));
 
     router.add("POST", "/console/api/sessions/{session}/control",
                action([=, this](const Fields&, const PathParams& params) {
-                   const std::optional<std::string> device = sessionDevice(params);
-                   if (!device) return unknownSession();
+                   const std::optional<LiveRecord> live = sessionOf(params);
+                   if (!live) return unknownSession();
                    const std::string session(params.get("session"));
-                   const LiveRecord live = stateOf(params);
-                   if (live.state != "active") return notActive();
-                   if (live.control.state == "active") {
+                   if (live->state != "active") return notActive();
+                   if (live->control.state == "active") {
                        return jsonError(409, "in_control", "Control is already granted.");
                    }
                    {
@@ -791,31 +756,32 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    }
                    ControlRequest request;
                    request.agentName = "Support (local console)";
-                   if (!server_.requestControl(*device, session, request)) return notConnected();
-                   record(*device, session, "control-requested", "agent asked for control");
+                   if (!server_.requestControl(live->deviceId, session, request))
+                       return notConnected();
+                   record(live->deviceId, session, "control-requested", "agent asked for control");
                    return jsonReply(ordered::object());
                }));
 
     router.add("POST", "/console/api/sessions/{session}/control/end",
                action([=, this](const Fields&, const PathParams& params) {
-                   const std::optional<std::string> device = sessionDevice(params);
-                   if (!device) return unknownSession();
+                   const std::optional<LiveRecord> live = sessionOf(params);
+                   if (!live) return unknownSession();
                    const std::string session(params.get("session"));
-                   const std::string control = stateOf(params).control.state;
+                   const std::string control = live->control.state;
                    if (control != "requested" && control != "active") {
                        return jsonError(409, "no_control",
                                         "Control was not asked for, or has ended.");
                    }
-                   server_.endControl(*device, session);
-                   record(*device, session, "control-ended", "agent released control");
+                   server_.endControl(live->deviceId, session);
+                   record(live->deviceId, session, "control-ended", "agent released control");
                    return jsonReply(ordered::object());
                }));
 
     router.add(
         "POST", "/console/api/sessions/{session}/input",
         action([=, this](const Fields& fields, const PathParams& params) {
-            const std::optional<std::string> device = sessionDevice(params);
-            if (!device) return unknownSession();
+            const std::optional<LiveRecord> live = sessionOf(params);
+            if (!live) return unknownSession();
             const std::string act = fields.text("action").value_or("");
             ControlInput input;
             if (act == "tap") {
@@ -841,18 +807,17 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                 return badRequest("\"action\" must be tap, scroll, type or key.");
             }
             const std::string session(params.get("session"));
-            const LiveRecord live = stateOf(params);
-            if (live.state != "active" || live.control.state != "active") {
+            if (live->state != "active" || live->control.state != "active") {
                 return jsonError(409, "no_control",
                                  "Control is not granted: ask for it and wait for the customer.");
             }
-            if (lapsed(session, "control")) {
+            if (live_.lapsed(session, "control")) {
                 return jsonError(409, "lease_mismatch",
                                  "The device has not confirmed the control lease; input is "
                                  "dropped until it does.");
             }
-            if (!server_.sendInput(*device, session, input)) return notConnected();
-            if (act != "scroll") record(*device, session, "input", "agent input: " + act);
+            if (!server_.sendInput(live->deviceId, session, input)) return notConnected();
+            if (act != "scroll") record(live->deviceId, session, "input", "agent input: " + act);
             return jsonReply(ordered::object());
         }));
 

@@ -46,9 +46,6 @@ class Console {
     // On the server thread, after the request's reply is decided; no lock of the server held.
     void observe(const RecordedRequest& request, int status);
     void observe(const SocketEvent& event);
-    // True for a frame of a session whose sharing lease lapsed (a confirmation was refused and
-    // none accepted since): the backend drops it, as it drops input without a control lease.
-    bool dropsFrame(const RecordedRequest& request);
 
   private:
     struct Event {
@@ -63,7 +60,6 @@ class Console {
     void record(std::string deviceId, std::string sessionId, std::string kind, std::string text);
     std::string state(std::uint64_t since) const;
     std::string nextGeneration(std::string_view prefix);
-    bool lapsed(std::string_view sessionId, std::string_view kind) const;
     void observeLive(std::string_view deviceId, std::string_view sessionId, std::string_view what,
                      const RecordedRequest& request, int status);
 
@@ -79,7 +75,6 @@ class Console {
     std::set<std::string, std::less<>> ownSessions_;             // asked for by the console
     std::set<std::string, std::less<>> framing_;  // sessions whose first frame was logged
     std::map<std::string, bool, std::less<>> refusing_;
-    std::set<std::string, std::less<>> lapsed_;          // session + '\n' + kind
     std::set<std::string, std::less<>> droppingFrames_;  // sessions whose drop was logged
     std::map<std::string, std::uint64_t, std::less<>> generations_;  // by prefix
 };

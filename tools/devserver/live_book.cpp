@@ -155,6 +155,31 @@ bool LiveBook::confirmIndicator(std::string_view sessionId, std::string kind,
     return accepted;
 }
 
+bool LiveBook::lapsed(std::string_view sessionId, std::string_view kind) const {
+    std::lock_guard lock(mutex_);
+    return lapsedLocked(sessionId, kind);
+}
+
+bool LiveBook::lapsedLocked(std::string_view sessionId, std::string_view kind) const {
+    const Entry* entry = lookup(sessionId);
+    if (entry == nullptr) return false;
+    const auto& confirmations = entry->record.indicators;
+    auto latest =
+        std::find_if(confirmations.rbegin(), confirmations.rend(),
+                     [kind](const IndicatorConfirmation& one) { return one.kind == kind; });
+    return latest != confirmations.rend() && !latest->accepted;
+}
+
+void LiveBook::enforceLeases(bool enforce) {
+    std::lock_guard lock(mutex_);
+    enforceLeases_ = enforce;
+}
+
+bool LiveBook::refusesFrames(std::string_view sessionId) const {
+    std::lock_guard lock(mutex_);
+    return enforceLeases_ && lapsedLocked(sessionId, "sharing");
+}
+
 std::string LiveBook::freshControlRequestId() {
     std::lock_guard lock(mutex_);
     return "ctl_" + std::to_string(nextControlRequest_++);
@@ -210,9 +235,9 @@ void LiveBook::controlFeedback(std::string_view sessionId, std::string kind) {
     changed_.notify_all();
 }
 
-std::optional<LiveRecord> LiveBook::find(std::string_view sessionId) const {
+std::optional<LiveRecord> LiveBook::find(std::string_view sessionId, bool frames) const {
     std::lock_guard lock(mutex_);
-    if (const Entry* entry = lookup(sessionId)) return snapshot(*entry);
+    if (const Entry* entry = lookup(sessionId)) return snapshot(*entry, frames);
     return std::nullopt;
 }
 

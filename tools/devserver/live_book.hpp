@@ -52,6 +52,12 @@ class LiveBook {
     void refuseIndicator(std::string kind, bool refuse);
     // Records the confirmation; false when its kind is being refused.
     bool confirmIndicator(std::string_view sessionId, std::string kind, std::string generation);
+    // A kind's lease lapses when its latest confirmation was refused, until one is accepted.
+    bool lapsed(std::string_view sessionId, std::string_view kind) const;
+    // While set, a session whose sharing lease lapsed has its frames refused, as a real backend
+    // drops them; the bare test backend keeps every frame.
+    void enforceLeases(bool enforce);
+    bool refusesFrames(std::string_view sessionId) const;
 
     // Control within a session. The pushes are recorded like request() does, and only on the
     // session's record: they never make a session known to a device, so the control endpoints
@@ -69,7 +75,8 @@ class LiveBook {
                        std::optional<std::string> requestId);
     void controlFeedback(std::string_view sessionId, std::string kind);
 
-    std::optional<LiveRecord> find(std::string_view sessionId) const;
+    // With `frames` false the record leaves latestFrame empty, as all() does.
+    std::optional<LiveRecord> find(std::string_view sessionId, bool frames = true) const;
     // With `frames` false the records leave latestFrame empty, for callers that poll.
     std::vector<LiveRecord> all(bool frames = true) const;
     bool waitFor(std::string_view sessionId, std::chrono::milliseconds timeout,
@@ -87,6 +94,7 @@ class LiveBook {
     Entry& entryFor(std::string_view sessionId);  // caller holds mutex_
     const Entry* lookup(std::string_view sessionId) const;
     LiveRecord snapshot(const Entry& entry, bool frames = true) const;
+    bool lapsedLocked(std::string_view sessionId, std::string_view kind) const;
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
@@ -94,6 +102,7 @@ class LiveBook {
     // Which session each prompt of a request or a note belongs to.
     std::map<std::string, std::string, std::less<>> promptSessions_;
     std::set<std::string, std::less<>> refusedKinds_;
+    bool enforceLeases_ = false;
     std::uint64_t nextSession_ = 1;
     std::uint64_t nextControlRequest_ = 1;
 };

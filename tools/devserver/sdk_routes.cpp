@@ -226,8 +226,8 @@ void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBoo
             const std::string captureId =
                 book.store(params.get("id"), std::move(file.bytes), std::move(file.contentType),
                            std::move(file.fileName), linkPrefix);
-            return jsonReply(
-                {{"captureId", captureId}, {"imageUrl", linkPrefix + captureId + ".png"}});
+            return jsonReply({{"captureId", captureId},
+                              {"imageUrl", shared->baseUrl() + captureImagePath(captureId)}});
         });
 
     // The agent's link to an image: no device token, like a link pasted into a ticket.
@@ -248,6 +248,10 @@ void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBoo
     router.add("GET", kLogoPath, [](const RecordedRequest&, const PathParams&) {
         return imageReply(std::string(kLogo, sizeof kLogo - 1), "image/png");
     });
+}
+
+std::string captureImagePath(std::string_view captureId) {
+    return "/captures/" + std::string(captureId) + ".png";
 }
 
 std::string liveFramePath(std::string_view sessionId) {
@@ -308,6 +312,11 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
                    const std::string_view sessionId = params.get("sessionId");
                    if (std::optional<Reply> refused = admit(request, sessionId)) {
                        return std::move(*refused);
+                   }
+                   if (live.refusesFrames(sessionId)) {
+                       return jsonError(409, "lease_mismatch",
+                                        "The device has not confirmed the sharing lease; its "
+                                        "frames are dropped until it does.");
                    }
                    std::variant<Upload, Reply> upload = readUpload(request, kJpegSignature, "JPEG");
                    if (Reply* refused = std::get_if<Reply>(&upload)) return std::move(*refused);

@@ -42,6 +42,8 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
 
 // "/live/{sessionId}/latest.jpg".
 std::string liveFramePath(std::string_view sessionId);
+// "/captures/{captureId}.png", where an uploaded screenshot is served.
+std::string captureImagePath(std::string_view captureId);
 
 inline constexpr std::string_view kLogoPath = "/assets/logo.png";
 // The header in which a device sends its token.

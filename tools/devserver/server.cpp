@@ -160,10 +160,6 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
                     return port;
                 }())) {
                 outcome.reply = consoleRefusal();
-            } else if (!consoleToken.empty() && console.dropsFrame(request)) {
-                outcome.reply = jsonError(409, "lease_mismatch",
-                                          "The device has not confirmed the sharing lease; its "
-                                          "frames are dropped until it does.");
             } else if (request.path == kSocketPath) {
                 outcome = admitSocket(request, version, registry, sockets.refusing());
             } else {
@@ -218,6 +214,8 @@ void Server::start(Options options) {
                      {fromSeconds(options.sessionSeconds), baseUrl});
     addLiveRoutes(impl_->router, impl_->registry, impl_->live, baseUrl);
     impl_->consoleToken = options.consoleToken.value_or("");
+    // The console's agent watches leases lapse, as with a real backend.
+    impl_->live.enforceLeases(!impl_->consoleToken.empty());
     if (!impl_->consoleToken.empty()) {
         impl_->console.addRoutes(impl_->router, impl_->consoleToken, options.consoleDirectory);
     }
