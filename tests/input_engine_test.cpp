@@ -90,9 +90,11 @@ TEST_F(Input, ControlsAreOperatedAsAFingerWould) {
     tapAt(20 + 0.99 * 200, 410);
     EXPECT_EQ(tabs->selectedSegment, 3);
 
+    // A button also hears its primary action, as buttons built around one expect.
     events.clear();
     EXPECT_EQ(tapAt(50, 520), ControlOutcome::none);
-    EXPECT_EQ(events, (std::vector<std::uint64_t>{controlEventTouchUpInside}));
+    EXPECT_EQ(events, (std::vector<std::uint64_t>{controlEventTouchUpInside |
+                                                  controlEventPrimaryActionTriggered}));
 
     events.clear();
     buy->enabled = false;  // a disabled control is not operated
@@ -141,6 +143,24 @@ TEST_F(Input, ButtonMenusOpenAndMenuRowsRunTheirOneAction) {
     EXPECT_TRUE(loggedPrefix(LogLevel::debug,
                              "menu cells present but point (100.0, 230.0) is in "
                              "none: {200.0, 200.0, 180.0, 44.0}"));
+}
+
+TEST_F(Input, AMenuCountsAsOpenedOnlyWhenItOpened) {
+    auto more = recording(add(*app, button({300, 40, 60, 44}, "More")));
+    more->menu = MenuNode::menu("", {MenuNode::action("Rename", "rename")});
+    more->showsMenuAsPrimaryAction = true;
+    int activations = 0;
+    more->onActivate = [&] { return ++activations > 1; };  // refuses the first time
+
+    // Where the platform cannot open a button's menu from code, activation is tried instead,
+    // and a tap that fires nothing tells the agent the menu could not be run.
+    host->platformMajorVersion = 13;
+    EXPECT_EQ(tapAt(320, 60), ControlOutcome::menuItemInert);
+    EXPECT_TRUE(events.empty());
+    EXPECT_TRUE(loggedPrefix(LogLevel::error, "tap fired nothing: UIButton in UIWindow"));
+    EXPECT_FALSE(logged(LogLevel::debug, "tap handled by UIControl actuate UIButton"));
+    EXPECT_EQ(tapAt(320, 60), ControlOutcome::none);
+    EXPECT_TRUE(logged(LogLevel::debug, "tap handled by accessibility activation"));
 }
 
 TEST_F(Input, ListRowsAreSelectedThroughDelegatesThatMayVeto) {
@@ -263,6 +283,123 @@ TEST_F(Input, LockedViewsAreNeverOperatedByAnyMechanism) {
                        "every accessibilityActivate() was refused"));
 }
 
+// Apps mark sensitive views in ways that a look at the view and its superviews misses: what
+// the customer sees covered is locked for input too.
+TEST_F(Input, WhatTheCaptureCoversIsLockedWhereverTheMarkSits) {
+    const std::string locked = "tap ignored: locked target (redacted or secure field) — by design";
+    auto name = add(*app, textField({20, 40, 300, 40}, "Ada"));
+    // SwiftUI's marker: a plain view behind the field, its sibling.
+    add(*app, view({20, 100, 300, 40}))->virelaRedact();
+    auto gift = recording(add(*app, textField({20, 100, 300, 40}, "GC-1")));
+    // A button whose marked title label takes no touches, so the tap lands on the button.
+    auto reveal = recording(add(*app, button({20, 160, 200, 44}, "")));
+    add(*reveal, label({20, 8, 100, 28}, "Reveal"))->setVirelaRedacted(true);
+    // A SwiftUI button: an element of its hosting view, with the marker behind it.
+    add(*app, view({20, 220, 100, 60}))->setVirelaRedacted(true);
+    auto hosting = add(*app, view({20, 220, 300, 60}));
+    hosting->accessibilityElementsPresent = true;
+    auto swiftButton = std::make_shared<AccessibilityElement>();
+    swiftButton->frame = {0, 0, 150, 60};
+    swiftButton->container = hosting;
+    int activated = 0;
+    swiftButton->onActivate = [&] { return ++activated > 0; };
+    hosting->accessibilityElements.push_back(swiftButton);
+
+    tapAt(30, 60);
+    ASSERT_TRUE(name->firstResponder);
+    for (const Point p : {Point{40, 120}, Point{60, 180}, Point{210, 170}, Point{50, 250}}) {
+        log->lines.clear();
+        EXPECT_EQ(tapAt(p.x, p.y), ControlOutcome::none);
+        EXPECT_TRUE(logged(LogLevel::info, locked)) << p.x << "," << p.y;
+    }
+    tapAt(140, 250);  // beside the marker, but the element reaches under it
+    EXPECT_FALSE(gift->firstResponder);
+    EXPECT_TRUE(events.empty());
+    EXPECT_EQ(activated, 0);
+    // The refused tap ended the focus: the text meant for the gift code reaches no field.
+    EXPECT_FALSE(name->firstResponder);
+    send({.action = "type", .text = "1234"});
+    EXPECT_EQ(name->text, "Ada");
+    EXPECT_EQ(gift->text, "GC-1");
+    // Focused by the customer, the field still takes no remote text.
+    host->becomeFirstResponder(gift->handle());
+    send({.action = "type", .text = "1234"});
+    send({.action = "key", .key = "backspace"});
+    EXPECT_EQ(gift->text, "GC-1");
+
+    // An opaque sheet over a redaction hides it from the picture and from input alike.
+    auto hidden = add(*app, view({20, 300, 300, 40}));
+    hidden->setVirelaRedacted(true);
+    auto sheet = add(*app, view({0, 290, W, 60}, Color{1, 1, 1, 1}));
+    auto ok = recording(add(*sheet, button({20, 10, 300, 40}, "OK")));
+    events.clear();
+    tapAt(40, 320);
+    EXPECT_EQ(events.size(), 1u);
+}
+
+TEST_F(Input, ALockedButtonsMenuStaysTheCustomers) {
+    int copied = 0;
+    auto secret = add(*app, button({20, 40, 100, 44}, "Secret"));
+    secret->menu = MenuNode::menu("", {MenuNode::action("Copy", "copy", [&] { ++copied; })});
+    secret->showsMenuAsPrimaryAction = true;
+    secret->setVirelaRedacted(true);
+
+    // The customer opened it; its rows sit in the system's own window.
+    auto menu = std::make_shared<Window>("_UIContextMenuWindow");
+    menu->frame = app->frame;
+    menu->level = 2000;
+    app->scene()->attachUnlisted(menu);
+    menu->show();
+    auto row = add(*menu, label({0, 400, W, 50}, "Copy"));
+    row->userInteractionEnabled = true;
+    row->onActivate = [&] { return ++copied > 0; };
+    EXPECT_EQ(tapAt(10, 410), ControlOutcome::none);
+    EXPECT_TRUE(logged(LogLevel::info,
+                       "tap ignored: locked target (redacted or secure field) — by design"));
+
+    // Drawn in the app's window, the row is refused by the menu rung just the same.
+    menu->hide();
+    auto cell = add(*app, std::make_shared<View>(ViewKind::view, "_UIContextMenuCell"));
+    cell->frame = {0, 600, W, 50};
+    add(*cell, label({16, 12, 120, 20}, "Copy"))->isAccessibilityElement = false;
+    EXPECT_EQ(tapAt(10, 620), ControlOutcome::none);
+    EXPECT_EQ(copied, 0);
+}
+
+TEST_F(Input, WalksThatDoNotEndCountAsLocked) {
+    // A view never becomes its own descendant.
+    auto outer = add(*app, view({0, 0, W, 100}));
+    auto inner = add(*outer, view({0, 0, W, 100}));
+    inner->addSubview(outer);
+    EXPECT_EQ(outer->superview(), app.get());
+
+    // Deeper than any real screen: nothing in it is operated.
+    View* parent = app.get();
+    for (int i = 0; i < 1100; ++i) parent = add(*parent, view({0, 0, W, H})).get();
+    auto deep = recording(add(*parent, button({0, 200, W, 50}, "Deep")));
+    EXPECT_EQ(tapAt(10, 210), ControlOutcome::none);
+    EXPECT_TRUE(logged(LogLevel::info,
+                       "tap ignored: locked target (redacted or secure field) — by design"));
+    EXPECT_TRUE(events.empty());
+}
+
+TEST_F(Input, AnyTextInputThatHidesItsTextIsLocked) {
+    auto pin = add(*app, std::make_shared<View>(ViewKind::view, "PinPadView"));
+    pin->frame = {20, 100, 300, 60};
+    pin->keyInput = true;
+    pin->secureTextEntry = true;
+    auto notes = add(*app, textView({20, 200, 300, 100}, ""));
+    notes->secureTextEntry = true;
+
+    tapAt(30, 120);
+    tapAt(30, 220);
+    EXPECT_FALSE(pin->firstResponder);
+    EXPECT_FALSE(notes->firstResponder);
+    host->becomeFirstResponder(pin->handle());  // the customer's own tap
+    send({.action = "type", .text = "4321"});
+    EXPECT_EQ(pin->text, "");
+}
+
 TEST_F(Input, TapsThatActOnNothingSayWhy) {
     add(*app, view({0, 0, W, H}));
     EXPECT_EQ(tapAt(100, 100), ControlOutcome::none);
@@ -352,11 +489,27 @@ TEST_F(Input, ScrollsAreClampedToContentAndInsets) {
     send({.action = "scroll", .x = 0.5, .y = 0.3, .dy = 50 / H});
     EXPECT_EQ(list->boundsOrigin, (Point{0, -50}));
 
+    // A scroll moves content, but never starts on a redaction.
     list->userInteractionEnabled = true;
     row->setVirelaRedacted(true);
-    list->setVirelaRedacted(true);
-    send({.action = "scroll", .dy = 0.1});
+    send({.action = "scroll", .x = 0.5, .y = 80 / H, .dy = 0.1});  // the row sits at 50..110
     EXPECT_EQ(list->boundsOrigin, (Point{0, -50}));
+    send({.action = "scroll", .x = 0.5, .y = 0.3, .dy = 10 / H});
+    EXPECT_EQ(list->boundsOrigin, (Point{0, -40}));
+    list->setVirelaRedacted(true);
+    send({.action = "scroll", .x = 0.5, .y = 0.3, .dy = 0.1});
+    EXPECT_EQ(list->boundsOrigin, (Point{0, -40}));
+}
+
+TEST_F(Input, AScrollGoesToTheFirstWindowWithAScrollViewUnderThePoint) {
+    auto largest = add(*app, scrollView({0, 0, W, 290}, {W, 2000}));
+    auto under = add(*app, scrollView({0, 300, W, 200}, {W, 1000}));
+    // A banner window in front claims the point but has nothing to scroll.
+    auto banner = addWindow(*app, 1);
+    add(*banner, view({0, 0, W, H}));
+    send({.action = "scroll", .dy = 100 / H});
+    EXPECT_EQ(under->boundsOrigin, (Point{0, 100}));
+    EXPECT_EQ(largest->boundsOrigin, (Point{0, 0}));
 }
 
 }  // namespace

@@ -11,8 +11,8 @@ InputEngine::InputEngine(Parts parts, WindowRegistry& windows)
     : parts_(std::move(parts)), windows_(windows) {
     // Without a host there is nothing to act on: every input is then ignored.
     if (parts_.host && parts_.actions) {
-        context_ = std::make_unique<input::Context>(input::Context{
-            *parts_.host, *parts_.actions, parts_.log.get(), windows_, {}, {}, {}, {}, 0});
+        context_ = std::make_unique<input::Context>(*parts_.host, *parts_.actions, parts_.log.get(),
+                                                    windows_);
     }
 }
 
@@ -21,6 +21,7 @@ InputEngine::~InputEngine() = default;
 ControlOutcome InputEngine::route(const ControlInputPush& input, const WindowFacts& target) {
     if (!context_) return ControlOutcome::none;
     input::Context& ctx = *context_;
+    ctx.beginInput();
     if (input.action == "scroll") {
         input::scroll(ctx, input.x, input.y, input.dx, input.dy, target);
         return ControlOutcome::none;

@@ -1,9 +1,10 @@
 #include "core/control/input_support.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
-#include "core/redaction/redaction_walk.hpp"
+#include "core/control/windows.hpp"
 
 namespace virela::input {
 namespace {
@@ -22,8 +23,8 @@ void consider(Context& ctx, const WindowFacts& window, Point point, const NodeFa
     if (!node.isAccessibilityElement) return;
     const Rect frame = frameIn(ctx, node, window);
     if (!frame.contains(point)) return;
-    out.push_back({node.handle, frame.width * frame.height, node.isView, node.accessibilityTraits,
-                   node.accessibilityLabel, node.accessibilityIdentifier,
+    out.push_back({node.handle, frame, frame.width * frame.height, node.isView,
+                   node.accessibilityTraits, node.accessibilityLabel, node.accessibilityIdentifier,
                    node.accessibilityContainer});
 }
 
@@ -72,13 +73,78 @@ bool lockedItself(const NodeFacts& node) noexcept {
 }
 
 bool isLocked(HostActions& actions, HostHandle view) {
-    for (HostHandle h = view; h != noHandle;) {
+    HostHandle h = view;
+    for (int hops = 0; h != noHandle; ++hops) {
+        if (hops == maximumChainLength) return true;
         const auto node = actions.readNode(h);
         if (!node) return true;
         if (lockedItself(*node)) return true;
         h = node->isView ? node->superview : noHandle;
     }
     return false;
+}
+
+namespace {
+
+const WindowRedactions& redactionsOf(Context& ctx, HostHandle window) {
+    for (const WindowRedactions& known : ctx.redactions) {
+        if (known.window == window) return known;
+    }
+    WindowRedactions& entry = ctx.redactions.emplace_back();
+    entry.window = window;
+    const auto facts = window == noHandle ? std::nullopt : ctx.host.readWindow(window);
+    if (!facts) {
+        entry.readable = false;
+        return entry;
+    }
+    try {
+        for (const Redaction& r : ctx.finder.find(ctx.host, *facts)) entry.rects.push_back(r.rect);
+    } catch (const HostReadError&) {
+        entry.readable = false;
+    }
+    return entry;
+}
+
+}  // namespace
+
+bool touchesRedaction(Context& ctx, HostHandle window, const Rect& rect) {
+    if (rect.isNull() || !rect.isFinite()) return true;
+    const WindowRedactions& covered = redactionsOf(ctx, window);
+    if (!covered.readable) return true;
+    return std::any_of(covered.rects.begin(), covered.rects.end(),
+                       [&](const Rect& r) { return r.intersects(rect); });
+}
+
+bool pointInRedaction(Context& ctx, HostHandle window, Point point) {
+    if (!std::isfinite(point.x) || !std::isfinite(point.y)) return true;
+    const WindowRedactions& covered = redactionsOf(ctx, window);
+    if (!covered.readable) return true;
+    return std::any_of(covered.rects.begin(), covered.rects.end(),
+                       [&](const Rect& r) { return r.contains(point); });
+}
+
+bool isProtected(Context& ctx, const NodeFacts& node) {
+    if (node.isView) {
+        return isLocked(ctx.actions, node.handle) || touchesRedaction(ctx, node.window, node.frame);
+    }
+    if (node.accessibilityIdentifier.find("virela-redact") != std::string::npos) return true;
+    if (node.accessibilityContainer == noHandle) {
+        // An element without a container has no window to be checked against.
+        return true;
+    }
+    if (isLocked(ctx.actions, node.accessibilityContainer)) return true;
+    const auto container = ctx.actions.readNode(node.accessibilityContainer);
+    return !container || touchesRedaction(ctx, container->window, node.frame);
+}
+
+HostHandle focusedResponder(Context& ctx, const WindowFacts& target) {
+    for (const WindowFacts& window : inputWindowList(ctx.windows, target)) {
+        ctx.actions.readViews(window.handle, ctx.other);
+        for (const NodeFacts& n : ctx.other) {
+            if (n.firstResponder) return n.handle;
+        }
+    }
+    return noHandle;
 }
 
 std::string fixed(double value, int decimals) {

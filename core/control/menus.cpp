@@ -17,14 +17,20 @@ std::string describe(const Rect& r) {
 struct Found {
     std::string identifier;
     HostHandle action;
+    bool locked;  // it sits in a locked button's menu
 };
 
-void flatten(const MenuElement& element, const std::string& title, std::vector<Found>& out) {
+// Menus nest; a menu that names itself (a broken platform read) must not recurse forever.
+constexpr int maximumMenuNesting = 32;
+
+void flatten(const MenuElement& element, const std::optional<std::string>& title, bool locked,
+             std::vector<Found>& out, int nesting = 0) {
+    if (nesting == maximumMenuNesting) return;
     for (const MenuElement& child : element.children) {
         if (child.isMenu) {
-            flatten(child, title, out);
-        } else if (child.title == title) {
-            out.push_back({child.identifier, child.action});
+            flatten(child, title, locked, out, nesting + 1);
+        } else if (!title || child.title == *title) {
+            out.push_back({child.identifier, child.action, locked});
         }
     }
 }
@@ -101,17 +107,37 @@ std::optional<std::string> titleUnderPoint(Context& ctx, const WindowFacts& hitW
     return std::nullopt;
 }
 
-bool runMenuItemByTitle(Context& ctx, const std::string& title) {
-    std::vector<Found> found;
-    std::vector<HostHandle> windows;
+namespace {
+
+// Every button-menu action titled `title` (any action without one) in the scenes' windows, each
+// marked with whether its button is locked. Fills `windows` with the windows read.
+void findMenuActions(Context& ctx, const std::optional<std::string>& title,
+                     std::vector<Found>& found, std::vector<HostHandle>& windows) {
     forEachSceneWindow(ctx, [&](const WindowFacts& window) {
         windows.push_back(window.handle);
         ctx.actions.readViews(window.handle, ctx.other);
+        // Read before the buttons are checked: a check may read the tree again.
+        std::vector<NodeFacts> buttons;
         for (const NodeFacts& node : ctx.other) {
-            if (node.kind != ViewKind::button || !node.hasMenu) continue;
-            if (const auto menu = ctx.actions.buttonMenu(node.handle)) flatten(*menu, title, found);
+            if (node.kind == ViewKind::button && node.hasMenu) buttons.push_back(node);
+        }
+        for (const NodeFacts& button : buttons) {
+            if (const auto menu = ctx.actions.buttonMenu(button.handle)) {
+                flatten(*menu, title, isProtected(ctx, button), found);
+            }
         }
     });
+}
+
+}  // namespace
+
+MenuRun runMenuItemByTitle(Context& ctx, const std::string& title) {
+    std::vector<Found> found;
+    std::vector<HostHandle> windows;
+    findMenuActions(ctx, title, found, windows);
+    if (std::any_of(found.begin(), found.end(), [](const Found& f) { return f.locked; })) {
+        return MenuRun::locked;
+    }
     // The same action reachable from several buttons is one action.
     std::vector<std::string_view> distinct;
     for (const Found& f : found) {
@@ -119,16 +145,23 @@ bool runMenuItemByTitle(Context& ctx, const std::string& title) {
             distinct.push_back(f.identifier);
         }
     }
-    if (distinct.empty()) return false;
+    if (distinct.empty()) return MenuRun::notRun;
     if (distinct.size() > 1) {
         ctx.write(LogLevel::error, "menu item '" + title + "' is ambiguous (" +
                                        std::to_string(distinct.size()) +
                                        " distinct actions) — refusing to guess");
-        return false;
+        return MenuRun::notRun;
     }
-    if (!ctx.actions.runMenuAction(found.front().action)) return false;  // freed meanwhile
+    if (!ctx.actions.runMenuAction(found.front().action)) return MenuRun::notRun;  // freed
     for (HostHandle w : windows) ctx.actions.dismissContextMenus(w);
-    return true;
+    return MenuRun::ran;
+}
+
+bool menuRowMayBeLocked(Context& ctx, const std::optional<std::string>& title) {
+    std::vector<Found> found;
+    std::vector<HostHandle> windows;
+    findMenuActions(ctx, title, found, windows);
+    return std::any_of(found.begin(), found.end(), [](const Found& f) { return f.locked; });
 }
 
 }  // namespace virela::input

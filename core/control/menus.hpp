@@ -23,8 +23,20 @@ bool pointInMenuCell(Context& ctx, const WindowFacts& hitWindow, Point point);
 // else the first label inside the menu cell there (ctx.tree).
 std::optional<std::string> titleUnderPoint(Context& ctx, const WindowFacts& hitWindow, Point point);
 
+enum class MenuRun {
+    notRun,  // no such action, several, or it was freed
+    ran,
+    locked,  // the title names an action of a locked button's menu
+};
+
 // Runs the button-menu action titled exactly `title`, when exactly one such action exists, and
-// closes the open menus. True when it ran.
-bool runMenuItemByTitle(Context& ctx, const std::string& title);
+// closes the open menus. A title that a locked button's menu holds is never run: the customer
+// may open that menu, but the agent may not choose from it.
+MenuRun runMenuItemByTitle(Context& ctx, const std::string& title);
+
+// Whether an open menu's row titled `title` may run an action of a locked button's menu. With
+// no title, whether any locked button has a menu at all: a row that cannot be named cannot be
+// cleared.
+bool menuRowMayBeLocked(Context& ctx, const std::optional<std::string>& title);
 
 }  // namespace virela::input

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "core/control/tap_ladder.hpp"
 #include "core/control/windows.hpp"
 
 namespace virela::input {
@@ -14,8 +13,14 @@ bool scrollable(const NodeFacts& n) noexcept {
 }
 
 // The first scroll view that lets itself be scrolled, from the view hit up its superviews.
-std::optional<NodeFacts> scrollViewAbove(Context& ctx, HostHandle view) {
-    for (HostHandle h = view; h != noHandle;) {
+// `endless` is set when the superviews do not come to an end.
+std::optional<NodeFacts> scrollViewAbove(Context& ctx, HostHandle view, bool& endless) {
+    HostHandle h = view;
+    for (int hops = 0; h != noHandle; ++hops) {
+        if (hops == maximumChainLength) {
+            endless = true;
+            return std::nullopt;
+        }
         auto node = ctx.actions.readNode(h);
         if (!node) return std::nullopt;
         if (scrollable(*node)) return node;
@@ -40,17 +45,6 @@ std::optional<NodeFacts> largestOverflowing(Context& ctx, const WindowFacts& tar
     return *best;
 }
 
-// The view holding the keyboard focus: the first window, front to back, with one.
-HostHandle focusedResponder(Context& ctx, const WindowFacts& target) {
-    for (const WindowFacts& window : inputWindowList(ctx.windows, target)) {
-        ctx.actions.readViews(window.handle, ctx.other);
-        for (const NodeFacts& n : ctx.other) {
-            if (n.firstResponder) return n.handle;
-        }
-    }
-    return noHandle;
-}
-
 }  // namespace
 
 void scroll(Context& ctx, std::optional<double> x, std::optional<double> y,
@@ -63,9 +57,26 @@ void scroll(Context& ctx, std::optional<double> x, std::optional<double> y,
     // A distance that is not a number moves nothing anywhere.
     if (!std::isfinite(moveX) || !std::isfinite(moveY)) return;
 
+    // The first window, front to back, that has a scroll view under the point gives it. A scroll
+    // moves content and acts on no view, but it never starts on a redaction.
     std::optional<NodeFacts> view;
-    if (const auto hit = hitTest(ctx, point, target)) view = scrollViewAbove(ctx, hit->view);
-    if (!view) view = largestOverflowing(ctx, target);
+    bool claimed = false;
+    if (!std::isfinite(point.x) || !std::isfinite(point.y)) return;
+    for (const WindowFacts& window : inputWindowList(ctx.windows, target)) {
+        const Point inWindow = convertPoint(point, target, window);
+        const HostHandle hit = ctx.actions.hitTest(window.handle, inWindow);
+        if (hit == noHandle) continue;
+        claimed = true;
+        if (pointInRedaction(ctx, window.handle, inWindow)) return;
+        bool endless = false;
+        view = scrollViewAbove(ctx, hit, endless);
+        if (endless) return;
+        if (view) break;
+    }
+    if (!view) {
+        if (!claimed && pointInRedaction(ctx, target.handle, point)) return;
+        view = largestOverflowing(ctx, target);
+    }
     if (!view || isLocked(ctx.actions, view->handle)) return;
 
     const EdgeInsets& inset = view->adjustedContentInset;
@@ -85,7 +96,7 @@ void typeText(Context& ctx, const std::optional<std::string>& text, const Window
     const HostHandle responder = focusedResponder(ctx, target);
     if (responder == noHandle) return;
     const auto node = ctx.actions.readNode(responder);
-    if (!node || (node->isView && isLocked(ctx.actions, responder))) return;
+    if (!node || (node->isView && isProtected(ctx, *node))) return;
     if (node->keyInput) ctx.actions.insertText(responder, *text);
 }
 
@@ -93,7 +104,7 @@ void pressKey(Context& ctx, const std::optional<std::string>& key, const WindowF
     const HostHandle responder = focusedResponder(ctx, target);
     if (responder == noHandle) return;
     const auto node = ctx.actions.readNode(responder);
-    if (!node || (node->isView && isLocked(ctx.actions, responder))) return;
+    if (!node || (node->isView && isProtected(ctx, *node))) return;
     if (!key) return;
     if (*key == "backspace") {
         if (node->keyInput) ctx.actions.deleteBackward(responder);

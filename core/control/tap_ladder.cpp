@@ -15,8 +15,6 @@ constexpr std::uint64_t menuTrait = 0x10000000000ULL;
 // Platform versions: button menus arrived in 14, primary actions of list items in 16.
 constexpr int buttonMenuVersion = 14;
 constexpr int listPrimaryActionVersion = 16;
-// A responder chain that loops must not hang the main thread.
-constexpr int maximumResponderHops = 1000;
 
 bool contains(std::string_view text, std::string_view part) noexcept {
     return text.find(part) != std::string_view::npos;
@@ -24,26 +22,27 @@ bool contains(std::string_view text, std::string_view part) noexcept {
 
 enum class Pass { virtualElements, views };
 
-// Activates the candidates of one kind, smallest first, until one accepts. Locked ones are
-// never asked.
-bool activationPass(Context& ctx, Pass pass) {
+// Activates the candidates of one kind, smallest first, until one accepts. Locked ones, and
+// ones lying over a redaction, are never asked.
+bool activationPass(Context& ctx, const WindowFacts& window, Pass pass) {
     for (const Candidate& c : ctx.found) {
         if (c.isView != (pass == Pass::views)) continue;
         const bool locked =
             c.isView ? isLocked(ctx.actions, c.handle)
                      : contains(c.identifier, "virela-redact") ||
                            (c.container != noHandle && isLocked(ctx.actions, c.container));
-        if (locked) continue;
+        if (locked || touchesRedaction(ctx, window.handle, c.frame)) continue;
         if (ctx.actions.accessibilityActivate(c.handle)) return true;
     }
     return false;
 }
 
-// The hit view and its superviews, nearest first. False when one of them cannot be read: the
-// chain cannot then be checked for locks.
+// The hit view and its superviews, nearest first. False when one of them cannot be read, or
+// the chain does not end: it cannot then be checked for locks.
 bool readChain(Context& ctx, HostHandle view, std::vector<NodeFacts>& chain) {
     chain.clear();
     for (HostHandle h = view; h != noHandle;) {
+        if (chain.size() == static_cast<std::size_t>(maximumChainLength)) return false;
         auto node = ctx.actions.readNode(h);
         if (!node) return false;
         h = node->superview;
@@ -60,25 +59,29 @@ const NodeFacts* firstInChain(const std::vector<NodeFacts>& chain,
     return nullptr;
 }
 
-bool listCell(Context& ctx, const std::vector<NodeFacts>& chain, bool& inertMenu) {
+enum class Step { passed, handled, locked };
+
+Step listCell(Context& ctx, const std::vector<NodeFacts>& chain, const WindowFacts& window,
+              bool& inertMenu) {
     const NodeFacts* cell = firstInChain(chain, [](const NodeFacts& n) {
         return n.kind == ViewKind::tableCell || n.kind == ViewKind::collectionCell;
     });
-    if (!cell) return false;
+    if (!cell) return Step::passed;
+    if (touchesRedaction(ctx, window.handle, cell->frame)) return Step::locked;
     const auto found = ctx.actions.listOfCell(cell->handle);
-    if (!found) return false;
+    if (!found) return Step::passed;
     const auto& [list, path] = *found;
 
     if (list.isTable) {
         IndexPath row = path;
         if (list.answersWillSelect) {
             const auto answer = ctx.actions.willSelectRow(list.list, path);
-            if (!answer) return true;  // the delegate vetoed the row
+            if (!answer) return Step::handled;  // the delegate vetoed the row
             row = *answer;
         }
         ctx.actions.selectRow(list.list, row);
         if (list.answersDidSelect) ctx.actions.didSelectRow(list.list, row);
-        return true;
+        return Step::handled;
     }
 
     const std::string description = list.typeName + list.delegateTypeName;
@@ -90,30 +93,32 @@ bool listCell(Context& ctx, const std::vector<NodeFacts>& chain, bool& inertMenu
             ctx.write(LogLevel::debug, "menu machinery (" + description +
                                            ") — running performPrimaryActionForItemAt");
             ctx.actions.performPrimaryActionForItem(list.list, path);
-            return true;
+            return Step::handled;
         }
         ctx.write(LogLevel::debug,
                   "menu machinery (" + description +
                       ") without primary-action support — deferring to accessibility activation");
-        return false;
+        return Step::passed;
     }
     if (ctx.logs()) {
         ctx.write(LogLevel::debug, "list-cell candidate: cell " + cell->typeName + " in " +
                                        list.typeName + " delegate " + list.delegateTypeName);
     }
-    if (list.answersShouldSelect && !ctx.actions.shouldSelectItem(list.list, path)) return true;
+    if (list.answersShouldSelect && !ctx.actions.shouldSelectItem(list.list, path))
+        return Step::handled;
     ctx.actions.selectRow(list.list, path);
     if (list.answersDidSelect) ctx.actions.didSelectRow(list.list, path);
-    return true;
+    return Step::handled;
 }
 
 double clampTo(double value, double low, double high) {
     return std::min(high, std::max(value, low));
 }
 
-// Operates a control as a finger would; `inWindow` is the tap in the control's window. True
-// when it ran a button's menu.
-bool actuate(Context& ctx, const NodeFacts& control, Point inWindow) {
+enum class Actuation { done, ranMenu, menuNotRun };
+
+// Operates a control as a finger would; `inWindow` is the tap in the control's window.
+Actuation actuate(Context& ctx, const NodeFacts& control, Point inWindow) {
     const Point p{inWindow.x - control.frame.x + control.bounds.x,
                   inWindow.y - control.frame.y + control.bounds.y};
     HostActions& a = ctx.actions;
@@ -121,18 +126,18 @@ bool actuate(Context& ctx, const NodeFacts& control, Point inWindow) {
         case ViewKind::switchControl:
             a.setOn(control.handle, !control.isOn, true);
             a.sendActions(control.handle, controlEventValueChanged);
-            return false;
+            return Actuation::done;
         case ViewKind::slider: {
             const Rect& track = control.trackRect;
-            if (track.isEmpty()) return false;
+            if (track.isEmpty()) return Actuation::done;
             const double value =
                 clampTo(control.minimumValue + (p.x - track.minX()) / track.width *
                                                    (control.maximumValue - control.minimumValue),
                         control.minimumValue, control.maximumValue);
-            if (value == control.value || !std::isfinite(value)) return false;
+            if (value == control.value || !std::isfinite(value)) return Actuation::done;
             a.setValue(control.handle, value, true);
             a.sendActions(control.handle, controlEventValueChanged);
-            return false;
+            return Actuation::done;
         }
         case ViewKind::stepper: {
             double value = p.x < control.bounds.midX() ? control.value - control.stepValue
@@ -144,34 +149,41 @@ bool actuate(Context& ctx, const NodeFacts& control, Point inWindow) {
             } else {
                 value = clampTo(value, control.minimumValue, control.maximumValue);
             }
-            if (value == control.value || !std::isfinite(value)) return false;
+            if (value == control.value || !std::isfinite(value)) return Actuation::done;
             a.setValue(control.handle, value, false);
             a.sendActions(control.handle, controlEventValueChanged);
-            return false;
+            return Actuation::done;
         }
         case ViewKind::segmentedControl: {
             if (control.numberOfSegments < 1) break;
             const double width =
                 control.bounds.width / static_cast<double>(control.numberOfSegments);
-            if (!(width > 0)) return false;
+            if (!(width > 0)) return Actuation::done;
             const double index = clampTo(std::trunc(p.x / width), 0,
                                          static_cast<double>(control.numberOfSegments - 1));
             a.setSelectedSegment(control.handle, static_cast<long>(index));
             a.sendActions(control.handle, controlEventValueChanged);
-            return false;
+            return Actuation::done;
         }
         case ViewKind::button:
-            if (control.hasMenu && control.showsMenuAsPrimaryAction &&
-                a.platformVersionAtLeast(buttonMenuVersion)) {
-                a.performPrimaryAction(control.handle);
-                return true;
+            if (control.hasMenu && control.showsMenuAsPrimaryAction) {
+                // Only a menu that really opened counts; where the platform cannot open it from
+                // code, accessibility activation may still.
+                return a.platformVersionAtLeast(buttonMenuVersion) &&
+                               a.performPrimaryAction(control.handle)
+                           ? Actuation::ranMenu
+                           : Actuation::menuNotRun;
             }
-            break;
+            // A finger's tap also triggers the primary action, which buttons built around one
+            // listen for.
+            a.sendActions(control.handle,
+                          controlEventTouchUpInside | controlEventPrimaryActionTriggered);
+            return Actuation::done;
         default:
             break;
     }
     a.sendActions(control.handle, controlEventTouchUpInside);
-    return false;
+    return Actuation::done;
 }
 
 ControlOutcome activated(bool menuHint) {
@@ -197,6 +209,23 @@ std::string describeHit(Context& ctx, const NodeFacts& view, const WindowFacts& 
         }
     }
     return view.typeName + " in " + window.typeName + " (root VC " + root + ")";
+}
+
+// Refuses a tap on a locked target, in one line, and ends the keyboard focus: the text the agent
+// types next was meant for the locked field and must reach nothing, not the field focused
+// before.
+ControlOutcome refuseLocked(Context& ctx, const WindowFacts& target) {
+    ctx.write(LogLevel::info, "tap ignored: locked target (redacted or secure field) — by design");
+    const HostHandle focused = focusedResponder(ctx, target);
+    if (focused != noHandle) ctx.actions.resignFirstResponder(focused);
+    return ControlOutcome::none;
+}
+
+// Whether a menu row of the hit window's tree lies under `point`.
+bool menuCellUnder(const std::vector<NodeFacts>& tree, Point point) {
+    return std::any_of(tree.begin(), tree.end(), [&](const NodeFacts& n) {
+        return isMenuCell(n.typeName) && n.frame.contains(point);
+    });
 }
 
 }  // namespace
@@ -227,14 +256,14 @@ ControlOutcome tap(Context& ctx, std::optional<double> x, std::optional<double> 
     const WindowFacts& window = hit->window;
     const Point p = hit->point;
 
-    // 2. A redacted view or a secure field is never operated, by any mechanism.
+    // 2. A redacted view or a secure field is never operated, by any mechanism: not the view
+    // hit or one around it, and nothing under a redaction the customer sees.
     std::vector<NodeFacts> chain;
     if (!readChain(ctx, hit->view, chain) ||
         std::any_of(chain.begin(), chain.end(),
-                    [](const NodeFacts& n) { return lockedItself(n); })) {
-        ctx.write(LogLevel::info,
-                  "tap ignored: locked target (redacted or secure field) — by design");
-        return ControlOutcome::none;
+                    [](const NodeFacts& n) { return lockedItself(n); }) ||
+        pointInRedaction(ctx, window.handle, p)) {
+        return refuseLocked(ctx, target);
     }
     const NodeFacts& view = chain.front();
 
@@ -248,9 +277,18 @@ ControlOutcome tap(Context& ctx, std::optional<double> x, std::optional<double> 
     });
     if (ctx.logs()) ctx.write(LogLevel::debug, "tap hit " + describeHit(ctx, view, window));
 
+    // An open menu's row runs its button's action, whichever rung reaches it: a locked button's
+    // menu, opened by the customer, stays theirs.
+    const bool chrome = isChrome(ctx, window);
+    if ((chrome || menuCellUnder(ctx.tree, p)) &&
+        menuRowMayBeLocked(ctx, titleUnderPoint(ctx, window, p))) {
+        return refuseLocked(ctx, target);
+    }
+
     // 4. A window its scene does not list is the system's (an open menu): activation only.
-    if (isChrome(ctx, window)) {
-        if (activationPass(ctx, Pass::virtualElements) || activationPass(ctx, Pass::views)) {
+    if (chrome) {
+        if (activationPass(ctx, window, Pass::virtualElements) ||
+            activationPass(ctx, window, Pass::views)) {
             ctx.write(LogLevel::debug, "tap handled by accessibility activation in chrome window");
             return activated(menuHint);
         }
@@ -264,6 +302,7 @@ ControlOutcome tap(Context& ctx, std::optional<double> x, std::optional<double> 
             return (n.kind == ViewKind::textField && n.enabled) ||
                    (n.kind == ViewKind::textView && n.editable);
         })) {
+        if (touchesRedaction(ctx, window.handle, input->frame)) return refuseLocked(ctx, target);
         if (ctx.logs()) {
             ctx.write(LogLevel::debug, "tap handled by text-input focus " + input->typeName);
         }
@@ -272,7 +311,7 @@ ControlOutcome tap(Context& ctx, std::optional<double> x, std::optional<double> 
     }
 
     // 6. An element the app draws itself and exposes only to accessibility.
-    if (activationPass(ctx, Pass::virtualElements)) {
+    if (activationPass(ctx, window, Pass::virtualElements)) {
         ctx.write(LogLevel::debug, "tap handled by virtual accessibility element");
         return activated(menuHint);
     }
@@ -280,7 +319,9 @@ ControlOutcome tap(Context& ctx, std::optional<double> x, std::optional<double> 
     // 7. A row of an open button menu: run its action by title.
     if (pointInMenuCell(ctx, window, p)) {
         const auto title = titleUnderPoint(ctx, window, p);
-        if (title && runMenuItemByTitle(ctx, *title)) {
+        const MenuRun run = title ? runMenuItemByTitle(ctx, *title) : MenuRun::notRun;
+        if (run == MenuRun::locked) return refuseLocked(ctx, target);
+        if (run == MenuRun::ran) {
             ctx.write(LogLevel::debug, "menu item '" + *title + "' run via its own UIAction");
             return ControlOutcome::none;
         }
@@ -288,31 +329,57 @@ ControlOutcome tap(Context& ctx, std::optional<double> x, std::optional<double> 
 
     // 8. A table or collection row, through its delegate.
     bool inertMenu = false;
-    if (listCell(ctx, chain, inertMenu)) {
-        ctx.write(LogLevel::debug, "tap handled by list-cell selection");
-        return ControlOutcome::none;
+    switch (listCell(ctx, chain, window, inertMenu)) {
+        case Step::handled:
+            ctx.write(LogLevel::debug, "tap handled by list-cell selection");
+            return ControlOutcome::none;
+        case Step::locked:
+            return refuseLocked(ctx, target);
+        case Step::passed:
+            break;
     }
 
     // 9. A control, operated as the finger would.
     if (const NodeFacts* control = firstInChain(
             chain, [](const NodeFacts& n) { return isControl(n.kind) && n.enabled; })) {
-        if (ctx.logs()) {
+        if (touchesRedaction(ctx, window.handle, control->frame)) {
+            return refuseLocked(ctx, target);
+        }
+        const bool menuButton = control->kind == ViewKind::button && control->hasMenu &&
+                                control->showsMenuAsPrimaryAction;
+        if (ctx.logs() && !menuButton) {
             ctx.write(LogLevel::debug, "tap handled by UIControl actuate " + control->typeName);
         }
-        return actuate(ctx, *control, p) ? ControlOutcome::menuOpened : ControlOutcome::none;
+        switch (actuate(ctx, *control, p)) {
+            case Actuation::ranMenu:
+                if (ctx.logs()) {
+                    ctx.write(LogLevel::debug,
+                              "tap handled by UIControl actuate " + control->typeName);
+                }
+                return ControlOutcome::menuOpened;
+            case Actuation::done:
+                return ControlOutcome::none;
+            case Actuation::menuNotRun:
+                // Nothing opened: the button may still answer activation, and if nothing does,
+                // the agent hears that the menu could not be run.
+                inertMenu = true;
+                break;
+        }
     }
 
     // 10. Any view that accepts accessibility activation.
-    if (activationPass(ctx, Pass::views)) {
+    if (activationPass(ctx, window, Pass::views)) {
         ctx.write(LogLevel::debug, "tap handled by accessibility activation");
         return activated(menuHint);
     }
 
     // 11. A responder that takes key input.
     HostHandle responder = hit->view;
-    for (int hops = 0; responder != noHandle && hops < maximumResponderHops; ++hops) {
+    for (int hops = 0; responder != noHandle; ++hops) {
+        if (hops == maximumChainLength) return refuseLocked(ctx, target);
         const auto node = ctx.actions.readNode(responder);
         if (node && node->keyInput) {
+            if (node->isView && isProtected(ctx, *node)) return refuseLocked(ctx, target);
             ctx.write(LogLevel::debug, "tap handled by responder focus");
             if (node->isView) ctx.actions.becomeFirstResponder(responder);
             return ControlOutcome::none;

@@ -113,7 +113,7 @@ class Walk {
         facts_.masked = v.masked;
         facts_.transformIsTranslation = v.transform.isTranslation();
         facts_.animating = v.animating;
-        facts_.secureTextField = v.kind() == ViewKind::textField && v.secureTextEntry;
+        facts_.secureTextField = v.isSecureTextInput();
         facts_.accessibilityIdentifier = v.accessibilityIdentifier;
         facts_.mark = v.redactionMark();
         if (!visitor_.visit(facts_)) return;
@@ -172,7 +172,7 @@ void readView(View& v, const Rect& frame, NodeFacts& n) {
     n.bounds = v.bounds();
     n.hidden = v.hidden;
     n.alpha = v.alpha;
-    n.secureTextField = v.kind() == ViewKind::textField && v.secureTextEntry;
+    n.secureTextField = v.isSecureTextInput();
     n.hasMark = v.isVirelaRedacted();
     n.isAccessibilityElement = v.isAccessibilityElement;
     n.accessibilityTraits = v.accessibilityTraits;

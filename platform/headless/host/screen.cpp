@@ -123,6 +123,8 @@ View::View(ViewKind kind, std::string typeName)
     : kind_(kind), typeName_(typeName.empty() ? defaultTypeName(kind) : std::move(typeName)) {
     keyInput = kind == ViewKind::textField || kind == ViewKind::textView;
     editable = kind == ViewKind::textView;
+    // As in UIKit, labels and images take no touches: a tap on one falls through to its parent.
+    userInteractionEnabled = kind != ViewKind::label && kind != ViewKind::imageView;
 }
 
 View::~View() {
@@ -130,7 +132,12 @@ View::~View() {
 }
 
 View& View::addSubview(std::shared_ptr<View> child) {
-    if (!child || child.get() == this) return *this;
+    if (!child) return *this;
+    // A view never becomes its own descendant: UIKit refuses that too, and a circle would make
+    // every walk up or down the tree endless.
+    for (const View* v = this; v; v = v->superview_) {
+        if (v == child.get()) return *this;
+    }
     auto keep = child;  // removing it from an old parent may drop the last other reference
     child->removeFromSuperview();
     child->superview_ = this;

@@ -159,7 +159,7 @@ class View : public Handled, public std::enable_shared_from_this<View> {
 
     // Controls and text input.
     bool enabled = true;
-    bool secureTextEntry = false;  // text fields
+    bool secureTextEntry = false;  // any text input: fields, text views, key-input views
     bool editable = true;          // text views
     bool isOn = false;
     double value = 0;
@@ -214,6 +214,13 @@ class View : public Handled, public std::enable_shared_from_this<View> {
     Rect frameInWindow() const noexcept { return inWindow(false); }
     // The same for where it is drawn (presentation geometry of it and its ancestors).
     Rect presentationInWindow() const noexcept { return inWindow(true); }
+
+    // A text input that hides what is typed: redacted by default, never focused or typed into
+    // remotely.
+    bool isSecureTextInput() const noexcept {
+        return secureTextEntry &&
+               (keyInput || kind_ == ViewKind::textField || kind_ == ViewKind::textView);
+    }
 
     // Redaction marks, as the host sets them.
     bool isVirelaRedacted() const noexcept { return mark_ != nullptr; }

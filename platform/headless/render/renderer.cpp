@@ -262,7 +262,7 @@ class WindowPainter {
 
     void paintText(const View& view, const Rect& px, const PixelBox& clip, double alpha) {
         std::string_view text = view.text;
-        if (view.kind() == ViewKind::textField && view.secureTextEntry) {
+        if (view.isSecureTextInput()) {
             dots_.clear();
             for (std::size_t n = glyphCount(text); n > 0; --n) dots_ += secureDot;
             text = dots_;
