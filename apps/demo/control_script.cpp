@@ -96,6 +96,11 @@ void playControl(Server& backend, Runtime& runtime, const std::shared_ptr<Sample
     std::this_thread::sleep_for(300ms);
     say("agent: tries the password field (the library refuses it: see its log line)");
     tap(backend, runtime, app, deviceId, sessionId, "Password");
+    say("agent: tries the gift code and types into it, then Reveal (both refused the same way)");
+    tap(backend, runtime, app, deviceId, sessionId, "Gift code");
+    backend.sendInput(deviceId, sessionId, ControlInput::typeText("0000"));
+    std::this_thread::sleep_for(300ms);
+    tap(backend, runtime, app, deviceId, sessionId, "Reveal");
 
     const std::size_t feedback = backend.controlSession(sessionId)->feedback.size();
     tap(backend, runtime, app, deviceId, sessionId, "Delivery");

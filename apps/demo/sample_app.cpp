@@ -243,7 +243,7 @@ std::shared_ptr<View> SampleApp::buildCheckout() {
     form->onContentOffsetChange = [area](Point offset) {
         event(*area, "offset " + oneDecimal(offset.x) + "," + oneDecimal(offset.y));
     };
-    auto row = [](int index) { return 8 + 44 * static_cast<double>(index); };
+    auto row = [](int index) { return 8 + 40 * static_cast<double>(index); };
     auto line = [&](int index, const std::string& text) {
         add(*form, caption({16, row(index), 110, 36}, text));
     };
@@ -258,18 +258,29 @@ std::shared_ptr<View> SampleApp::buildCheckout() {
     line(3, "CVC");
     auto cvc = add(*form, field({130, row(3), 100, 36}, "Security code", "123"));
     cvc->accessibilityIdentifier = "checkout.virela-redact.cvc";
+    // A button whose title the app marked, as apps mark a label that will show a secret: the
+    // label takes no touches, so a finger on it presses the button.
+    auto reveal = add(*form, named(button({244, row(3), 130, 36}, ""), "Reveal"));
+    add(*reveal, caption({8, 4, 114, 28}, "    Reveal", rgb(0xFFFFFF)))->setVirelaRedacted(true);
+    printEvents(*reveal);
 
-    line(4, "Save card");
-    printEvents(*add(*form, named(switchControl({322, row(4) + 2, 52, 32}, false), "Save card")));
-    line(5, "Tip");
-    printEvents(*add(*form, named(segmented({130, row(5) + 2, 244, 32}, 4, 0), "Tip")));
-    line(6, "Amount");
-    printEvents(*add(*form, named(slider({130, row(6) + 2, 244, 32}, 0, 0, 100), "Amount")));
-    line(7, "Quantity");
-    add(*form, stepper({274, row(7) + 2, 100, 32}, "Quantity", 1, 1, 10));
+    // Marked the way the SwiftUI modifier marks: a marker view drawn behind the field, its
+    // sibling, not its ancestor.
+    line(4, "Gift code");
+    add(*form, view({130, row(4), 244, 36}))->virelaRedact(std::nullopt, std::string("GIFT"));
+    add(*form, field({130, row(4), 244, 36}, "Gift code", "GC-7731-0042"));
 
-    line(8, "Delivery");
-    delivery_ = add(*form, named(button({130, row(8), 244, 36}, "Standard"), "Delivery"));
+    line(5, "Save card");
+    printEvents(*add(*form, named(switchControl({322, row(5) + 2, 52, 32}, false), "Save card")));
+    line(6, "Tip");
+    printEvents(*add(*form, named(segmented({130, row(6) + 2, 244, 32}, 4, 0), "Tip")));
+    line(7, "Amount");
+    printEvents(*add(*form, named(slider({130, row(7) + 2, 244, 32}, 0, 0, 100), "Amount")));
+    line(8, "Quantity");
+    add(*form, stepper({274, row(8) + 2, 100, 32}, "Quantity", 1, 1, 10));
+
+    line(9, "Delivery");
+    delivery_ = add(*form, named(button({130, row(9), 244, 36}, "Standard"), "Delivery"));
     const std::weak_ptr<SampleApp> weak = weak_from_this();
     auto action = [weak](const std::string& title) {
         return [weak, title] {
@@ -288,7 +299,7 @@ std::shared_ptr<View> SampleApp::buildCheckout() {
 
     // The list shows all its rows and leaves scrolling to the form around it.
     auto list = add(*form, std::make_shared<View>(ViewKind::tableView, "UITableView"));
-    list->frame = {16, row(9), 358, 44};
+    list->frame = {16, row(10), 358, 44};
     list->contentSize = {358, 44};
     list->scrollEnabled = false;
     list->clipsToBounds = true;
