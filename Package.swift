@@ -1,10 +1,13 @@
-// swift-tools-version:5.9
+// swift-tools-version:5.10
 // VirelaAgent as a Swift package, for iOS apps. Three targets, each in its own language:
 //   VirelaCore       the portable C++ core (core/), shared with the Linux build
 //   VirelaAgentObjC  the Objective-C++ binding over UIKit; its public headers are pure Objective-C
 //   VirelaAgent      Swift: re-exports the binding and adds what only Swift can say (the Swift
 //                    records and facade, the SwiftUI modifier)
 // Swift apps `import VirelaAgent`; Objective-C apps `@import VirelaAgentObjC;`.
+//
+// Swift 5.10 at least: the Swift records enter the main actor with MainActor.assumeIsolated,
+// which compilers before it offer only from iOS 17.
 
 import PackageDescription
 
