@@ -198,7 +198,7 @@ final class PublicSurfaceTests: XCTestCase {
         window.makeKeyAndVisible()
         window.layoutIfNeeded()
 
-        let markers = views(in: window).filter(\.isVirelaRedacted)
+        let markers = views(in: window).filter { $0.isVirelaRedacted }
         XCTAssertEqual(markers.count, 1)
         guard let marker = markers.first else { return }
         var chain: UIView? = marker
