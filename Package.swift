@@ -1,10 +1,13 @@
-// swift-tools-version:5.9
+// swift-tools-version:5.10
 // VirelaAgent as a Swift package, for iOS apps. Three targets, each in its own language:
 //   VirelaCore       the portable C++ core (core/), shared with the Linux build
 //   VirelaAgentObjC  the Objective-C++ binding over UIKit; its public headers are pure Objective-C
 //   VirelaAgent      Swift: re-exports the binding and adds what only Swift can say (the Swift
 //                    records and facade, the SwiftUI modifier)
 // Swift apps `import VirelaAgent`; Objective-C apps `@import VirelaAgentObjC;`.
+//
+// Swift 5.10 at least: the Swift records enter the main actor with MainActor.assumeIsolated,
+// which compilers before it offer only from iOS 17.
 
 import PackageDescription
 
@@ -15,12 +18,14 @@ let package = Package(
         .library(name: "VirelaAgent", targets: ["VirelaAgent", "VirelaAgentObjC"]),
     ],
     dependencies: [
-        .package(url: "https://github.com/nlohmann/json.git", from: "3.11.3"),
+        // One release, exactly: its package names its library product "json" and exposes the
+        // header as <json.hpp> (see core/base/json.hpp); a later release may change either.
+        .package(url: "https://github.com/nlohmann/json.git", exact: "3.11.3"),
     ],
     targets: [
         .target(
             name: "VirelaCore",
-            dependencies: [.product(name: "nlohmann-json", package: "json")],
+            dependencies: [.product(name: "json", package: "json")],
             path: "core",
             exclude: ["CMakeLists.txt"],
             // The core includes its headers from the repository root ("core/base/...").
@@ -28,11 +33,12 @@ let package = Package(
         ),
         .target(
             name: "VirelaAgentObjC",
-            dependencies: ["VirelaCore", .product(name: "nlohmann-json", package: "json")],
+            dependencies: ["VirelaCore", .product(name: "json", package: "json")],
             path: "platform/ios/objc",
             publicHeadersPath: "include",
             cSettings: [.headerSearchPath("../../..")],
             linkerSettings: [
+                .linkedFramework("CoreGraphics"),
                 .linkedFramework("Foundation"),
                 .linkedFramework("Network"),
                 .linkedFramework("QuartzCore"),

@@ -11,13 +11,16 @@
 #
 # Environment:
 #   VIRELA_IOS_SDK           the SDK folder (required; without it the check is skipped)
-#   VIRELA_NLOHMANN_INCLUDE  the folder that holds nlohmann/json.hpp's "nlohmann" directory
-#                            (default /usr/include)
+#   VIRELA_NLOHMANN_INCLUDE  the folder that holds nlohmann/json's "nlohmann" directory, as
+#                            installed (default /usr/include)
 #   CXX                      the clang driver (default clang++)
 #
 # The C++ standard library comes from the SDK (usr/include/c++/v1), never from this machine.
-# nlohmann/json is the one header library taken from the host; it is exposed through a folder
-# that contains only it, so no other host header can stand in for a missing SDK header.
+# nlohmann/json is the one header library taken from the host, and it is exposed the way the Swift
+# package of nlohmann/json exposes it: its single header, json.hpp, alone in a folder (so no other
+# host header can stand in for a missing SDK header either). There is no <nlohmann/json.hpp>
+# there, so a file that includes it directly instead of core/base/json.hpp fails here as it would
+# in the package.
 # Any warning fails the check.
 
 set -euo pipefail
@@ -50,15 +53,32 @@ fi
 
 scratch="$(mktemp -d)"
 trap 'rm -rf "${scratch}"' EXIT
-mkdir -p "${scratch}/third_party"
-ln -s "${nlohmann_parent}/nlohmann" "${scratch}/third_party/nlohmann"
+
+# The release's single header is the library's headers inlined into json.hpp, each once, where it
+# is first included; make the same from the host's install.
+declare -A inlined=()
+nlohmann_include='^[[:space:]]*#[[:space:]]*include[[:space:]]*<nlohmann/([^>]+)>'
+inline_json() {
+    local file="$1" line
+    [[ -n "${inlined[${file}]:-}" ]] && return 0
+    inlined[${file}]=1
+    while IFS= read -r line || [[ -n "${line}" ]]; do
+        if [[ "${line}" =~ ${nlohmann_include} ]]; then
+            inline_json "${nlohmann_parent}/nlohmann/${BASH_REMATCH[1]}"
+        else
+            printf '%s\n' "${line}"
+        fi
+    done < "${file}"
+}
+mkdir -p "${scratch}/json"
+inline_json "${nlohmann_parent}/nlohmann/json.hpp" > "${scratch}/json/json.hpp"
 
 target=(-target arm64-apple-ios15.0 -isysroot "${sdk}")
 # The same warnings the CMake build makes errors of on our own code.
 warnings=(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-align
           -Woverloaded-virtual -Wnull-dereference -Wimplicit-fallthrough -Werror)
 common=(-std=c++20 -stdlib=libc++ "${target[@]}" -fsyntax-only "${warnings[@]}"
-        -I"${root}" -I"${public}" -isystem "${scratch}/third_party")
+        -I"${root}" -I"${public}" -isystem "${scratch}/json")
 # What an app's own Objective-C sees: everything clang has, minus the warnings about the
 # app's build itself (padding, pre-C99 style, #import under modules: Apple's own headers).
 client=(-x objective-c "${target[@]}" -fobjc-arc -fsyntax-only -I"${public}" -Werror

@@ -1,7 +1,6 @@
 #include "core/lease/control_lease.hpp"
 
-#include <nlohmann/json.hpp>
-
+#include "core/base/json.hpp"
 #include "core/base/records.hpp"
 #include "core/consent/sheets.hpp"
 #include "core/control/windows.hpp"

@@ -1,5 +1,6 @@
 // The public records as Swift values. The Objective-C classes behind them (VIRUser, VIREnvironment,
-// ...) are what the binding passes around; these convert at the facade.
+// ...) are what the binding passes around; Swift sees those only as __VIRUser, __VIREnvironment,
+// ..., and these records convert to and from them at the facade.
 
 import Foundation
 import UIKit
@@ -15,7 +16,7 @@ public struct VirelaUser: Hashable, Sendable {
         self.name = name
     }
 
-    var object: VIRUser { VIRUser(id: id, name: name) }
+    var object: __VIRUser { __VIRUser(id: id, name: name) }
 }
 
 /// Where the backend lives.
@@ -29,15 +30,15 @@ public enum VirelaEnvironment: Hashable, Sendable {
     /// The base URL: the production origin for `live`, the given URL for `custom`.
     public var url: URL {
         switch self {
-        case .live: return VIREnvironment.live.url
+        case .live: return __VIREnvironment.live.url
         case .custom(let url): return url
         }
     }
 
-    var object: VIREnvironment {
+    var object: __VIREnvironment {
         switch self {
-        case .live: return VIREnvironment.live
-        case .custom(let url): return VIREnvironment.custom(url)
+        case .live: return __VIREnvironment.live
+        case .custom(let url): return __VIREnvironment.custom(url)
         }
     }
 }
@@ -60,7 +61,7 @@ public struct CaptureResult: Hashable, Codable, Sendable {
         self.imageUrl = imageUrl
     }
 
-    init(_ object: VIRCaptureResult) {
+    init(_ object: __VIRCaptureResult) {
         self.init(captureId: object.captureId, imageUrl: object.imageUrl)
     }
 }
@@ -73,37 +74,37 @@ public struct LiveSession: Hashable, Codable, Sendable {
         self.sessionId = sessionId
     }
 
-    init(_ object: VIRLiveSession) {
+    init(_ object: __VIRLiveSession) {
         self.init(sessionId: object.sessionId)
     }
 }
 
-/// The host's callbacks. Every one is optional and runs on the main thread.
+/// The host's callbacks. Every one is optional and runs on the main actor.
 /// `Virela.on(_:)` stores a copy: changing this value afterwards has no effect until it is
 /// passed again.
-public struct VirelaCallbacks {
+public struct VirelaCallbacks: Sendable {
     /// A consent prompt for a support request is on screen.
-    public var onRequestShown: (() -> Void)?
+    public var onRequestShown: (@MainActor @Sendable () -> Void)?
     /// The customer allowed a capture and the upload succeeded.
-    public var onAllowed: ((CaptureResult) -> Void)?
+    public var onAllowed: (@MainActor @Sendable (CaptureResult) -> Void)?
     /// The customer declined, or the backend reported the request as denied.
-    public var onDenied: (() -> Void)?
+    public var onDenied: (@MainActor @Sendable () -> Void)?
     /// The request expired before the customer answered.
-    public var onExpired: (() -> Void)?
+    public var onExpired: (@MainActor @Sendable () -> Void)?
     /// A flow failed: a `VirelaError`, or the platform's error (a URLError, a decoding error).
-    public var onError: ((Error) -> Void)?
+    public var onError: (@MainActor @Sendable (Error) -> Void)?
     /// Remote control became active (true) or stopped (false).
-    public var onRemoteControl: ((Bool) -> Void)?
+    public var onRemoteControl: (@MainActor @Sendable (Bool) -> Void)?
     /// A live screen-sharing session ended.
-    public var onLiveEnded: ((LiveSession) -> Void)?
+    public var onLiveEnded: (@MainActor @Sendable (LiveSession) -> Void)?
 
-    public init(onRequestShown: (() -> Void)? = nil,
-                onAllowed: ((CaptureResult) -> Void)? = nil,
-                onDenied: (() -> Void)? = nil,
-                onExpired: (() -> Void)? = nil,
-                onError: ((Error) -> Void)? = nil,
-                onRemoteControl: ((Bool) -> Void)? = nil,
-                onLiveEnded: ((LiveSession) -> Void)? = nil) {
+    public init(onRequestShown: (@MainActor @Sendable () -> Void)? = nil,
+                onAllowed: (@MainActor @Sendable (CaptureResult) -> Void)? = nil,
+                onDenied: (@MainActor @Sendable () -> Void)? = nil,
+                onExpired: (@MainActor @Sendable () -> Void)? = nil,
+                onError: (@MainActor @Sendable (Error) -> Void)? = nil,
+                onRemoteControl: (@MainActor @Sendable (Bool) -> Void)? = nil,
+                onLiveEnded: (@MainActor @Sendable (LiveSession) -> Void)? = nil) {
         self.onRequestShown = onRequestShown
         self.onAllowed = onAllowed
         self.onDenied = onDenied
@@ -113,21 +114,42 @@ public struct VirelaCallbacks {
         self.onLiveEnded = onLiveEnded
     }
 
-    // Only the callbacks that are set become blocks: the binding skips the rest.
-    var object: VIRCallbacks {
-        let object = VIRCallbacks()
-        object.onRequestShown = onRequestShown
-        object.onDenied = onDenied
-        object.onExpired = onExpired
-        object.onRemoteControl = onRemoteControl
-        if let onAllowed = onAllowed {
-            object.onAllowed = { result in onAllowed(CaptureResult(result)) }
+    // Only the callbacks that are set become blocks: the binding skips the rest. The binding
+    // calls every block on the main thread, which is what lets each enter the main actor
+    // synchronously (and stop the process loudly if that ever stopped being true).
+    var object: __VIRCallbacks {
+        let object = __VIRCallbacks()
+        if let onRequestShown {
+            object.onRequestShown = { MainActor.assumeIsolated { onRequestShown() } }
         }
-        if let onError = onError {
-            object.onError = { error in onError(VirelaError.bridging(error)) }
+        if let onAllowed {
+            object.onAllowed = { result in
+                let value = CaptureResult(result)
+                MainActor.assumeIsolated { onAllowed(value) }
+            }
         }
-        if let onLiveEnded = onLiveEnded {
-            object.onLiveEnded = { session in onLiveEnded(LiveSession(session)) }
+        if let onDenied {
+            object.onDenied = { MainActor.assumeIsolated { onDenied() } }
+        }
+        if let onExpired {
+            object.onExpired = { MainActor.assumeIsolated { onExpired() } }
+        }
+        if let onError {
+            object.onError = { error in
+                let value = VirelaError.bridging(error)
+                MainActor.assumeIsolated { onError(value) }
+            }
+        }
+        if let onRemoteControl {
+            object.onRemoteControl = { active in
+                MainActor.assumeIsolated { onRemoteControl(active) }
+            }
+        }
+        if let onLiveEnded {
+            object.onLiveEnded = { session in
+                let value = LiveSession(session)
+                MainActor.assumeIsolated { onLiveEnded(value) }
+            }
         }
         return object
     }
@@ -146,5 +168,7 @@ public struct VirelaRedaction: Hashable {
         self.labelColor = labelColor
     }
 
-    var object: VIRRedaction { VIRRedaction(color: color, label: label, labelColor: labelColor) }
+    var object: __VIRRedaction {
+        __VIRRedaction(color: color, label: label, labelColor: labelColor)
+    }
 }

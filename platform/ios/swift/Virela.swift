@@ -1,5 +1,5 @@
-// The library's entry point for Swift: the same operations as VIRVirela, with Swift's records
-// and errors.
+// The library's entry point for Swift: the same operations as VIRVirela (which Swift sees only as
+// __VIRVirela), with Swift's records and errors.
 
 import Foundation
 @_exported import VirelaAgentObjC
@@ -30,51 +30,51 @@ public enum Virela {
     /// thread: hop to the main queue before touching UI.
     public static func configure(key: String, environment: VirelaEnvironment,
                                  user: VirelaUser? = nil, collectVendorId: Bool = false,
-                                 completion: ((Error?) -> Void)?) {
-        VIRVirela.configure(key: key, environment: environment.object, user: user?.object,
-                            collectVendorId: collectVendorId) { error in
+                                 completion: (@Sendable (Error?) -> Void)?) {
+        __VIRVirela.configure(key: key, environment: environment.object, user: user?.object,
+                              collectVendorId: collectVendorId) { error in
             completion?(error.map(VirelaError.bridging))
         }
     }
 
     /// Replaces the whole set of callbacks; there is one set per process.
     public static func on(_ callbacks: VirelaCallbacks) {
-        VIRVirela.on(callbacks.object)
+        __VIRVirela.on(callbacks.object)
     }
 
     /// Replaces the default redaction style (#E23B37 with "REDACTED" in white) for views marked
     /// from now on, including views marked again; views marked earlier keep their style.
     public static func setRedactionStyle(_ style: VirelaRedaction) {
-        VIRVirela.setRedactionStyle(style.object)
+        __VIRVirela.setRedactionStyle(style.object)
     }
 
     /// Tells the backend who the end user is. Fire and forget: failures are not reported.
     /// Calling it before `configure` is a programming error and stops the process.
     public static func identify(id: String, name: String? = nil, phone: String? = nil) {
-        VIRVirela.identify(id: id, name: name, phone: phone)
+        __VIRVirela.identify(id: id, name: name, phone: phone)
     }
 
     /// Asks the backend for a fresh support code. Fire and forget; stops the process when called
     /// before `configure`.
     public static func reset() {
-        VIRVirela.reset()
+        __VIRVirela.reset()
     }
 
     /// The current registration's support code; nil before the first successful `configure` or
     /// when the backend gave none.
     public static func supportCode() -> String? {
-        VIRVirela.supportCode()
+        __VIRVirela.supportCode()
     }
 
     /// Shows the customer their support code in a bottom sheet over the app's window, for them
     /// to read out to the support agent.
     public static func showSupportCode() {
-        VIRVirela.showSupportCode()
+        __VIRVirela.showSupportCode()
     }
 
     /// Closes the realtime channel and takes down anything on screen. The registration is kept;
     /// `configure` starts the client again.
     public static func stop() {
-        VIRVirela.stop()
+        __VIRVirela.stop()
     }
 }

@@ -25,7 +25,7 @@ public struct VirelaError: Error, Hashable, Sendable {
             self = error
             return
         }
-        guard let object = VIRError(error as NSError) else { return nil }
+        guard let object = __VIRError(error as NSError) else { return nil }
         self.init(status: object.status, code: object.code, message: object.message)
     }
 

@@ -31,6 +31,11 @@ namespace virela::ios {
 // mark: the host may clear the mark from inside a callback.
 VIRRedactionMarkBox* _Nullable redactionMarkBoxOf(UIView* view);
 
+// Whether `object` takes text with secure entry on: a text field or text view, or any custom
+// view that takes key input and reports the trait. An object that does not implement the
+// getter is never asked.
+bool isSecureTextInput(id _Nullable object);
+
 // Makes `style` the default for marks attached from now on.
 void setDefaultRedactionStyle(VIRRedaction* style);
 

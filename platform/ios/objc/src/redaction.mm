@@ -58,6 +58,16 @@ VIRRedactionMarkBox* _Nullable redactionMarkBoxOf(UIView* view) {
     return objc_getAssociatedObject(view, &kRedactionMarkKey);
 }
 
+bool isSecureTextInput(id _Nullable object) {
+    // The trait's getter is optional in the protocol, so conforming promises nothing.
+    if (![object conformsToProtocol:@protocol(UITextInputTraits)] ||
+        ![object respondsToSelector:@selector(isSecureTextEntry)]) {
+        return false;
+    }
+    id<UITextInputTraits> traits = object;
+    return [traits isSecureTextEntry];
+}
+
 }  // namespace virela::ios
 
 @implementation UIView (VirelaRedaction)

@@ -19,6 +19,15 @@
 #error "platform/ios is built with -fobjc-arc"
 #endif
 
+// Core names the control events by UIKit's values and they pass through unchanged.
+static_assert(virela::controlEventTouchUpInside == UIControlEventTouchUpInside);
+static_assert(virela::controlEventValueChanged == UIControlEventValueChanged);
+static_assert(virela::controlEventPrimaryActionTriggered == UIControlEventPrimaryActionTriggered);
+static_assert(virela::controlEventEditingDidBegin == UIControlEventEditingDidBegin);
+static_assert(virela::controlEventEditingChanged == UIControlEventEditingChanged);
+static_assert(virela::controlEventEditingDidEnd == UIControlEventEditingDidEnd);
+static_assert(sizeof(UIControlEvents) >= sizeof(std::uint64_t));
+
 namespace virela::ios {
 namespace {
 
@@ -276,6 +285,8 @@ class UIKitActions final : public HostActions {
         return guarded(false, [&] {
             UIControl* c = as<UIControl>(view(control));
             if (!c) return false;
+            // The whole mask, as given: UIKit sends the actions of every event set in it, so a
+            // button hears both touch up inside and its primary action from one call.
             [c sendActionsForControlEvents:static_cast<UIControlEvents>(events)];
             return true;
         });
@@ -318,13 +329,19 @@ class UIKitActions final : public HostActions {
     bool performPrimaryAction(HostHandle button) override {
         return guarded(false, [&] {
             UIControl* c = as<UIControl>(view(button));
-            // UIKit offers the call from iOS 17.4, after the SDK we build against; before that
-            // no public call opens a control's menu, and the control is left alone.
-            const SEL selector = NSSelectorFromString(@"performPrimaryAction");
-            if (!c || ![c respondsToSelector:selector]) return false;
-            IMP method = [c methodForSelector:selector];
-            reinterpret_cast<void (*)(id, SEL)>(method)(c, selector);
-            return true;
+            if (!c) return false;
+            // UIKit offers the call from iOS 17.4, after the SDK we build against. Earlier
+            // systems have no public call that opens a control's menu (whatever answers to the
+            // selector there is not API): report that nothing ran, so the tap goes on to
+            // accessibility activation instead of claiming a menu that never opened.
+            if (@available(iOS 17.4, *)) {
+                const SEL selector = NSSelectorFromString(@"performPrimaryAction");
+                if (![c respondsToSelector:selector]) return false;
+                IMP method = [c methodForSelector:selector];
+                reinterpret_cast<void (*)(id, SEL)>(method)(c, selector);
+                return true;
+            }
+            return false;
         });
     }
 
@@ -663,7 +680,7 @@ class UIKitActions final : public HostActions {
             n.enabled = control.enabled;
             n.showsMenuAsPrimaryAction = control.showsMenuAsPrimaryAction;
         }
-        if (UITextField* field = as<UITextField>(view)) n.secureTextField = field.secureTextEntry;
+        n.secureTextField = isSecureTextInput(view);
         if (UITextView* textView = as<UITextView>(view)) n.editable = textView.editable;
         if (UISwitch* toggle = as<UISwitch>(view)) n.isOn = toggle.on;
         if (UISlider* slider = as<UISlider>(view)) {

@@ -95,8 +95,7 @@ class ViewWalk {
         facts.masked = layer.mask != nil;
         facts.transformIsTranslation = movesOnly(view.transform) && movesOnly(layer.transform);
         facts.animating = view.layer.animationKeys.count > 0;
-        facts.secureTextField = [view isKindOfClass:[UITextField class]] &&
-                                static_cast<UITextField*>(view).isSecureTextEntry;
+        facts.secureTextField = isSecureTextInput(view);
 
         // The facts borrow the identifier's bytes and the mark: both objects must outlive the
         // visitor call, which ARC would not otherwise promise after their last use here.

@@ -1,10 +1,11 @@
 // The public API as a Swift app uses it. `AppSupport` below is the way an app wires the library
 // in (it is compiled, never run: it would talk to the live service); the tests check the parts
-// of the surface that need no backend.
+// of the surface that need no backend, and the one bridge written by hand: the Swift callbacks
+// turned into the binding's blocks.
 
 import SwiftUI
 import UIKit
-import VirelaAgent
+@testable import VirelaAgent
 import XCTest
 
 /// An app's support screen, written against every public name.
@@ -56,9 +57,10 @@ final class AppSupport {
         Virela.stop()
     }
 
-    func markSensitive(_ cardNumber: UITextField, _ pin: UIView) {
+    func markSensitive(_ cardNumber: UITextField, _ pin: UIView, _ photo: UIImageView) {
         cardNumber.isVirelaRedacted = true
-        pin.virelaRedact(color: .systemRed, label: "PIN", labelColor: nil)
+        pin.virelaRedact(label: "PIN")
+        photo.virelaRedact()
     }
 
     func themedBorder() -> ThemedLayerView {
@@ -90,23 +92,48 @@ final class PublicSurfaceTests: XCTestCase {
 
     func testCaptureModeRawValuesAreTheBackendsAndStrict() throws {
         XCTAssertEqual(CaptureMode.allCases.map(\.rawValue), ["AskEveryTime", "PerSession", "LiveView"])
-        XCTAssertEqual(CaptureMode.askEveryTime.rawValue, VIRCaptureMode.askEveryTime.rawValue)
-        XCTAssertEqual(CaptureMode.perSession.rawValue, VIRCaptureMode.perSession.rawValue)
-        XCTAssertEqual(CaptureMode.liveView.rawValue, VIRCaptureMode.liveView.rawValue)
+        XCTAssertEqual(CaptureMode.askEveryTime.rawValue, __VIRCaptureMode.askEveryTime.rawValue)
+        XCTAssertEqual(CaptureMode.perSession.rawValue, __VIRCaptureMode.perSession.rawValue)
+        XCTAssertEqual(CaptureMode.liveView.rawValue, __VIRCaptureMode.liveView.rawValue)
         XCTAssertNil(CaptureMode(rawValue: "askEveryTime"))
         let decoded = try JSONDecoder().decode([CaptureMode].self, from: Data(#"["PerSession"]"#.utf8))
         XCTAssertEqual(decoded, [.perSession])
     }
 
-    func testCallbacksDefaultToNothing() {
-        var allowed: CaptureResult?
-        var callbacks = VirelaCallbacks(onAllowed: { allowed = $0 })
-        XCTAssertNil(callbacks.onRequestShown)
-        XCTAssertNil(callbacks.onError)
-        callbacks.onAllowed?(CaptureResult(captureId: "c1", imageUrl: "https://img/c1.png"))
-        XCTAssertEqual(allowed?.captureId, "c1")
-        callbacks.onDenied = {}
-        XCTAssertNotNil(callbacks.onDenied)
+    // The binding calls the blocks on the main thread with its own objects; the host's closures
+    // receive Swift records and errors.
+    @MainActor
+    func testCallbacksCrossTheBindingAsSwiftValues() {
+        let received = Received()
+        let blocks = VirelaCallbacks(
+            onAllowed: { received.capture = $0 },
+            onError: { received.error = $0 },
+            onRemoteControl: { received.remoteControl.append($0) },
+            onLiveEnded: { received.session = $0 }
+        ).object
+
+        // A callback the host left out is no block at all, so the binding skips it.
+        XCTAssertNil(blocks.onRequestShown)
+        XCTAssertNil(blocks.onDenied)
+        XCTAssertNil(blocks.onExpired)
+
+        blocks.onAllowed?(__VIRCaptureResult(captureId: "c1", imageUrl: "https://img/c1.png"))
+        XCTAssertEqual(received.capture, CaptureResult(captureId: "c1", imageUrl: "https://img/c1.png"))
+        blocks.onLiveEnded?(__VIRLiveSession(sessionId: "s1"))
+        XCTAssertEqual(received.session, LiveSession(sessionId: "s1"))
+        blocks.onRemoteControl?(true)
+        blocks.onRemoteControl?(false)
+        XCTAssertEqual(received.remoteControl, [true, false])
+
+        // The binding's own failure arrives as VirelaError, any other error as the platform's.
+        blocks.onError?(NSError(domain: VIRErrorDomain, code: 502, userInfo: [
+            VIRErrorStatusKey: 502, VIRErrorCodeKey: "bad_gateway", VIRErrorMessageKey: "Down.",
+        ]))
+        XCTAssertEqual(received.error as? VirelaError,
+                       VirelaError(status: 502, code: "bad_gateway", message: "Down."))
+        blocks.onError?(URLError(.timedOut))
+        XCTAssertNil(received.error as? VirelaError)
+        XCTAssertEqual((received.error as? URLError)?.code, .timedOut)
     }
 
     func testBackendErrorsArriveAsVirelaError() {
@@ -123,7 +150,7 @@ final class PublicSurfaceTests: XCTestCase {
         let bridged = error! as NSError
         XCTAssertEqual(bridged.domain, VIRErrorDomain)
         XCTAssertEqual(bridged.code, 403)
-        XCTAssertEqual(VIRError(bridged)?.code, "forbidden")
+        XCTAssertEqual(__VIRError(bridged)?.code, "forbidden")
         XCTAssertEqual(bridged.localizedDescription, "Nope.")
     }
 
@@ -153,12 +180,48 @@ final class PublicSurfaceTests: XCTestCase {
     @MainActor
     func testMarkingAndUnmarkingAView() {
         let view = UIView()
-        view.virelaRedact(color: nil, label: "PIN", labelColor: nil)
-        XCTAssertTrue(view.isVirelaRedacted)
-        Virela.setRedactionStyle(VirelaRedaction(color: .black, label: "HIDDEN", labelColor: .white))
-        view.isVirelaRedacted = true
+        view.virelaRedact(label: "PIN")
         XCTAssertTrue(view.isVirelaRedacted)
         view.isVirelaRedacted = false
         XCTAssertFalse(view.isVirelaRedacted)
+        view.virelaRedact()
+        XCTAssertTrue(view.isVirelaRedacted)
     }
+
+    // The capture walk passes over hidden and transparent views: the SwiftUI marker, and every
+    // view above it, must be neither, and the marker must cover the content it stands behind.
+    @MainActor
+    func testTheSwiftUIMarkerIsAVisibleViewOverTheContentsFrame() {
+        let content = Text("4242 4242 4242 4242").frame(width: 200, height: 40)
+        let window = UIWindow(frame: CGRect(x: 0, y: 0, width: 320, height: 480))
+        window.rootViewController = UIHostingController(rootView: content.virelaRedact(label: "CARD"))
+        window.makeKeyAndVisible()
+        window.layoutIfNeeded()
+
+        let markers = views(in: window).filter { $0.isVirelaRedacted }
+        XCTAssertEqual(markers.count, 1)
+        guard let marker = markers.first else { return }
+        var chain: UIView? = marker
+        while let view = chain {
+            XCTAssertFalse(view.isHidden, "\(type(of: view)) is hidden")
+            XCTAssertGreaterThanOrEqual(view.alpha, 0.01, "\(type(of: view)) is transparent")
+            chain = view.superview
+        }
+        XCTAssertEqual(marker.convert(marker.bounds, to: window).size, CGSize(width: 200, height: 40))
+        window.isHidden = true
+    }
+}
+
+/// What the host's callbacks received.
+@MainActor
+private final class Received {
+    var capture: CaptureResult?
+    var error: Error?
+    var session: LiveSession?
+    var remoteControl: [Bool] = []
+}
+
+@MainActor
+private func views(in root: UIView) -> [UIView] {
+    [root] + root.subviews.flatMap { views(in: $0) }
 }

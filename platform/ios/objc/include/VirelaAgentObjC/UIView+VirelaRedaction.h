@@ -14,11 +14,12 @@ NS_ASSUME_NONNULL_BEGIN
     BOOL isVirelaRedacted NS_SWIFT_NAME(isVirelaRedacted);
 
 /// Marks the view with its own style; each nil value is taken from the current default style.
-/// Replaces any earlier mark.
+/// Replaces any earlier mark. Swift calls `virelaRedact(color:label:labelColor:)`, whose
+/// arguments all default to nil.
 - (void)virelaRedactWithColor:(nullable UIColor*)color
                         label:(nullable NSString*)label
                    labelColor:(nullable UIColor*)labelColor
-    NS_SWIFT_NAME(virelaRedact(color:label:labelColor:));
+    NS_SWIFT_NAME(__virelaRedact(color:label:labelColor:)) NS_REFINED_FOR_SWIFT;
 
 @end
 

@@ -8,9 +8,8 @@ NS_ASSUME_NONNULL_BEGIN
 
 /// The host's callbacks. Every one is optional and runs on the main thread. +[VIRVirela
 /// registerCallbacks:] takes a copy of the set; changing this object afterwards has no effect
-/// until it is registered again.
-VIR_EXPORT
-@interface VIRCallbacks : NSObject
+/// until it is registered again. Swift uses `VirelaCallbacks`.
+VIR_EXPORT NS_REFINED_FOR_SWIFT @interface VIRCallbacks : NSObject
 
 - (instancetype)init NS_DESIGNATED_INITIALIZER;
 // clang-format off (a Swift name cannot be wrapped)

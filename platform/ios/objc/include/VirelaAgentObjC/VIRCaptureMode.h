@@ -4,8 +4,9 @@
 
 NS_ASSUME_NONNULL_BEGIN
 
-/// How the backend has the customer asked for captures; the raw values are the backend's.
-typedef NSString* VIRCaptureMode NS_TYPED_ENUM;
+/// How the backend has the customer asked for captures; the raw values are the backend's. Swift
+/// uses `CaptureMode`.
+typedef NSString* VIRCaptureMode NS_TYPED_ENUM NS_REFINED_FOR_SWIFT;
 
 /// A prompt for every capture.
 VIR_EXTERN VIRCaptureMode const VIRCaptureModeAskEveryTime;

@@ -4,8 +4,8 @@
 
 NS_ASSUME_NONNULL_BEGIN
 
-/// An allowed capture, uploaded.
-VIR_EXPORT VIR_SENDABLE @interface VIRCaptureResult : NSObject
+/// An allowed capture, uploaded. Swift uses `CaptureResult`.
+VIR_EXPORT VIR_SENDABLE NS_REFINED_FOR_SWIFT @interface VIRCaptureResult : NSObject
 
 - (instancetype)initWithCaptureId:(NSString*)captureId
                          imageUrl:(NSString*)imageUrl NS_DESIGNATED_INITIALIZER;

@@ -12,7 +12,8 @@
 #define VIR_EXTERN extern __attribute__((visibility("default")))
 #endif
 
-/// Immutable records may cross threads; older SDKs lack the annotation.
+/// Immutable records, and blocks that run on another thread than their caller's, cross threads
+/// safely; older SDKs lack the annotation.
 #if defined(NS_SWIFT_SENDABLE)
 #define VIR_SENDABLE NS_SWIFT_SENDABLE
 #else

@@ -4,8 +4,9 @@
 
 NS_ASSUME_NONNULL_BEGIN
 
-/// Where the backend lives: the production service or any base URL.
-VIR_EXPORT VIR_SENDABLE @interface VIREnvironment : NSObject<NSCopying>
+/// Where the backend lives: the production service or any base URL. Swift uses
+/// `VirelaEnvironment`.
+VIR_EXPORT VIR_SENDABLE NS_REFINED_FOR_SWIFT @interface VIREnvironment : NSObject<NSCopying>
 
 /// The production service.
 @property(class, nonatomic, readonly) VIREnvironment* live;

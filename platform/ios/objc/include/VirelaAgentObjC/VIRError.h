@@ -19,7 +19,7 @@ VIR_EXTERN NSString* const VIRErrorMessageKey;
 /// Other failures reach the host in the platform's own domains: network failures are the
 /// NSURLErrorDomain errors of the URL session, unchanged; a reply that cannot be decoded is
 /// NSCocoaErrorDomain / NSCoderReadCorruptError. Swift code catches `VirelaError` instead.
-VIR_EXPORT VIR_SENDABLE @interface VIRError : NSObject
+VIR_EXPORT VIR_SENDABLE NS_REFINED_FOR_SWIFT @interface VIRError : NSObject
 
 /// nil unless `error` is in VIRErrorDomain.
 - (nullable instancetype)initWithError:(NSError*)error NS_SWIFT_NAME(init(_:));

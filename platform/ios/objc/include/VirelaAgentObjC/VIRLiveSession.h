@@ -4,8 +4,8 @@
 
 NS_ASSUME_NONNULL_BEGIN
 
-/// A live screen-sharing session.
-VIR_EXPORT VIR_SENDABLE @interface VIRLiveSession : NSObject
+/// A live screen-sharing session. Swift uses `LiveSession`.
+VIR_EXPORT VIR_SENDABLE NS_REFINED_FOR_SWIFT @interface VIRLiveSession : NSObject
 
 - (instancetype)initWithSessionId:(NSString*)sessionId NS_DESIGNATED_INITIALIZER;
 - (instancetype)init NS_UNAVAILABLE;

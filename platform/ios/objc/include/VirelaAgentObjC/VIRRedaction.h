@@ -5,8 +5,9 @@
 NS_ASSUME_NONNULL_BEGIN
 
 /// How a redacted view is painted in captures and live sessions: a fill in `color` with `label`
-/// centred on it in `labelColor`. Set the default with +[VIRVirela setRedactionStyle:].
-VIR_EXPORT VIR_SENDABLE @interface VIRRedaction : NSObject
+/// centred on it in `labelColor`. Set the default with +[VIRVirela setRedactionStyle:]. Swift uses
+/// `VirelaRedaction`.
+VIR_EXPORT VIR_SENDABLE NS_REFINED_FOR_SWIFT @interface VIRRedaction : NSObject
 
 - (instancetype)initWithColor:(UIColor*)color
                         label:(NSString*)label

@@ -4,8 +4,8 @@
 
 NS_ASSUME_NONNULL_BEGIN
 
-/// The end user the host identifies at configure time.
-VIR_EXPORT VIR_SENDABLE @interface VIRUser : NSObject<NSCopying>
+/// The end user the host identifies at configure time. Swift uses `VirelaUser`.
+VIR_EXPORT VIR_SENDABLE NS_REFINED_FOR_SWIFT @interface VIRUser : NSObject<NSCopying>
 
 - (instancetype)initWithId:(NSString*)userId
                       name:(nullable NSString*)name NS_DESIGNATED_INITIALIZER;

@@ -11,8 +11,7 @@ NS_ASSUME_NONNULL_BEGIN
 /// The library's entry point for Objective-C; Swift code calls `Virela` instead. Every method
 /// may be called from any thread; state changes happen on the main thread, where every callback
 /// runs. A nil where an object is required is logged and the call does nothing.
-VIR_EXPORT
-@interface VIRVirela : NSObject
+VIR_EXPORT NS_REFINED_FOR_SWIFT @interface VIRVirela : NSObject
 
 - (instancetype)init NS_UNAVAILABLE;
 + (instancetype)new NS_UNAVAILABLE;
@@ -28,7 +27,7 @@ VIR_EXPORT
              environment:(VIREnvironment*)environment
                     user:(nullable VIRUser*)user
          collectVendorId:(BOOL)collectVendorId
-              completion:(nullable void (^)(NSError* _Nullable error))completion
+              completion:(nullable void (^VIR_SENDABLE)(NSError* _Nullable error))completion
     NS_SWIFT_NAME(configure(key:environment:user:collectVendorId:completion:))
         NS_SWIFT_DISABLE_ASYNC;
 
