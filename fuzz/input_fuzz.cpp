@@ -58,6 +58,8 @@ class Bytes {
     std::size_t at_ = 0;
 };
 
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Bytes in(data, size);
     const unsigned seed = static_cast<unsigned>(in.next()) << 8 | in.next();
