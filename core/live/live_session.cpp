@@ -16,8 +16,6 @@ namespace {
 
 constexpr double kFrameInterval = 1.0 / 3;
 constexpr double kVisibleStateInterval = 10;
-// Frames are skipped, never queued: while this many uploads are still out, a tick sends none.
-constexpr int kMaxFramesInFlight = 2;
 
 std::string livePath(const std::string& sessionId, std::string_view what) {
     return "/v1/sdk/live/" + sessionId + std::string(what);
@@ -50,11 +48,6 @@ std::string viewMessage(std::string_view kind, std::string_view sessionId) {
     message.append(kind).append(R"(","sessionId":")").append(sessionId).append(R"("})");
     return message;
 }
-
-// Shared by the uploads of one session so that they can be counted without holding the flow.
-struct FrameUploads {
-    int inFlight = 0;
-};
 
 std::shared_ptr<LiveSessionFlow> LiveSessionFlow::create(Parts parts, FlowContext& context) {
     return std::shared_ptr<LiveSessionFlow>(new LiveSessionFlow(std::move(parts), context));
@@ -186,11 +179,8 @@ void LiveSessionFlow::frameTick(const std::string& sessionId) {
     const auto& platform = *parts_.platform;
     if (platform.lifecycle && platform.lifecycle->inBackground()) return;
     if (sessionId_ != sessionId) return;
-    // The screen may have changed under the agent's marks since the last tick; that is checked
-    // even when this tick sends no frame.
+    // The screen may have changed under the agent's marks since the last tick.
     if (parts_.overlay) parts_.overlay->checkScreen();
-    if (!uploads_) uploads_ = std::make_shared<FrameUploads>();
-    if (uploads_->inFlight >= kMaxFramesInFlight) return;
 
     std::vector<std::uint8_t> jpeg;
     try {
@@ -208,12 +198,11 @@ void LiveSessionFlow::frameTick(const std::string& sessionId) {
     auto transport = context_.transport();
     if (!transport) return;
     const std::string_view bytes(reinterpret_cast<const char*>(jpeg.data()), jpeg.size());
-    std::shared_ptr<FrameUploads> uploads = uploads_;
-    ++uploads->inFlight;
     std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
+    // Not held back by the uploads still out: a slow backend never delays the next tick, and
+    // the request timeout bounds how many can be out at once.
     transport->send(transport->multipartRequest(livePath(sessionId, "/frame"), bytes),
-                    [weak, uploads, sessionId](const SendResult& result) {
-                        --uploads->inFlight;
+                    [weak, sessionId](const SendResult& result) {
                         auto self = weak.lock();
                         if (!self || result || !sessionGone(result.error)) return;
                         if (self->sessionId_ == sessionId) self->stopLocally();
@@ -239,7 +228,6 @@ void LiveSessionFlow::stopLocally() {
     visibleStateTimer_.reset();
     sharingGeneration_.reset();
     recordingGeneration_.reset();
-    uploads_.reset();
     if (parts_.overlay) parts_.overlay->hide();
     if (parts_.onStopped) parts_.onStopped();
     if (!ended) return;

@@ -23,7 +23,6 @@
 namespace virela {
 
 class ScreenCapture;
-struct FrameUploads;
 
 // The default live consent copy, used when the push carries none.
 inline constexpr std::string_view liveDefaultConsentCopy =
@@ -97,7 +96,6 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
     std::shared_ptr<VirelaCancellable> frameTimer_;
     std::shared_ptr<VirelaCancellable> visibleStateTimer_;
     std::unique_ptr<ScreenCapture> capture_;
-    std::shared_ptr<FrameUploads> uploads_;
 };
 
 }  // namespace virela
