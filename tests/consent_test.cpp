@@ -5,6 +5,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <functional>
+
 #include "core/client/client.hpp"
 #include "core/consent/sheets.hpp"
 #include "core/ports/manual_clock.hpp"
@@ -170,6 +173,20 @@ class ConsentFlowTest : public ::testing::Test {
     void replyAllowed(const std::string& id, const std::string& extra = "") {
         fake.http->reply("/v1/sdk/captures/" + id + "/respond", 200,
                          R"({"status":"Allowed")" + extra + "}");
+    }
+    void reconfigure() {
+        fake.http->reply("/v1/sdk/devices", 200, kRegisteredReply);
+        client->configure(*Url::parse("https://backend.test"), "key", std::nullopt, false,
+                          [](std::exception_ptr) {});
+        fake.executor->drain();
+    }
+    // Answers the oldest request to `path` still waiting for its reply.
+    void complete(const std::string& path, int status, std::string body) {
+        auto index = fake.http->pendingIndex(path);
+        ASSERT_TRUE(index) << path;
+        fake.http->completePending(*index,
+                                   HttpOutcome{HttpResponse{status, {}, std::move(body)}, nullptr});
+        fake.executor->drain();
     }
     void replyUploaded(const std::string& id) {
         fake.http->reply("/v1/sdk/captures/" + id + "/upload", 200,
@@ -464,6 +481,47 @@ TEST_F(ConsentFlowTest, TheLogoReplacesThePlaceholderOnlyWhenItIsAnImage) {
         HttpOutcome{HttpResponse{200, {}, std::string(png.begin(), png.end())}, nullptr});
     fake.executor->drain();
     EXPECT_EQ(prompts->sheet()->logo, SheetState::Logo::placeholder);
+}
+
+TEST_F(ConsentFlowTest, AReplyWhoseReasonIsGoneCapturesAndReportsNothing) {
+    const std::vector<std::pair<std::string, std::function<void()>>> endings{
+        {"stop", [&] { client->stop(); }},
+        {"reset",
+         [&] {
+             fake.http->reply("/v1/sdk/devices/reset", 200, "{}");
+             client->reset();
+         }},
+        {"newer configure", [&] { reconfigure(); }},
+    };
+    int n = 0;
+    for (const auto& [name, end] : endings) {
+        SCOPED_TRACE(name);
+        const std::string id = "g" + std::to_string(n++);
+        // An upload on its way.
+        reconfigure();
+        events.clear();
+        push(consent(id + "-once"));
+        replyAllowed(id + "-once");
+        press("Allow once");
+        end();
+        fake.executor->drain();
+        complete("/v1/sdk/captures/" + id + "-once/upload", 200,
+                 R"({"captureId":"cap-1","imageUrl":"https://img.test/cap-1.png"})");
+        EXPECT_EQ(events, std::vector<std::string>{"shown"});
+
+        // An answer on its way: no banner, no capture, no callback.
+        reconfigure();
+        events.clear();
+        push(consent(id + "-call", 60, "PerSession"));
+        press("Allow for this call");
+        end();
+        fake.executor->drain();
+        complete("/v1/sdk/captures/" + id + "-call/respond", 200, R"({"status":"Allowed"})");
+        EXPECT_FALSE(banner->text());
+        EXPECT_FALSE(client->sessionBanner().visible());
+        EXPECT_EQ(requests("/v1/sdk/captures/" + id + "-call/upload"), 0u);
+        EXPECT_EQ(events, std::vector<std::string>{"shown"});
+    }
 }
 
 }  // namespace

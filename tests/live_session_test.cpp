@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <functional>
 
 #include "core/client/client.hpp"
 #include "core/ports/manual_clock.hpp"
@@ -242,6 +243,85 @@ TEST_F(LiveSessionTest, NoOverlayMeansNoSharingAndNoQuestion) {
     live("s1", "active");
     EXPECT_FALSE(client->liveSession().sessionId());
     EXPECT_TRUE(to("/v1/sdk/live/s1/frame").empty());
+}
+
+TEST_F(LiveSessionTest, AnAnswerWhoseReasonIsGoneStartsNothing) {
+    const std::vector<std::pair<std::string, std::function<void()>>> endings{
+        {"stop", [&] { client->stop(); }},
+        {"reset",
+         [&] {
+             fake.http->reply("/v1/sdk/devices/reset", 200, "{}");
+             client->reset();
+         }},
+        {"newer configure",
+         [&] {
+             fake.http->reply("/v1/sdk/devices", 200, kRegisteredReply);
+             client->configure(*Url::parse("https://backend.test"), "key", std::nullopt, false,
+                               [](std::exception_ptr) {});
+         }},
+        {"ended push", [&] { live("s1", "ended"); }},
+        {"newer request", [&] { live("s2", "requested"); }},
+    };
+    for (const auto& [name, end] : endings) {
+        SCOPED_TRACE(name);
+        makeClient();
+        events.clear();
+        live("s1", "requested");
+        ASSERT_TRUE(prompts->press("Start sharing"));
+        fake.executor->drain();
+        end();
+        fake.executor->drain();
+        answer("/v1/sdk/live/s1/respond", 200);
+        clock->advance(1);
+        EXPECT_FALSE(overlay->showing);
+        EXPECT_FALSE(client->liveSession().sessionId());
+        EXPECT_FALSE(clock->isScheduled(TimerId::liveFrame));
+        EXPECT_FALSE(clock->isScheduled(TimerId::visibleState));
+        EXPECT_TRUE(to("/v1/sdk/live/s1/frame").empty());
+        EXPECT_TRUE(std::none_of(events.begin(), events.end(),
+                                 [](const std::string& e) { return e != "shown"; }));
+    }
+
+    // A failure that comes back after stop() is not reported either.
+    makeClient();
+    events.clear();
+    live("s3", "requested");
+    ASSERT_TRUE(prompts->press("Start sharing"));
+    fake.executor->drain();
+    client->stop();
+    fake.executor->drain();
+    answer("/v1/sdk/live/s3/respond", 500);
+    EXPECT_EQ(events, std::vector<std::string>{"shown"});
+}
+
+TEST_F(LiveSessionTest, AnEndedSessionLeavesNoWatchAndNoMarksBehind) {
+    const std::vector<std::pair<std::string, std::function<void()>>> endings{
+        // First, while the only frame waiting for its reply is this session's.
+        {"gone frame", [&] { answer("/v1/sdk/live/s1/frame", 410); }},
+        {"ended push", [&] { live("s1", "ended"); }},
+        {"customer stop", [&] { overlay->stop(); }},
+        {"reset",
+         [&] {
+             fake.http->reply("/v1/sdk/devices/reset", 200, "{}");
+             client->reset();
+         }},
+        {"stop", [&] { client->stop(); }},
+    };
+    for (const auto& [name, end] : endings) {
+        SCOPED_TRACE(name);
+        makeClient();
+        events.clear();
+        live("s1", "active");
+        push({{"type", "guide"},
+              {"payload", {{"sessionId", "s1"}, {"kind", "box"}, {"x", 0.1}, {"y", 0.1}}}});
+        ASSERT_TRUE(overlay->scroll);  // the marks are watched
+        end();
+        fake.executor->drain();
+        EXPECT_EQ(events, std::vector<std::string>{"ended s1"});
+        EXPECT_FALSE(overlay->scroll);
+        EXPECT_TRUE(overlay->marks.empty());
+        EXPECT_FALSE(clock->isScheduled(TimerId::pointingReset));
+    }
 }
 
 TEST(ViewMessage, IsConcatenatedAsItStands) {

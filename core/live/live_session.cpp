@@ -98,6 +98,7 @@ void LiveSessionFlow::ask(const LivePush& push) {
     const std::optional<WindowFacts> window = findCaptureWindow(*host);
     if (!window) return;
 
+    answering_.reset();  // a newer request replaces an answer still on its way
     parts_.prompt->dismiss();
     if (const auto& shown = context_.callbacks().onRequestShown) shown();
 
@@ -126,19 +127,22 @@ void LiveSessionFlow::answer(const std::string& sessionId, bool allow) {
     parts_.prompt->cancelExpiry();
     auto transport = context_.transport();
     if (!transport) fatalPrecondition("a live answer needs the transport that configure made");
+    if (allow) answering_ = sessionId;
     std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
-    transport->postJson(livePath(sessionId, "/respond"), {{"allow", allow}}, false,
-                        [weak, sessionId, allow](const SendResult& result) {
-                            auto self = weak.lock();
-                            if (!self) return;
-                            if (!result) {
-                                if (const auto& onError = self->context_.callbacks().onError)
-                                    onError(result.error);
-                                return;
-                            }
-                            // A live request that is declined has no further outcome.
-                            if (allow) self->start(sessionId);
-                        });
+    transport->postJson(
+        livePath(sessionId, "/respond"), {{"allow", allow}}, false,
+        [weak, sessionId, allow, epoch = context_.epoch()](const SendResult& result) {
+            auto self = weak.lock();
+            if (!self || !self->context_.isCurrent(epoch)) return;
+            if (!result) {
+                if (const auto& onError = self->context_.callbacks().onError) onError(result.error);
+                return;
+            }
+            // A live request that is declined has no further outcome.
+            if (!allow || self->answering_ != sessionId) return;
+            self->answering_.reset();
+            self->start(sessionId);
+        });
 }
 
 void LiveSessionFlow::start(const std::string& sessionId) {
@@ -161,7 +165,10 @@ void LiveSessionFlow::start(const std::string& sessionId) {
     }
     parts_.overlay->setOnViewChanged([weak, sessionId](std::string_view kind) {
         auto self = weak.lock();
-        if (self && self->parts_.sendText) self->parts_.sendText(viewMessage(kind, sessionId));
+        // A message never names a session that is over.
+        if (self && self->sessionId_ == sessionId && self->parts_.sendText) {
+            self->parts_.sendText(viewMessage(kind, sessionId));
+        }
     });
 
     frameTimer_ = parts_.clock->every(TimerId::liveFrame, kFrameInterval, [weak, sessionId] {
@@ -222,6 +229,7 @@ void LiveSessionFlow::customerStop() {
 void LiveSessionFlow::stopLocally() {
     const std::optional<std::string> ended = std::move(sessionId_);
     sessionId_.reset();
+    answering_.reset();
     if (frameTimer_) frameTimer_->cancel();
     frameTimer_.reset();
     if (visibleStateTimer_) visibleStateTimer_->cancel();

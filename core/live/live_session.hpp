@@ -91,6 +91,9 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
     Parts parts_;
     FlowContext& context_;
     std::optional<std::string> sessionId_;
+    // The session the customer allowed whose answer is on its way; a newer request or any
+    // ending clears it, and then the reply starts nothing.
+    std::optional<std::string> answering_;
     std::optional<std::string> sharingGeneration_;
     std::optional<std::string> recordingGeneration_;
     std::shared_ptr<VirelaCancellable> frameTimer_;
