@@ -188,6 +188,14 @@ class ConsentFlowTest : public ::testing::Test {
                                    HttpOutcome{HttpResponse{status, {}, std::move(body)}, nullptr});
         fake.executor->drain();
     }
+    // Allows screenshots for the call, under a countdown of `seconds`.
+    void allowCall(const std::string& id, double seconds = 600) {
+        push(consent(id, 60, "PerSession"));
+        replyAllowed(id, R"(,"sessionExpiresAt":")" + isoIn(seconds) + "\"");
+        replyUploaded(id);
+        press("Allow for this call");
+        ASSERT_TRUE(client->sessionBanner().visible());
+    }
     void replyUploaded(const std::string& id) {
         fake.http->reply("/v1/sdk/captures/" + id + "/upload", 200,
                          R"({"captureId":"cap-1","imageUrl":"https://img.test/cap-1.png"})");
@@ -522,6 +530,84 @@ TEST_F(ConsentFlowTest, AReplyWhoseReasonIsGoneCapturesAndReportsNothing) {
         EXPECT_EQ(requests("/v1/sdk/captures/" + id + "-call/upload"), 0u);
         EXPECT_EQ(events, std::vector<std::string>{"shown"});
     }
+}
+
+TEST_F(ConsentFlowTest, ACapturePushNeedsTheCountdownOfACallTheCustomerAllowed) {
+    const auto dropped = [](const std::string& id) {
+        return std::pair{LogLevel::error,
+                         "capture request dropped: no allowance for the call on this device "
+                         "(request id \"" +
+                             id + "\")"};
+    };
+    const auto logged = [&](const std::string& id) {
+        return std::count(fake.log->lines.begin(), fake.log->lines.end(), dropped(id));
+    };
+    const auto capture = [&](const std::string& id) {
+        replyUploaded(id);
+        push({{"type", "capture"}, {"payload", {{"requestId", id}}}});
+    };
+
+    capture("x1");  // nothing allowed on this device
+    EXPECT_EQ(requests("/v1/sdk/captures/x1/upload"), 0u);
+    EXPECT_EQ(logged("x1"), 1);
+
+    // One screenshot allowed is not the call.
+    push(consent("r1"));
+    replyAllowed("r1");
+    replyUploaded("r1");
+    press("Allow once");
+    capture("r1");
+    EXPECT_EQ(requests("/v1/sdk/captures/r1/upload"), 1u);
+    EXPECT_EQ(logged("r1"), 1);
+
+    // While the countdown runs, under the call's id or a new one.
+    allowCall("r2", 40);
+    capture("r2");
+    capture("r9");
+    EXPECT_EQ(requests("/v1/sdk/captures/r2/upload"), 2u);
+    EXPECT_EQ(requests("/v1/sdk/captures/r9/upload"), 1u);
+    // The time is up, though the next refresh has not taken the banner down yet.
+    clock->advance(41);
+    ASSERT_TRUE(banner->text());
+    capture("r2");
+    EXPECT_EQ(requests("/v1/sdk/captures/r2/upload"), 2u);
+    EXPECT_EQ(logged("r2"), 1);
+
+    // The call ended by the backend, by stop() (also between the push and its turn) or reset().
+    const std::vector<std::pair<std::string, std::function<void()>>> endings{
+        {"session ended",
+         [&] {
+             push({{"type", "session"}, {"payload", {{"state", "ended"}}}});
+         }},
+        {"stop", [&] { client->stop(); }},
+        {"reset",
+         [&] {
+             fake.http->reply("/v1/sdk/devices/reset", 200, "{}");
+             client->reset();
+         }},
+    };
+    int n = 0;
+    for (const auto& [name, end] : endings) {
+        SCOPED_TRACE(name);
+        const std::string id = "e" + std::to_string(n++);
+        reconfigure();
+        allowCall(id);
+        end();
+        fake.executor->drain();
+        EXPECT_FALSE(banner->text());
+        capture(id);
+        EXPECT_EQ(requests("/v1/sdk/captures/" + id + "/upload"), 1u);
+        EXPECT_EQ(logged(id), 1);
+    }
+    reconfigure();
+    allowCall("late");
+    replyUploaded("late");
+    client->channel().dispatch(
+        json{{"type", "capture"}, {"payload", {{"requestId", "late"}}}}.dump());
+    client->stop();
+    fake.executor->drain();
+    EXPECT_EQ(requests("/v1/sdk/captures/late/upload"), 1u);
+    EXPECT_EQ(logged("late"), 1);
 }
 
 }  // namespace

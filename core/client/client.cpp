@@ -91,7 +91,8 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
          .prompt = prompt_,
          .showSessionBanner = [banner = sessionBanner_](
                                   HostHandle window,
-                                  double expiresAt) { banner->show(window, expiresAt); }},
+                                  double expiresAt) { banner->show(window, expiresAt); },
+         .callAllowed = [banner = sessionBanner_] { return banner->countingDown(); }},
         *this);
     if (platform_->overlay && platform_->host) {
         overlay_ =

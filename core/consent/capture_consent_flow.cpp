@@ -103,8 +103,21 @@ void CaptureConsentFlow::handleCapture(const CapturePush& push) {
         return;
     }
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
-    parts_.platform->main->post([weak, requestId = push.requestId] {
-        if (auto self = weak.lock()) self->captureAndUpload(requestId);
+    // Checked in the turn that captures, so that a stop() or reset() in between counts.
+    parts_.platform->main->post([weak, requestId = push.requestId, epoch = context_.epoch()] {
+        auto self = weak.lock();
+        if (!self) return;
+        if (!self->context_.isCurrent(epoch) || !self->parts_.callAllowed ||
+            !self->parts_.callAllowed()) {
+            if (const auto& log = self->parts_.platform->log) {
+                log->write(LogLevel::error,
+                           "capture request dropped: no allowance for the call on this device "
+                           "(request id \"" +
+                               requestId + "\")");
+            }
+            return;
+        }
+        self->captureAndUpload(requestId);
     });
 }
 
