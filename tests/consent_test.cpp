@@ -492,17 +492,8 @@ TEST_F(ConsentFlowTest, TheLogoReplacesThePlaceholderOnlyWhenItIsAnImage) {
 }
 
 TEST_F(ConsentFlowTest, AReplyWhoseReasonIsGoneCapturesAndReportsNothing) {
-    const std::vector<std::pair<std::string, std::function<void()>>> endings{
-        {"stop", [&] { client->stop(); }},
-        {"reset",
-         [&] {
-             fake.http->reply("/v1/sdk/devices/reset", 200, "{}");
-             client->reset();
-         }},
-        {"newer configure", [&] { reconfigure(); }},
-    };
     int n = 0;
-    for (const auto& [name, end] : endings) {
+    for (const auto& [name, end] : testing::epochEndings(fake, client)) {
         SCOPED_TRACE(name);
         const std::string id = "g" + std::to_string(n++);
         // An upload on its way.

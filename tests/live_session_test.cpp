@@ -246,22 +246,11 @@ TEST_F(LiveSessionTest, NoOverlayMeansNoSharingAndNoQuestion) {
 }
 
 TEST_F(LiveSessionTest, AnAnswerWhoseReasonIsGoneStartsNothing) {
-    const std::vector<std::pair<std::string, std::function<void()>>> endings{
-        {"stop", [&] { client->stop(); }},
-        {"reset",
-         [&] {
-             fake.http->reply("/v1/sdk/devices/reset", 200, "{}");
-             client->reset();
-         }},
-        {"newer configure",
-         [&] {
-             fake.http->reply("/v1/sdk/devices", 200, kRegisteredReply);
-             client->configure(*Url::parse("https://backend.test"), "key", std::nullopt, false,
-                               [](std::exception_ptr) {});
-         }},
-        {"ended push", [&] { live("s1", "ended"); }},
-        {"newer request", [&] { live("s2", "requested"); }},
-    };
+    auto endings = testing::epochEndings(fake, client);
+    endings.insert(endings.end(), {
+                                      {"ended push", [&] { live("s1", "ended"); }},
+                                      {"newer request", [&] { live("s2", "requested"); }},
+                                  });
     for (const auto& [name, end] : endings) {
         SCOPED_TRACE(name);
         makeClient();
