@@ -2,14 +2,20 @@
 // a second with the agent pointing now and then, to show that sharing does not grow the process.
 // Not a test: it runs for minutes and prints what it measured.
 //
-//   build/rel/bench/virela-live-soak [--seconds N]    (default 600)
+//   build/rel/bench/virela-live-soak [--seconds N] [--stall-seconds S]    (default 600, 0)
 //
 // Every ten seconds it prints the frames the backend received, the frames the device skipped
 // (ticks that sent nothing), resident memory and open descriptors. At the end it prints their
 // growth since the first minute, when buffers and connections have reached their working size.
+//
+// With --stall-seconds the backend stops answering frame uploads ten seconds into sharing for S
+// seconds, then recovers. The program prints the most uploads the device had in flight, the
+// peak resident memory, and how long after the recovery the agent's picture moved again.
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
@@ -33,6 +39,47 @@ using Clock = std::chrono::steady_clock;
 
 constexpr double kWarmUpSeconds = 60;
 constexpr double kFramesPerSecond = 3;
+constexpr double kStallStartSeconds = 10;
+
+// The platform's HTTP client, counting the requests it has out.
+class CountingHttp final : public HttpClient {
+  public:
+    explicit CountingHttp(std::shared_ptr<HttpClient> inner) : inner_(std::move(inner)) {}
+    std::shared_ptr<VirelaCancellable> send(HttpRequest request,
+                                            std::function<void(HttpOutcome)> done) override {
+        const int now = ++state_->inFlight;
+        int peak = state_->peak.load();
+        while (now > peak && !state_->peak.compare_exchange_weak(peak, now)) {
+        }
+        return inner_->send(std::move(request),
+                            [state = state_, done = std::move(done)](HttpOutcome outcome) {
+                                --state->inFlight;
+                                done(std::move(outcome));
+                            });
+    }
+    int peak() const { return state_->peak.load(); }
+
+  private:
+    struct State {
+        std::atomic<int> inFlight{0};
+        std::atomic<int> peak{0};
+    };
+    std::shared_ptr<HttpClient> inner_;
+    std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
+// The process's peak resident memory (VmHWM), or -1.
+long peakResidentKiB() {
+    std::FILE* status = std::fopen("/proc/self/status", "r");
+    if (!status) return -1;
+    char line[256];
+    long peak = -1;
+    while (std::fgets(line, sizeof line, status)) {
+        if (std::sscanf(line, "VmHWM: %ld kB", &peak) == 1) break;
+    }
+    std::fclose(status);
+    return peak;
+}
 
 long residentKiB() {
     std::FILE* statm = std::fopen("/proc/self/statm", "r");
@@ -54,29 +101,43 @@ long openDescriptors() {
     return error ? -1 : count;
 }
 
-std::optional<double> parseSeconds(int argc, char** argv) {
+struct SoakOptions {
     double seconds = 600;
+    double stallSeconds = 0;
+};
+
+std::optional<SoakOptions> parseOptions(int argc, char** argv) {
+    SoakOptions options;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
-        if (arg != "--seconds" || i + 1 >= argc) return std::nullopt;
+        double* target = arg == "--seconds"         ? &options.seconds
+                         : arg == "--stall-seconds" ? &options.stallSeconds
+                                                    : nullptr;
+        if (!target || i + 1 >= argc) return std::nullopt;
         const std::string_view value = argv[++i];
         const auto [end, error] =
-            std::from_chars(value.data(), value.data() + value.size(), seconds);
-        if (error != std::errc() || end != value.data() + value.size() || seconds <= 0) {
+            std::from_chars(value.data(), value.data() + value.size(), *target);
+        if (error != std::errc() || end != value.data() + value.size() || *target < 0) {
             return std::nullopt;
         }
     }
-    return seconds;
+    if (options.seconds <= 0) return std::nullopt;
+    // The recovery needs time to show after the stall.
+    if (options.stallSeconds > 0) {
+        options.seconds = std::max(options.seconds, kStallStartSeconds + options.stallSeconds + 10);
+    }
+    return options;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::optional<double> seconds = parseSeconds(argc, argv);
-    if (!seconds) {
-        std::fprintf(stderr, "usage: virela-live-soak [--seconds N]\n");
+    const std::optional<SoakOptions> options = parseOptions(argc, argv);
+    if (!options) {
+        std::fprintf(stderr, "usage: virela-live-soak [--seconds N] [--stall-seconds S]\n");
         return 2;
     }
+    const double seconds = options->seconds;
 
     devserver::Options backendOptions;
     backendOptions.keepRequests = false;
@@ -90,6 +151,7 @@ int main(int argc, char** argv) {
     auto runtime = std::make_unique<headless::Runtime>(runtimeOptions);
 
     std::shared_ptr<headless::View> clockLabel;
+    std::shared_ptr<CountingHttp> http;
     auto client = runtime->runOnMain([&] {
         auto window = headless::makeAppWindow(*runtime->host(), {390, 844});
         headless::add(*window, headless::label({16, 60, 358, 32}, "Soak"));
@@ -100,7 +162,10 @@ int main(int argc, char** argv) {
                                                  "Row " + std::to_string(row + 1)));
         }
         clockLabel = headless::add(*window, headless::label({16, 790, 358, 32}, "0"));
-        return VirelaClient::create(runtime->platform());
+        auto platform = std::make_shared<Platform>(*runtime->platform());
+        http = std::make_shared<CountingHttp>(platform->http);
+        platform->http = http;
+        return VirelaClient::create(platform);
     });
 
     std::promise<std::exception_ptr> configured;
@@ -124,7 +189,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "soak: could not start the live session\n");
         return 1;
     }
-    std::printf("soak: sharing for %.0f s at %.0f frames a second\n", *seconds, kFramesPerSecond);
+    std::printf("soak: sharing for %.0f s at %.0f frames a second\n", seconds, kFramesPerSecond);
     std::fflush(stdout);
 
     const auto start = Clock::now();
@@ -138,8 +203,31 @@ int main(int argc, char** argv) {
     std::size_t baseFrames = 0;
     double baseTime = 0;
     int tick = 0;
-    for (double now = 0; now < *seconds; now = elapsed()) {
+    std::optional<double> stallEnd;
+    std::optional<double> recovery;
+    for (double now = 0; now < seconds; now = elapsed()) {
         std::this_thread::sleep_for(500ms);
+        if (options->stallSeconds > 0 && !stallEnd && elapsed() >= kStallStartSeconds) {
+            backend.stallFrames(
+                std::chrono::milliseconds(static_cast<long long>(options->stallSeconds * 1000)));
+            stallEnd = elapsed() + options->stallSeconds;
+            std::printf("soak: the backend stalls frame uploads for %.0f s\n",
+                        options->stallSeconds);
+            std::fflush(stdout);
+        }
+        if (stallEnd && !recovery && elapsed() >= *stallEnd - 0.6) {
+            // Watch closely from the moment the backend answers again.
+            while (elapsed() < *stallEnd) std::this_thread::sleep_for(1ms);
+            const std::size_t before = frames();
+            const double recovered = elapsed();
+            while (frames() == before && elapsed() - recovered < 30) {
+                std::this_thread::sleep_for(5ms);
+            }
+            recovery = elapsed() - recovered;
+            std::printf("soak: the backend answers again; the picture moved after %.3f s\n",
+                        *recovery);
+            std::fflush(stdout);
+        }
         ++tick;
         runtime->runOnMain([&] {
             clockLabel->text = std::to_string(tick);  // every frame shows something new
@@ -163,7 +251,7 @@ int main(int argc, char** argv) {
                                                      : 0.0,
             memory, descriptors);
         std::fflush(stdout);
-        if (baseMemory < 0 && now >= std::min(kWarmUpSeconds, *seconds / 2)) {
+        if (baseMemory < 0 && now >= std::min(kWarmUpSeconds, seconds / 2)) {
             baseMemory = memory;
             baseDescriptors = descriptors;
             baseFrames = received;
@@ -186,6 +274,14 @@ int main(int argc, char** argv) {
             openDescriptors() - baseDescriptors);
     }
     std::fflush(stdout);
+
+    if (stallEnd) {
+        std::printf(
+            "soak: stall of %.0f s: most uploads in flight %d, peak resident memory %ld KiB, "
+            "picture moved %.3f s after the recovery\n",
+            options->stallSeconds, http->peak(), peakResidentKiB(), recovery.value_or(-1));
+        std::fflush(stdout);
+    }
 
     backend.endLive(deviceId, sessionId);
     runtime->runOnMain([&] { client->stop(); });

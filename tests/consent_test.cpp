@@ -5,6 +5,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <functional>
+
 #include "core/client/client.hpp"
 #include "core/consent/sheets.hpp"
 #include "core/ports/manual_clock.hpp"
@@ -170,6 +173,28 @@ class ConsentFlowTest : public ::testing::Test {
     void replyAllowed(const std::string& id, const std::string& extra = "") {
         fake.http->reply("/v1/sdk/captures/" + id + "/respond", 200,
                          R"({"status":"Allowed")" + extra + "}");
+    }
+    void reconfigure() {
+        fake.http->reply("/v1/sdk/devices", 200, kRegisteredReply);
+        client->configure(*Url::parse("https://backend.test"), "key", std::nullopt, false,
+                          [](std::exception_ptr) {});
+        fake.executor->drain();
+    }
+    // Answers the oldest request to `path` still waiting for its reply.
+    void complete(const std::string& path, int status, std::string body) {
+        auto index = fake.http->pendingIndex(path);
+        ASSERT_TRUE(index) << path;
+        fake.http->completePending(*index,
+                                   HttpOutcome{HttpResponse{status, {}, std::move(body)}, nullptr});
+        fake.executor->drain();
+    }
+    // Allows screenshots for the call, under a countdown of `seconds`.
+    void allowCall(const std::string& id, double seconds = 600) {
+        push(consent(id, 60, "PerSession"));
+        replyAllowed(id, R"(,"sessionExpiresAt":")" + isoIn(seconds) + "\"");
+        replyUploaded(id);
+        press("Allow for this call");
+        ASSERT_TRUE(client->sessionBanner().visible());
     }
     void replyUploaded(const std::string& id) {
         fake.http->reply("/v1/sdk/captures/" + id + "/upload", 200,
@@ -464,6 +489,116 @@ TEST_F(ConsentFlowTest, TheLogoReplacesThePlaceholderOnlyWhenItIsAnImage) {
         HttpOutcome{HttpResponse{200, {}, std::string(png.begin(), png.end())}, nullptr});
     fake.executor->drain();
     EXPECT_EQ(prompts->sheet()->logo, SheetState::Logo::placeholder);
+}
+
+TEST_F(ConsentFlowTest, AReplyWhoseReasonIsGoneCapturesAndReportsNothing) {
+    int n = 0;
+    for (const auto& [name, end] : testing::epochEndings(fake, client)) {
+        SCOPED_TRACE(name);
+        const std::string id = "g" + std::to_string(n++);
+        // An upload on its way.
+        reconfigure();
+        events.clear();
+        push(consent(id + "-once"));
+        replyAllowed(id + "-once");
+        press("Allow once");
+        end();
+        fake.executor->drain();
+        complete("/v1/sdk/captures/" + id + "-once/upload", 200,
+                 R"({"captureId":"cap-1","imageUrl":"https://img.test/cap-1.png"})");
+        EXPECT_EQ(events, std::vector<std::string>{"shown"});
+
+        // An answer on its way: no banner, no capture, no callback.
+        reconfigure();
+        events.clear();
+        push(consent(id + "-call", 60, "PerSession"));
+        press("Allow for this call");
+        end();
+        fake.executor->drain();
+        complete("/v1/sdk/captures/" + id + "-call/respond", 200, R"({"status":"Allowed"})");
+        EXPECT_FALSE(banner->text());
+        EXPECT_FALSE(client->sessionBanner().visible());
+        EXPECT_EQ(requests("/v1/sdk/captures/" + id + "-call/upload"), 0u);
+        EXPECT_EQ(events, std::vector<std::string>{"shown"});
+    }
+}
+
+TEST_F(ConsentFlowTest, ACapturePushNeedsTheCountdownOfACallTheCustomerAllowed) {
+    const auto dropped = [](const std::string& id) {
+        return std::pair{LogLevel::error,
+                         "capture request dropped: no allowance for the call on this device "
+                         "(request id \"" +
+                             id + "\")"};
+    };
+    const auto logged = [&](const std::string& id) {
+        return std::count(fake.log->lines.begin(), fake.log->lines.end(), dropped(id));
+    };
+    const auto capture = [&](const std::string& id) {
+        replyUploaded(id);
+        push({{"type", "capture"}, {"payload", {{"requestId", id}}}});
+    };
+
+    capture("x1");  // nothing allowed on this device
+    EXPECT_EQ(requests("/v1/sdk/captures/x1/upload"), 0u);
+    EXPECT_EQ(logged("x1"), 1);
+
+    // One screenshot allowed is not the call.
+    push(consent("r1"));
+    replyAllowed("r1");
+    replyUploaded("r1");
+    press("Allow once");
+    capture("r1");
+    EXPECT_EQ(requests("/v1/sdk/captures/r1/upload"), 1u);
+    EXPECT_EQ(logged("r1"), 1);
+
+    // While the countdown runs, under the call's id or a new one.
+    allowCall("r2", 40);
+    capture("r2");
+    capture("r9");
+    EXPECT_EQ(requests("/v1/sdk/captures/r2/upload"), 2u);
+    EXPECT_EQ(requests("/v1/sdk/captures/r9/upload"), 1u);
+    // The time is up, though the next refresh has not taken the banner down yet.
+    clock->advance(41);
+    ASSERT_TRUE(banner->text());
+    capture("r2");
+    EXPECT_EQ(requests("/v1/sdk/captures/r2/upload"), 2u);
+    EXPECT_EQ(logged("r2"), 1);
+
+    // The call ended by the backend, by stop() (also between the push and its turn) or reset().
+    const std::vector<std::pair<std::string, std::function<void()>>> endings{
+        {"session ended",
+         [&] {
+             push({{"type", "session"}, {"payload", {{"state", "ended"}}}});
+         }},
+        {"stop", [&] { client->stop(); }},
+        {"reset",
+         [&] {
+             fake.http->reply("/v1/sdk/devices/reset", 200, "{}");
+             client->reset();
+         }},
+    };
+    int n = 0;
+    for (const auto& [name, end] : endings) {
+        SCOPED_TRACE(name);
+        const std::string id = "e" + std::to_string(n++);
+        reconfigure();
+        allowCall(id);
+        end();
+        fake.executor->drain();
+        EXPECT_FALSE(banner->text());
+        capture(id);
+        EXPECT_EQ(requests("/v1/sdk/captures/" + id + "/upload"), 1u);
+        EXPECT_EQ(logged(id), 1);
+    }
+    reconfigure();
+    allowCall("late");
+    replyUploaded("late");
+    client->channel().dispatch(
+        json{{"type", "capture"}, {"payload", {{"requestId", "late"}}}}.dump());
+    client->stop();
+    fake.executor->drain();
+    EXPECT_EQ(requests("/v1/sdk/captures/late/upload"), 1u);
+    EXPECT_EQ(logged("late"), 1);
 }
 
 }  // namespace

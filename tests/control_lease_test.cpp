@@ -194,6 +194,20 @@ TEST_F(ControlLeaseTest, EveryEndOfTheLiveSessionEndsControlFirst) {
     EXPECT_FALSE(overlay->banner);
 }
 
+TEST_F(ControlLeaseTest, AFailedAnswerThatComesBackAfterStopIsNotReported) {
+    live("s1", "active");
+    control("s1", "requested", {{"requestId", "c1"}});
+    ASSERT_TRUE(prompts->press("Allow control"));
+    fake.executor->drain();
+    client->stop();
+    fake.executor->drain();
+    auto index = fake.http->pendingIndex("/v1/sdk/live/s1/control/respond");
+    ASSERT_TRUE(index);
+    fake.http->completePending(*index, HttpOutcome{HttpResponse{500, {}, "{}"}, nullptr});
+    fake.executor->drain();
+    EXPECT_EQ(events, std::vector<std::string>{"ended s1"});
+}
+
 TEST_F(ControlLeaseTest, TheRequestIsAskedInItsSessionAndHeldWhileInTheBackground) {
     live("s1", "active");
     control("other", "requested");

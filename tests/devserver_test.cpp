@@ -1068,6 +1068,24 @@ TEST_F(LiveTest, FramesAreKeptServedAndCountedUntilTheSessionEnds) {
     EXPECT_EQ(server.liveSession(stopped->sessionId)->answers, std::vector<bool>{false});
 }
 
+TEST_F(LiveTest, AStalledBackendHoldsFramesUntilItRecoversAndKeepsNoneOfThem) {
+    auto requested = server.requestLive(token);
+    ASSERT_TRUE(requested);
+    const std::string session = requested->sessionId;
+    server.stallFrames(400ms);
+    const auto start = std::chrono::steady_clock::now();
+    auto held = sendFrame(session, jpeg('a'));
+    ASSERT_TRUE(held);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 350ms);
+    EXPECT_EQ(held->status, 503);
+    EXPECT_EQ(server.liveSession(session)->frames, 0u);
+
+    auto recovered = sendFrame(session, jpeg('b'));
+    ASSERT_TRUE(recovered);
+    EXPECT_EQ(recovered->status, 200);
+    EXPECT_EQ(server.liveSession(session)->latestFrame, jpeg('b'));
+}
+
 TEST_F(LiveTest, FramesWithoutAWholeFormAndAJpegFilePartAreRefused) {
     const auto requested = server.requestLive(token);
     ASSERT_TRUE(requested);

@@ -208,6 +208,27 @@ TEST_F(LiveOverlayTest, NavigationAndAModalCountAsAScreenChangeButAFreedScreenDo
     EXPECT_EQ(overlay->markCount(), 1u);
 }
 
+TEST_F(LiveOverlayTest, HidingEndsTheWatchSoTheNextShowStartsClean) {
+    host->addController(1, ControllerKind::navigation, 2);
+    host->addController(2);
+    ASSERT_TRUE(overlay->show(kWindow, [] {}));
+    overlay->drawGuide(guide("box"));
+    ASSERT_TRUE(overlay->marksShowing());
+    overlay->hide();
+    EXPECT_FALSE(presenter->scroll);  // the watcher is gone
+    EXPECT_FALSE(overlay->marksShowing());
+    EXPECT_EQ(overlay->markCount(), 0u);
+    clock->advance(3.6);
+    EXPECT_TRUE(presenter->fadedMarks.empty());
+
+    // The next session's first navigation check finds no marks of the last one.
+    ASSERT_TRUE(overlay->show(kWindow, [] {}));
+    host->addController(3);
+    host->addController(1, ControllerKind::navigation, 3);
+    overlay->checkScreen();
+    EXPECT_TRUE(changes.empty());
+}
+
 TEST_F(LiveOverlayTest, LaserMovesOneDotAndLaserOffHidesItButStillPoints) {
     ASSERT_TRUE(overlay->show(kWindow, [] {}));
     GuidePush laser = guide("laser");

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <functional>
 
 #include "core/client/client.hpp"
 #include "core/ports/manual_clock.hpp"
@@ -137,22 +138,21 @@ TEST_F(LiveSessionTest, AnAllowedRequestStartsFramesUnderTheOverlay) {
     EXPECT_EQ(events, std::vector<std::string>{"shown"});
 }
 
-TEST_F(LiveSessionTest, FramesNeverPileUpBehindASlowBackendOrRunInTheBackground) {
+TEST_F(LiveSessionTest, ASlowBackendNeverDelaysTheNextTickAndTheBackgroundSendsNothing) {
     live("s1", "active");
-    clock->advance(5);  // no upload ever answers
-    EXPECT_EQ(to("/v1/sdk/live/s1/frame").size(), 2u);
+    clock->advance(5);  // no upload ever answers: every tick still sends a fresh frame
+    EXPECT_EQ(to("/v1/sdk/live/s1/frame").size(), 16u);
     answer("/v1/sdk/live/s1/frame", 500);  // any failure but 404/410 keeps sharing
     clock->advance(1.0 / 3);
-    EXPECT_EQ(to("/v1/sdk/live/s1/frame").size(), 3u);
+    EXPECT_EQ(to("/v1/sdk/live/s1/frame").size(), 17u);
     EXPECT_EQ(client->liveSession().sessionId(), "s1");
 
-    answer("/v1/sdk/live/s1/frame", 200);
     fake.lifecycle->send(AppEvent::didEnterBackground);
     clock->advance(2);
-    EXPECT_EQ(to("/v1/sdk/live/s1/frame").size(), 3u);
+    EXPECT_EQ(to("/v1/sdk/live/s1/frame").size(), 17u);
     fake.lifecycle->send(AppEvent::willEnterForeground);
     clock->advance(1.0 / 3);
-    EXPECT_EQ(to("/v1/sdk/live/s1/frame").size(), 4u);
+    EXPECT_EQ(to("/v1/sdk/live/s1/frame").size(), 18u);
 }
 
 TEST_F(LiveSessionTest, EveryEndingTearsDownOnceAndTellsTheHostOnce) {
@@ -243,6 +243,74 @@ TEST_F(LiveSessionTest, NoOverlayMeansNoSharingAndNoQuestion) {
     live("s1", "active");
     EXPECT_FALSE(client->liveSession().sessionId());
     EXPECT_TRUE(to("/v1/sdk/live/s1/frame").empty());
+}
+
+TEST_F(LiveSessionTest, AnAnswerWhoseReasonIsGoneStartsNothing) {
+    auto endings = testing::epochEndings(fake, client);
+    endings.insert(endings.end(), {
+                                      {"ended push", [&] { live("s1", "ended"); }},
+                                      {"newer request", [&] { live("s2", "requested"); }},
+                                  });
+    for (const auto& [name, end] : endings) {
+        SCOPED_TRACE(name);
+        makeClient();
+        events.clear();
+        live("s1", "requested");
+        ASSERT_TRUE(prompts->press("Start sharing"));
+        fake.executor->drain();
+        end();
+        fake.executor->drain();
+        answer("/v1/sdk/live/s1/respond", 200);
+        clock->advance(1);
+        EXPECT_FALSE(overlay->showing);
+        EXPECT_FALSE(client->liveSession().sessionId());
+        EXPECT_FALSE(clock->isScheduled(TimerId::liveFrame));
+        EXPECT_FALSE(clock->isScheduled(TimerId::visibleState));
+        EXPECT_TRUE(to("/v1/sdk/live/s1/frame").empty());
+        EXPECT_TRUE(std::none_of(events.begin(), events.end(),
+                                 [](const std::string& e) { return e != "shown"; }));
+    }
+
+    // A failure that comes back after stop() is not reported either.
+    makeClient();
+    events.clear();
+    live("s3", "requested");
+    ASSERT_TRUE(prompts->press("Start sharing"));
+    fake.executor->drain();
+    client->stop();
+    fake.executor->drain();
+    answer("/v1/sdk/live/s3/respond", 500);
+    EXPECT_EQ(events, std::vector<std::string>{"shown"});
+}
+
+TEST_F(LiveSessionTest, AnEndedSessionLeavesNoWatchAndNoMarksBehind) {
+    const std::vector<std::pair<std::string, std::function<void()>>> endings{
+        // First, while the only frame waiting for its reply is this session's.
+        {"gone frame", [&] { answer("/v1/sdk/live/s1/frame", 410); }},
+        {"ended push", [&] { live("s1", "ended"); }},
+        {"customer stop", [&] { overlay->stop(); }},
+        {"reset",
+         [&] {
+             fake.http->reply("/v1/sdk/devices/reset", 200, "{}");
+             client->reset();
+         }},
+        {"stop", [&] { client->stop(); }},
+    };
+    for (const auto& [name, end] : endings) {
+        SCOPED_TRACE(name);
+        makeClient();
+        events.clear();
+        live("s1", "active");
+        push({{"type", "guide"},
+              {"payload", {{"sessionId", "s1"}, {"kind", "box"}, {"x", 0.1}, {"y", 0.1}}}});
+        ASSERT_TRUE(overlay->scroll);  // the marks are watched
+        end();
+        fake.executor->drain();
+        EXPECT_EQ(events, std::vector<std::string>{"ended s1"});
+        EXPECT_FALSE(overlay->scroll);
+        EXPECT_TRUE(overlay->marks.empty());
+        EXPECT_FALSE(clock->isScheduled(TimerId::pointingReset));
+    }
 }
 
 TEST(ViewMessage, IsConcatenatedAsItStands) {

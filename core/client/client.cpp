@@ -91,7 +91,8 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
          .prompt = prompt_,
          .showSessionBanner = [banner = sessionBanner_](
                                   HostHandle window,
-                                  double expiresAt) { banner->show(window, expiresAt); }},
+                                  double expiresAt) { banner->show(window, expiresAt); },
+         .callAllowed = [banner = sessionBanner_] { return banner->countingDown(); }},
         *this);
     if (platform_->overlay && platform_->host) {
         overlay_ =
@@ -156,6 +157,7 @@ void VirelaClient::configure(const Url& baseUrl, const std::string& key,
                              Completion done) {
     VIRELA_ASSERT_MAIN(*platform_->main, "VirelaClient::configure");
     stopped_ = false;
+    ++epoch_;
     // The transport is replaced at once, so that identify and reset work while the
     // registration is on its way. A base URL it cannot send to fails the registration below.
     auto attempt = std::make_shared<Attempt>(
@@ -249,11 +251,15 @@ void VirelaClient::identify(const std::string& id, const std::optional<std::stri
 
 void VirelaClient::reset(std::function<void()> done) {
     if (!transport_) fatalPrecondition("reset() called before configure()");
+    // The device starts over for a new customer: nothing the last one allowed carries on.
+    const std::uint64_t epoch = ++epoch_;
+    endCallsSoon();
     std::weak_ptr<VirelaClient> weak = weak_from_this();
     transport_->postJson(kResetPath, {}, false,
-                         [weak, done = std::move(done)](const SendResult& result) {
+                         [weak, epoch, done = std::move(done)](const SendResult& result) {
                              auto self = weak.lock();
-                             if (self && result && self->registration_) {
+                             // A newer configure, reset or stop has the last word on the code.
+                             if (self && self->epoch_ == epoch && result && self->registration_) {
                                  try {
                                      auto reply = ResetResult::decode(result.body);
                                      auto updated = *self->registration_;
@@ -270,9 +276,14 @@ void VirelaClient::reset(std::function<void()> done) {
 void VirelaClient::stop() {
     VIRELA_ASSERT_MAIN(*platform_->main, "VirelaClient::stop");
     stopped_ = true;
+    ++epoch_;
     removeObservers();
     health_->stop();
     channel_->stop();
+    endCallsSoon();
+}
+
+void VirelaClient::endCallsSoon() {
     std::weak_ptr<VirelaClient> weak = weak_from_this();
     platform_->main->post([weak] {
         auto self = weak.lock();

@@ -94,6 +94,8 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     }
     const VirelaCallbacks& callbacks() const override { return callbacks_; }
     WindowRegistry& windows() override;
+    std::uint64_t epoch() const override { return epoch_; }
+    bool isCurrent(std::uint64_t epoch) const override { return !stopped_ && epoch == epoch_; }
 
     RealtimeChannel& channel() const noexcept { return *channel_; }
     ConsentPrompt& prompt() const noexcept { return *prompt_; }
@@ -113,6 +115,9 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     void setRegistration(std::optional<RegisterResult> registration);
     void installObservers();
     void removeObservers();
+    // Takes down, in a later turn of the main executor, what the customer was shown for the
+    // calls so far: the sheet, the session banner and a live session.
+    void endCallsSoon();
     void route(Push push);
 
     std::shared_ptr<const Platform> platform_;
@@ -123,6 +128,7 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     std::shared_ptr<Transport> transport_;
     std::optional<RegisterResult> registration_;
     bool stopped_ = false;
+    std::uint64_t epoch_ = 0;
     VirelaCallbacks callbacks_;
     std::unique_ptr<Subscription> backgroundObserver_;
     std::unique_ptr<Subscription> foregroundObserver_;

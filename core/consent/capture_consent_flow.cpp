@@ -103,8 +103,21 @@ void CaptureConsentFlow::handleCapture(const CapturePush& push) {
         return;
     }
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
-    parts_.platform->main->post([weak, requestId = push.requestId] {
-        if (auto self = weak.lock()) self->captureAndUpload(requestId);
+    // Checked in the turn that captures, so that a stop() or reset() in between counts.
+    parts_.platform->main->post([weak, requestId = push.requestId, epoch = context_.epoch()] {
+        auto self = weak.lock();
+        if (!self) return;
+        if (!self->context_.isCurrent(epoch) || !self->parts_.callAllowed ||
+            !self->parts_.callAllowed()) {
+            if (const auto& log = self->parts_.platform->log) {
+                log->write(LogLevel::error,
+                           "capture request dropped: no allowance for the call on this device "
+                           "(request id \"" +
+                               requestId + "\")");
+            }
+            return;
+        }
+        self->captureAndUpload(requestId);
     });
 }
 
@@ -147,40 +160,41 @@ void CaptureConsentFlow::answer(const std::string& requestId, CaptureMode mode, 
     cancelPromptExpiry();
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
     requireTransport("a consent answer")
-        ->postJson(respondPath(requestId), {{"allow", allow}}, false,
-                   [weak, requestId, mode, allow](const SendResult& result) {
-                       auto self = weak.lock();
-                       if (!self) return;
-                       if (!result) {
-                           self->reportError(result.error);
-                           return;
-                       }
-                       if (!allow) {
-                           if (const auto& denied = self->context_.callbacks().onDenied) denied();
-                           return;
-                       }
-                       RespondResult reply;
-                       try {
-                           reply = RespondResult::decode(result.body);
-                       } catch (const DecodingError&) {
-                           self->reportError(std::current_exception());
-                           return;
-                       }
-                       // The backend has the last word: anything but this exact status ends
-                       // the request.
-                       if (reply.status != kAllowed) return;
-                       if (mode == CaptureMode::perSession) {
-                           std::optional<double> until;
-                           if (reply.sessionExpiresAt)
-                               until = parseInternetDateTime(*reply.sessionExpiresAt);
-                           if (!until) until = self->parts_.clock->now() + kDefaultSessionSeconds;
-                           auto window = findCaptureWindow(*self->parts_.platform->host);
-                           if (window && self->parts_.showSessionBanner) {
-                               self->parts_.showSessionBanner(window->handle, *until);
-                           }
-                       }
-                       self->captureAndUpload(requestId);
-                   });
+        ->postJson(
+            respondPath(requestId), {{"allow", allow}}, false,
+            [weak, requestId, mode, allow, epoch = context_.epoch()](const SendResult& result) {
+                auto self = weak.lock();
+                if (!self || !self->context_.isCurrent(epoch)) return;
+                if (!result) {
+                    self->reportError(result.error);
+                    return;
+                }
+                if (!allow) {
+                    if (const auto& denied = self->context_.callbacks().onDenied) denied();
+                    return;
+                }
+                RespondResult reply;
+                try {
+                    reply = RespondResult::decode(result.body);
+                } catch (const DecodingError&) {
+                    self->reportError(std::current_exception());
+                    return;
+                }
+                // The backend has the last word: anything but this exact status ends
+                // the request.
+                if (reply.status != kAllowed) return;
+                if (mode == CaptureMode::perSession) {
+                    std::optional<double> until;
+                    if (reply.sessionExpiresAt)
+                        until = parseInternetDateTime(*reply.sessionExpiresAt);
+                    if (!until) until = self->parts_.clock->now() + kDefaultSessionSeconds;
+                    auto window = findCaptureWindow(*self->parts_.platform->host);
+                    if (window && self->parts_.showSessionBanner) {
+                        self->parts_.showSessionBanner(window->handle, *until);
+                    }
+                }
+                self->captureAndUpload(requestId);
+            });
 }
 
 void CaptureConsentFlow::captureAndUpload(const std::string& requestId) {
@@ -204,9 +218,9 @@ void CaptureConsentFlow::captureAndUpload(const std::string& requestId) {
     auto transport = requireTransport("an upload");
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
     transport->send(transport->multipartRequest(uploadPath(requestId), bytes),
-                    [weak](const SendResult& result) {
+                    [weak, epoch = context_.epoch()](const SendResult& result) {
                         auto self = weak.lock();
-                        if (!self) return;
+                        if (!self || !self->context_.isCurrent(epoch)) return;
                         if (!result) {
                             self->reportError(result.error);
                             return;

@@ -29,6 +29,9 @@ class CaptureConsentFlow : public std::enable_shared_from_this<CaptureConsentFlo
         // Puts the session banner's countdown over `window` until `expiresAt` (per-session
         // mode).
         std::function<void(HostHandle window, double expiresAt)> showSessionBanner;
+        // Whether this device shows the countdown of a call the customer allowed, now. A
+        // "capture" push is honoured only then: the backend's word alone takes no screenshot.
+        std::function<bool()> callAllowed;
     };
     // `context` is the client that owns the flow and outlives it.
     static std::shared_ptr<CaptureConsentFlow> create(Parts parts, FlowContext& context);
@@ -37,8 +40,8 @@ class CaptureConsentFlow : public std::enable_shared_from_this<CaptureConsentFlo
     CaptureConsentFlow& operator=(const CaptureConsentFlow&) = delete;
 
     void handleConsent(const ConsentPush& push);
-    // Captures and uploads for an already allowed request, in a later turn of the main
-    // executor.
+    // Captures and uploads, in a later turn of the main executor, while the customer is shown
+    // that screenshots are allowed for the call; otherwise logs the refusal.
     void handleCapture(const CapturePush& push);
     void handleExpired();
     void handleDenied();

@@ -5,6 +5,7 @@
 // the stable parts (platform, clock, presenters) when it is made and reads these through here,
 // so it never reaches the rest of the client.
 
+#include <cstdint>
 #include <memory>
 
 namespace virela {
@@ -24,6 +25,13 @@ class FlowContext {
     virtual const VirelaCallbacks& callbacks() const = 0;
     // The windows the platform reports visible. Main executor only.
     virtual WindowRegistry& windows() = 0;
+
+    // Every configure, reset and stop begins a new epoch. A flow notes the epoch when it sends a
+    // request and asks isCurrent() when the reply is back: a reply that outlived its reason
+    // starts nothing and tells the host nothing.
+    virtual std::uint64_t epoch() const = 0;
+    // True while the client runs (not stopped) in `epoch`.
+    virtual bool isCurrent(std::uint64_t epoch) const = 0;
 };
 
 }  // namespace virela

@@ -77,9 +77,9 @@ void ControlLease::answer(const ControlPush& push, bool allow) {
     std::weak_ptr<ControlLease> weak = weak_from_this();
     // An allowed answer needs nothing further: the backend grants with an "active" push.
     transport->postJson(respondPath(push.sessionId), {{"allow", allow}, {"requestId", requestId}},
-                        false, [weak](const SendResult& result) {
+                        false, [weak, epoch = context_.epoch()](const SendResult& result) {
                             auto self = weak.lock();
-                            if (!self || result) return;
+                            if (!self || result || !self->context_.isCurrent(epoch)) return;
                             if (const auto& onError = self->context_.callbacks().onError)
                                 onError(result.error);
                         });

@@ -65,7 +65,9 @@ void LiveOverlay::hide() {
     if (pointingReset_) pointingReset_->cancel();
     pointingReset_.reset();
     hideControlBanner();
-    parts_.presenter->hide();
+    parts_.presenter->hide();  // the mark views go with the window
+    marks_.clear();
+    endWatch();
     shown_ = false;
     status_ = overlay_text::idle;
     onStop_ = nullptr;

@@ -49,8 +49,8 @@ class LiveOverlay : public std::enable_shared_from_this<LiveOverlay> {
     // Shows the overlay over `anchor`, replacing one already shown; "Stop" calls `onStop`. True
     // only when the pill is on screen.
     bool show(HostHandle anchor, std::function<void()> onStop);
-    // Safe at any time, also twice. The marks' bookkeeping and the screen watch stay as they are
-    // (their views go with the window).
+    // Safe at any time, also twice. Ends the screen watch and forgets the marks, so that the
+    // next session starts with none (their views go with the window).
     void hide();
     bool isShowing() const;
 

@@ -16,8 +16,6 @@ namespace {
 
 constexpr double kFrameInterval = 1.0 / 3;
 constexpr double kVisibleStateInterval = 10;
-// Frames are skipped, never queued: while this many uploads are still out, a tick sends none.
-constexpr int kMaxFramesInFlight = 2;
 
 std::string livePath(const std::string& sessionId, std::string_view what) {
     return "/v1/sdk/live/" + sessionId + std::string(what);
@@ -50,11 +48,6 @@ std::string viewMessage(std::string_view kind, std::string_view sessionId) {
     message.append(kind).append(R"(","sessionId":")").append(sessionId).append(R"("})");
     return message;
 }
-
-// Shared by the uploads of one session so that they can be counted without holding the flow.
-struct FrameUploads {
-    int inFlight = 0;
-};
 
 std::shared_ptr<LiveSessionFlow> LiveSessionFlow::create(Parts parts, FlowContext& context) {
     return std::shared_ptr<LiveSessionFlow>(new LiveSessionFlow(std::move(parts), context));
@@ -105,6 +98,7 @@ void LiveSessionFlow::ask(const LivePush& push) {
     const std::optional<WindowFacts> window = findCaptureWindow(*host);
     if (!window) return;
 
+    answering_.reset();  // a newer request replaces an answer still on its way
     parts_.prompt->dismiss();
     if (const auto& shown = context_.callbacks().onRequestShown) shown();
 
@@ -133,19 +127,22 @@ void LiveSessionFlow::answer(const std::string& sessionId, bool allow) {
     parts_.prompt->cancelExpiry();
     auto transport = context_.transport();
     if (!transport) fatalPrecondition("a live answer needs the transport that configure made");
+    if (allow) answering_ = sessionId;
     std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
-    transport->postJson(livePath(sessionId, "/respond"), {{"allow", allow}}, false,
-                        [weak, sessionId, allow](const SendResult& result) {
-                            auto self = weak.lock();
-                            if (!self) return;
-                            if (!result) {
-                                if (const auto& onError = self->context_.callbacks().onError)
-                                    onError(result.error);
-                                return;
-                            }
-                            // A live request that is declined has no further outcome.
-                            if (allow) self->start(sessionId);
-                        });
+    transport->postJson(
+        livePath(sessionId, "/respond"), {{"allow", allow}}, false,
+        [weak, sessionId, allow, epoch = context_.epoch()](const SendResult& result) {
+            auto self = weak.lock();
+            if (!self || !self->context_.isCurrent(epoch)) return;
+            if (!result) {
+                if (const auto& onError = self->context_.callbacks().onError) onError(result.error);
+                return;
+            }
+            // A live request that is declined has no further outcome.
+            if (!allow || self->answering_ != sessionId) return;
+            self->answering_.reset();
+            self->start(sessionId);
+        });
 }
 
 void LiveSessionFlow::start(const std::string& sessionId) {
@@ -168,7 +165,10 @@ void LiveSessionFlow::start(const std::string& sessionId) {
     }
     parts_.overlay->setOnViewChanged([weak, sessionId](std::string_view kind) {
         auto self = weak.lock();
-        if (self && self->parts_.sendText) self->parts_.sendText(viewMessage(kind, sessionId));
+        // A message never names a session that is over.
+        if (self && self->sessionId_ == sessionId && self->parts_.sendText) {
+            self->parts_.sendText(viewMessage(kind, sessionId));
+        }
     });
 
     frameTimer_ = parts_.clock->every(TimerId::liveFrame, kFrameInterval, [weak, sessionId] {
@@ -186,11 +186,8 @@ void LiveSessionFlow::frameTick(const std::string& sessionId) {
     const auto& platform = *parts_.platform;
     if (platform.lifecycle && platform.lifecycle->inBackground()) return;
     if (sessionId_ != sessionId) return;
-    // The screen may have changed under the agent's marks since the last tick; that is checked
-    // even when this tick sends no frame.
+    // The screen may have changed under the agent's marks since the last tick.
     if (parts_.overlay) parts_.overlay->checkScreen();
-    if (!uploads_) uploads_ = std::make_shared<FrameUploads>();
-    if (uploads_->inFlight >= kMaxFramesInFlight) return;
 
     std::vector<std::uint8_t> jpeg;
     try {
@@ -208,12 +205,11 @@ void LiveSessionFlow::frameTick(const std::string& sessionId) {
     auto transport = context_.transport();
     if (!transport) return;
     const std::string_view bytes(reinterpret_cast<const char*>(jpeg.data()), jpeg.size());
-    std::shared_ptr<FrameUploads> uploads = uploads_;
-    ++uploads->inFlight;
     std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
+    // Not held back by the uploads still out: a slow backend never delays the next tick, and
+    // the request timeout bounds how many can be out at once.
     transport->send(transport->multipartRequest(livePath(sessionId, "/frame"), bytes),
-                    [weak, uploads, sessionId](const SendResult& result) {
-                        --uploads->inFlight;
+                    [weak, sessionId](const SendResult& result) {
                         auto self = weak.lock();
                         if (!self || result || !sessionGone(result.error)) return;
                         if (self->sessionId_ == sessionId) self->stopLocally();
@@ -233,13 +229,13 @@ void LiveSessionFlow::customerStop() {
 void LiveSessionFlow::stopLocally() {
     const std::optional<std::string> ended = std::move(sessionId_);
     sessionId_.reset();
+    answering_.reset();
     if (frameTimer_) frameTimer_->cancel();
     frameTimer_.reset();
     if (visibleStateTimer_) visibleStateTimer_->cancel();
     visibleStateTimer_.reset();
     sharingGeneration_.reset();
     recordingGeneration_.reset();
-    uploads_.reset();
     if (parts_.overlay) parts_.overlay->hide();
     if (parts_.onStopped) parts_.onStopped();
     if (!ended) return;

@@ -23,7 +23,6 @@
 namespace virela {
 
 class ScreenCapture;
-struct FrameUploads;
 
 // The default live consent copy, used when the push carries none.
 inline constexpr std::string_view liveDefaultConsentCopy =
@@ -92,12 +91,14 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
     Parts parts_;
     FlowContext& context_;
     std::optional<std::string> sessionId_;
+    // The session the customer allowed whose answer is on its way; a newer request or any
+    // ending clears it, and then the reply starts nothing.
+    std::optional<std::string> answering_;
     std::optional<std::string> sharingGeneration_;
     std::optional<std::string> recordingGeneration_;
     std::shared_ptr<VirelaCancellable> frameTimer_;
     std::shared_ptr<VirelaCancellable> visibleStateTimer_;
     std::unique_ptr<ScreenCapture> capture_;
-    std::shared_ptr<FrameUploads> uploads_;
 };
 
 }  // namespace virela

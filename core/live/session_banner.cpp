@@ -47,6 +47,10 @@ void SessionBanner::hide() {
     if (wasVisible && presenter_) presenter_->hide();
 }
 
+bool SessionBanner::countingDown() const {
+    return presenter_ && expiresAt_ && *expiresAt_ > clock_->now();
+}
+
 void SessionBanner::refresh() {
     if (!expiresAt_) return;
     const double remaining = *expiresAt_ - clock_->now();

@@ -51,6 +51,9 @@ class SessionBanner : public std::enable_shared_from_this<SessionBanner> {
     void refresh();
 
     bool visible() const noexcept { return expiresAt_.has_value(); }
+    // The customer sees the countdown now and its time is not up (a refresh takes the banner
+    // down up to 15 s late). Never without a presenter: a banner nobody sees allows nothing.
+    bool countingDown() const;
     const std::optional<double>& expiresAt() const noexcept { return expiresAt_; }
     const std::string& text() const noexcept { return text_; }
 

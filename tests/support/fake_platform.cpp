@@ -1,5 +1,7 @@
 #include "tests/support/fake_platform.hpp"
 
+#include "core/client/client.hpp"
+
 #include <algorithm>
 #include <utility>
 
@@ -241,6 +243,24 @@ FakePlatform::FakePlatform() : platform(std::make_shared<Platform>()) {
         socket->delegate = std::move(delegate);
         sockets.push_back(socket);
         return SocketConnection{socket, nullptr};
+    };
+}
+
+std::vector<std::pair<std::string, std::function<void()>>> epochEndings(
+    FakePlatform& fake, const std::shared_ptr<VirelaClient>& client) {
+    return {
+        {"stop", [&client] { client->stop(); }},
+        {"reset",
+         [&fake, &client] {
+             fake.http->reply("/v1/sdk/devices/reset", 200, "{}");
+             client->reset();
+         }},
+        {"newer configure",
+         [&fake, &client] {
+             fake.http->reply("/v1/sdk/devices", 200, kRegisteredReply);
+             client->configure(*Url::parse("https://backend.test"), "key", std::nullopt, false,
+                               [](std::exception_ptr) {});
+         }},
     };
 }
 

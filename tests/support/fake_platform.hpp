@@ -16,6 +16,10 @@
 #include "core/ports/http_client.hpp"
 #include "core/ports/platform.hpp"
 
+namespace virela {
+class VirelaClient;
+}
+
 namespace virela::testing {
 
 // A registration reply in the backend's form, support code "482-913".
@@ -174,6 +178,13 @@ class RecordingLog final : public Log {
     }
     std::vector<std::pair<LogLevel, std::string>> lines;
 };
+
+struct FakePlatform;
+
+// The ways a client leaves the work of its epoch behind, by name: stop(), reset() and a newer
+// configure that succeeds. Each acts on whatever client `client` holds when it runs.
+std::vector<std::pair<std::string, std::function<void()>>> epochEndings(
+    FakePlatform& fake, const std::shared_ptr<VirelaClient>& client);
 
 // One fake of every port, wired into a Platform.
 struct FakePlatform {

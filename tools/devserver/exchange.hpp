@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -23,6 +24,8 @@ struct Outcome {
     enum class Kind { reply, close, upgrade };
     Kind kind = Kind::reply;
     Reply reply;
+    // For a reply: not written before this time, as a stalled backend would answer.
+    std::chrono::steady_clock::time_point holdUntil{};
     // For an upgrade: the device whose socket the connection becomes, and the subprotocol that
     // the 101 reply selects.
     std::string deviceId;

@@ -85,7 +85,10 @@ std::size_t RecordingParser::on_chunk_body_impl(std::uint64_t, beast::string_vie
 
 HttpSession::HttpSession(boost::asio::ip::tcp::socket socket, const RequestHandler& handler,
                          SocketHub& sockets)
-    : stream_(std::move(socket)), handler_(handler), sockets_(sockets) {}
+    : stream_(std::move(socket)),
+      hold_(stream_.get_executor()),
+      handler_(handler),
+      sockets_(sockets) {}
 
 void HttpSession::run() {
     readHeader();
@@ -156,6 +159,15 @@ void HttpSession::respond() {
         std::make_shared<WebSocketSession>(std::move(stream_), sockets_,
                                            std::move(outcome.deviceId))
             ->accept(std::move(*upgrade), std::move(outcome.subprotocol));
+        return;
+    }
+    if (outcome.holdUntil > std::chrono::steady_clock::now()) {
+        hold_.expires_at(outcome.holdUntil);
+        hold_.async_wait([self = shared_from_this(), reply = std::move(outcome.reply), keepAlive,
+                          version](beast::error_code ec) mutable {
+            if (ec) return self->close();
+            self->write(std::move(reply), keepAlive, version);
+        });
         return;
     }
     write(std::move(outcome.reply), keepAlive, version);

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/basic_parser.hpp>
@@ -69,7 +70,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     beast::tcp_stream stream_;
     beast::flat_buffer buffer_;
     std::optional<RecordingParser> parser_;
-    std::shared_ptr<void> pending_;  // keeps the message being written alive
+    std::shared_ptr<void> pending_;   // keeps the message being written alive
+    boost::asio::steady_timer hold_;  // a reply held back until Outcome::holdUntil
     const RequestHandler& handler_;
     SocketHub& sockets_;
 };

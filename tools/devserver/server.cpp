@@ -112,6 +112,7 @@ struct Server::Impl {
     std::vector<RecordedRequest> requests;
     // nullopt stands for "close the connection".
     std::map<std::string, std::deque<std::optional<QueuedReply>>, std::less<>> queued;
+    std::chrono::steady_clock::time_point framesStalledUntil{};
     std::uint16_t port = 0;
     std::string url;
     // What the last start() was given, for the defaults of an asked screenshot.
@@ -134,10 +135,17 @@ struct Server::Impl {
 
 Outcome Server::Impl::handle(RecordedRequest request, int version) {
     std::optional<std::optional<QueuedReply>> injected;
+    std::chrono::steady_clock::time_point stalledUntil{};
+    bool stalled = false;
     {
         std::lock_guard lock(mutex);
+        if (request.method == "POST" && request.path.starts_with("/v1/sdk/live/") &&
+            request.path.ends_with("/frame")) {
+            stalledUntil = framesStalledUntil;
+            stalled = stalledUntil > std::chrono::steady_clock::now();
+        }
         auto it = queued.find(request.path);
-        if (it != queued.end()) {
+        if (it != queued.end() && !stalled) {
             injected = std::move(it->second.front());
             it->second.pop_front();
             if (it->second.empty()) queued.erase(it);
@@ -145,7 +153,10 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
     }
 
     Outcome outcome;
-    if (injected && !*injected) {
+    if (stalled) {
+        outcome.reply = jsonError(503, "stalled", "The backend stalled; the frame was not kept.");
+        outcome.holdUntil = stalledUntil;
+    } else if (injected && !*injected) {
         outcome.kind = Outcome::Kind::close;
     } else if (injected) {
         QueuedReply& canned = **injected;
@@ -394,6 +405,11 @@ void Server::closeConnection(std::string_view device, int code) {
                                     " may not be sent in a close frame");
     }
     impl_->sockets.send(device, {Outgoing::Kind::close, {}, code});
+}
+
+void Server::stallFrames(std::chrono::milliseconds duration) {
+    std::lock_guard lock(impl_->mutex);
+    impl_->framesStalledUntil = std::chrono::steady_clock::now() + duration;
 }
 
 void Server::refuseConnections(std::chrono::milliseconds duration) {

@@ -344,6 +344,10 @@ class Server {
     // already queued. Throws std::invalid_argument for a code that a close frame may not carry
     // (only 1000-1003, 1007-1013 and 3000-4999 may).
     void closeConnection(std::string_view device, int code);
+    // Live frame uploads arriving in the coming `duration` get no reply until it is over, then
+    // a 503, and are not kept: a backend that stalls and recovers. Zero ends the stall for
+    // frames still to come.
+    void stallFrames(std::chrono::milliseconds duration);
     // Upgrade requests in the coming `duration` get a 503 instead; zero ends the refusal.
     // Sockets already open are left alone.
     void refuseConnections(std::chrono::milliseconds duration);
