@@ -28,7 +28,7 @@
 #include "core/lease/control_lease.hpp"
 #include "core/live/live_overlay.hpp"
 #include "core/live/live_session.hpp"
-#include "core/live/session_banner.hpp"
+#include "core/consent/session_banner.hpp"
 #include "core/ports/clock.hpp"
 #include "core/ports/platform.hpp"
 #include "core/transport/realtime_channel.hpp"

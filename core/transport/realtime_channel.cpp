@@ -1,7 +1,5 @@
 #include "core/transport/realtime_channel.hpp"
 
-#include <algorithm>
-
 #include "core/base/errors.hpp"
 #include "core/ports/log.hpp"
 #include "core/transport/socket_url.hpp"
@@ -10,7 +8,6 @@ namespace virela {
 
 namespace {
 constexpr double kHeartbeatSeconds = 25;
-constexpr double kMaxReconnectDelay = 30;
 constexpr int kNormalClosure = 1000;
 constexpr const char* kBackgroundState = R"({"type":"state","state":"background"})";
 constexpr const char* kForegroundState = R"({"type":"state","state":"foreground"})";
@@ -139,12 +136,8 @@ void RealtimeChannel::route(Push push) {
 void RealtimeChannel::scheduleReconnect() {
     if (stopped_ || reconnectWork_) return;
     cancelHeartbeat();
-    // 1, 2, 4, 8, 16, then 30 seconds, for as long as it takes.
-    const double delay = reconnectAttempts_ >= 5
-                             ? kMaxReconnectDelay
-                             : std::min(kMaxReconnectDelay, double(1 << reconnectAttempts_));
-    ++reconnectAttempts_;
-    if (events_.onReconnectScheduled) events_.onReconnectScheduled(delay, reconnectAttempts_);
+    const double delay = backoff_.next();
+    if (events_.onReconnectScheduled) events_.onReconnectScheduled(delay, backoff_.attempts());
     std::weak_ptr<RealtimeChannel> weak = weak_from_this();
     reconnectWork_ = clock_->after(TimerId::reconnect, delay, [weak] {
         auto self = weak.lock();
@@ -174,7 +167,7 @@ void RealtimeChannel::socketDidOpen(const VirelaSocket& socket, const std::optio
     platform_->main->post([weak, opened] {
         auto self = weak.lock();
         if (!self || self->socket_.get() != opened) return;
-        self->reconnectAttempts_ = 0;
+        self->backoff_.reset();
         if (self->events_.onOpen) self->events_.onOpen();
     });
 }
@@ -199,7 +192,7 @@ void RealtimeChannel::onEnterBackground() {
 
 void RealtimeChannel::onEnterForeground() {
     if (stopped_) return;
-    reconnectAttempts_ = 0;
+    backoff_.reset();
     if (socket_ && socket_->state() == SocketState::running) {
         send(kForegroundState);
         return;

@@ -18,6 +18,7 @@
 #include "core/ports/clock.hpp"
 #include "core/ports/platform.hpp"
 #include "core/ports/socket.hpp"
+#include "core/transport/backoff.hpp"
 #include "core/wire/push_records.hpp"
 
 namespace virela {
@@ -96,7 +97,7 @@ class RealtimeChannel : public std::enable_shared_from_this<RealtimeChannel>,
     std::shared_ptr<SocketSession> socketSession_;
     std::shared_ptr<VirelaCancellable> heartbeat_;
     std::shared_ptr<VirelaCancellable> reconnectWork_;
-    int reconnectAttempts_ = 0;
+    Backoff backoff_;
     PushHandler onPush_;
     ChannelEvents events_;
 };

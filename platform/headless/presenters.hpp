@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "core/consent/consent_prompt.hpp"
-#include "core/live/session_banner.hpp"
+#include "core/consent/session_banner.hpp"
 #include "platform/headless/host/screen.hpp"
 
 namespace virela::headless {

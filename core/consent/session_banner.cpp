@@ -1,4 +1,4 @@
-#include "core/live/session_banner.hpp"
+#include "core/consent/session_banner.hpp"
 
 #include <cmath>
 
