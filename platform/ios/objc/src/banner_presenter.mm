@@ -1,6 +1,6 @@
 // The session banner: a capsule label at the top of a window that lets every touch through.
 
-#import "platform/ios/objc/src/banner_presenter.hpp"
+#include "platform/ios/objc/src/banner_presenter.hpp"
 
 #import <QuartzCore/QuartzCore.h>
 #import <UIKit/UIKit.h>

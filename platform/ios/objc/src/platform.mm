@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "platform/ios/objc/src/banner_presenter.hpp"
-#include "platform/ios/objc/src/live_overlay.hpp"
+#include "platform/ios/objc/src/overlay_presenter.hpp"
 #include "platform/ios/objc/src/ports.hpp"
 #include "platform/ios/objc/src/prompt_presenter.hpp"
 #include "platform/ios/objc/src/uikit_actions.hpp"

@@ -1,6 +1,6 @@
 // The consent and support-code sheets, built in code with Auto Layout.
 
-#import "platform/ios/objc/src/prompt_presenter.hpp"
+#include "platform/ios/objc/src/prompt_presenter.hpp"
 
 #import <QuartzCore/QuartzCore.h>
 #import <UIKit/UIKit.h>

@@ -1,4 +1,4 @@
-#import "platform/ios/objc/src/theme.hpp"
+#include "platform/ios/objc/src/theme.hpp"
 
 #include <string>
 

@@ -3,7 +3,7 @@
 // delegates, action handlers), so each one is fenced: an exception means "nothing read" or "did
 // not act", and never leaves this file.
 
-#import "platform/ios/objc/src/uikit_actions.hpp"
+#include "platform/ios/objc/src/uikit_actions.hpp"
 
 #import <UIKit/UIKit.h>
 

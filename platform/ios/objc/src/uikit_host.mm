@@ -1,6 +1,6 @@
 // Reads the host app's scenes, windows and view trees into the core's facts.
 
-#import "platform/ios/objc/src/uikit_host.hpp"
+#include "platform/ios/objc/src/uikit_host.hpp"
 
 #import <UIKit/UIKit.h>
 
