@@ -21,6 +21,7 @@
 #include "tools/devserver/live_book.hpp"
 #include "tools/devserver/router.hpp"
 #include "tools/devserver/sdk_routes.hpp"
+#include "tools/devserver/server.hpp"
 
 namespace virela::devserver {
 

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "tools/devserver/exchange.hpp"
-#include "tools/devserver/server.hpp"
+#include "tools/devserver/records.hpp"
 
 namespace virela::devserver {
 
@@ -17,6 +17,7 @@ class CaptureBook;
 class DeviceRegistry;
 class LiveBook;
 class Router;
+class Server;
 
 // 128 random bits as 32 hex digits, for Options::consoleToken.
 std::string freshConsoleToken();
