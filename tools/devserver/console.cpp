@@ -15,13 +15,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tools/devserver/agent.hpp"
 #include "tools/devserver/capture_book.hpp"
 #include "tools/devserver/console_files.hpp"
 #include "tools/devserver/device_registry.hpp"
 #include "tools/devserver/live_book.hpp"
 #include "tools/devserver/router.hpp"
 #include "tools/devserver/sdk_routes.hpp"
-#include "tools/devserver/server.hpp"
 
 namespace virela::devserver {
 
@@ -234,9 +234,13 @@ Reply consoleRefusal() {
     return reply;
 }
 
-Console::Console(Server& server, const DeviceRegistry& registry, const CaptureBook& captures,
-                 LiveBook& live)
-    : server_(server), registry_(registry), captures_(captures), live_(live) {}
+Console::Console(Agent& agent, const DeviceRegistry& registry, const CaptureBook& captures,
+                 LiveBook& live, std::function<std::uint16_t()> port)
+    : agent_(agent),
+      registry_(registry),
+      captures_(captures),
+      live_(live),
+      port_(std::move(port)) {}
 
 void Console::record(std::string deviceId, std::string sessionId, std::string kind,
                      std::string text) {
@@ -380,7 +384,7 @@ void Console::observeLive(std::string_view deviceId, std::string_view sessionId,
                      : "live view declined or stopped by the customer");
         if (allow && own) {
             const std::string generation = nextGeneration("share");
-            if (server_.activateLive(device, session, generation)) {
+            if (agent_.activateLive(device, session, generation)) {
                 record(device, session, "live-active",
                        "live view started (generation " + generation + ")");
             }
@@ -399,7 +403,7 @@ void Console::observeLive(std::string_view deviceId, std::string_view sessionId,
                      : "control declined or taken back by the customer");
         if (allow && own) {
             const std::string generation = nextGeneration("ctl");
-            if (server_.grantControl(device, session, generation)) {
+            if (agent_.grantControl(device, session, generation)) {
                 record(device, session, "control-active",
                        "control started (generation " + generation + ")");
             }
@@ -423,7 +427,7 @@ std::string Console::state(std::uint64_t since) const {
             ordered parsed = ordered::parse(*device.lastHealth, nullptr, false);
             if (parsed.is_object()) health = std::move(parsed);
         }
-        const bool connected = server_.connected(device.deviceId);
+        const bool connected = agent_.connected(device.deviceId);
         // A device says so only when it leaves the foreground or comes back to it.
         std::optional<std::string> appState;
         {
@@ -548,7 +552,7 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
         reply.headers.push_back({"Cache-Control", "no-store"});
         reply.headers.push_back({"X-Content-Type-Options", "nosniff"});
         if (name == "index.html") {
-            reply.headers.push_back({"Set-Cookie", cookieName(server_.port()) + "=" + token +
+            reply.headers.push_back({"Set-Cookie", cookieName(port_()) + "=" + token +
                                                        "; Path=/; HttpOnly; SameSite=Strict"});
             reply.headers.push_back(
                 {"Content-Security-Policy",
@@ -627,7 +631,7 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
             ScreenshotRequest ask;
             ask.mode = mode;
             ask.agentName = "Support (local console)";
-            std::optional<AskedScreenshot> asked = server_.askScreenshot(*device, ask);
+            std::optional<AskedScreenshot> asked = agent_.askScreenshot(*device, ask);
             if (!asked) return notConnected();
             record(*device, {}, "asked",
                    "agent asked for a screenshot " +
@@ -646,7 +650,7 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    if (!capture || capture->deviceId != *device) {
                        return jsonError(404, "not_found", "No such screenshot request.");
                    }
-                   if (!server_.sendCapture(*device, *requestId)) return notConnected();
+                   if (!agent_.sendCapture(*device, *requestId)) return notConnected();
                    record(*device, {}, "asked",
                           "agent asked for another screenshot (" + *requestId + ")");
                    return jsonReply(ordered::object());
@@ -665,7 +669,7 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                        std::lock_guard lock(mutex_);
                        ownSessions_.insert(sessionId);
                    }
-                   if (!server_.requestLive(*device, request)) return notConnected();
+                   if (!agent_.requestLive(*device, request)) return notConnected();
                    record(*device, sessionId, "live-requested", "agent asked to watch live");
                    return jsonReply({{"sessionId", sessionId}});
                }));
@@ -678,7 +682,7 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    if (live->state == "ended") {
                        return jsonError(409, "ended", "The live session has already ended.");
                    }
-                   server_.endLive(live->deviceId, session);
+                   agent_.endLive(live->deviceId, session);
                    record(live->deviceId, session, "live-ended", "agent ended the live view");
                    return jsonReply(ordered::object());
                }));
@@ -699,7 +703,7 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    if (kind == "recordingStarted") note.generation = nextGeneration("rec");
                    const std::string session(params.get("session"));
                    if (live->state != "active") return notActive();
-                   if (!server_.sendLiveNote(live->deviceId, session, note)) return notConnected();
+                   if (!agent_.sendLiveNote(live->deviceId, session, note)) return notConnected();
                    record(live->deviceId, session, "note",
                           "agent sent the note " + kind +
                               (note.generation ? " (generation " + *note.generation + ")" : ""));
@@ -734,7 +738,7 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
             }
             const std::string session(params.get("session"));
             if (live->state != "active") return notActive();
-            if (!server_.sendGuide(live->deviceId, session, guide)) return notConnected();
+            if (!agent_.sendGuide(live->deviceId, session, guide)) return notConnected();
             // The laser moves many times a second; the log keeps the marks only.
             if (guide.kind != "laser" && guide.kind != "laser-off") {
                 record(live->deviceId, session, "guide", "agent drew " + guide.kind);
@@ -757,7 +761,7 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    }
                    ControlRequest request;
                    request.agentName = "Support (local console)";
-                   if (!server_.requestControl(live->deviceId, session, request))
+                   if (!agent_.requestControl(live->deviceId, session, request))
                        return notConnected();
                    record(live->deviceId, session, "control-requested", "agent asked for control");
                    return jsonReply(ordered::object());
@@ -773,7 +777,7 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                        return jsonError(409, "no_control",
                                         "Control was not asked for, or has ended.");
                    }
-                   server_.endControl(live->deviceId, session);
+                   agent_.endControl(live->deviceId, session);
                    record(live->deviceId, session, "control-ended", "agent released control");
                    return jsonReply(ordered::object());
                }));
@@ -817,7 +821,7 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                                  "The device has not confirmed the control lease; input is "
                                  "dropped until it does.");
             }
-            if (!server_.sendInput(live->deviceId, session, input)) return notConnected();
+            if (!agent_.sendInput(live->deviceId, session, input)) return notConnected();
             if (act != "scroll") record(live->deviceId, session, "input", "agent input: " + act);
             return jsonReply(ordered::object());
         }));
@@ -832,7 +836,7 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    if (refuse == fields.body.end() || !refuse->is_boolean()) {
                        return badRequest("\"refuse\" must be true or false.");
                    }
-                   server_.refuseIndicator(kind, refuse->get<bool>());
+                   agent_.refuseIndicator(kind, refuse->get<bool>());
                    {
                        std::lock_guard lock(mutex_);
                        refusing_[kind] = refuse->get<bool>();

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -13,11 +14,11 @@
 
 namespace virela::devserver {
 
+class Agent;
 class CaptureBook;
 class DeviceRegistry;
 class LiveBook;
 class Router;
-class Server;
 
 // 128 random bits as 32 hex digits, for Options::consoleToken.
 std::string freshConsoleToken();
@@ -38,8 +39,9 @@ Reply consoleRefusal();
 // real backend does. Thread-safe; like the books it outlives server runs.
 class Console {
   public:
-    Console(Server& server, const DeviceRegistry& registry, const CaptureBook& captures,
-            LiveBook& live);
+    // `port` gives the server's current port, which names the console's cookie.
+    Console(Agent& agent, const DeviceRegistry& registry, const CaptureBook& captures,
+            LiveBook& live, std::function<std::uint16_t()> port);
 
     // `directory` empty: the files built into the program.
     void addRoutes(Router& router, const std::string& token, const std::string& directory);
@@ -64,10 +66,11 @@ class Console {
     void observeLive(std::string_view deviceId, std::string_view sessionId, std::string_view what,
                      const RecordedRequest& request, int status);
 
-    Server& server_;
+    Agent& agent_;
     const DeviceRegistry& registry_;
     const CaptureBook& captures_;
     LiveBook& live_;
+    const std::function<std::uint16_t()> port_;
 
     mutable std::mutex mutex_;
     std::deque<Event> events_;  // the latest kJournalSize
