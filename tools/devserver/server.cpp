@@ -10,7 +10,9 @@
 
 #include "tools/devserver/agent.hpp"
 #include "tools/devserver/capture_book.hpp"
-#include "tools/devserver/console.hpp"
+#include "tools/devserver/console_api.hpp"
+#include "tools/devserver/console_auth.hpp"
+#include "tools/devserver/console_journal.hpp"
 #include "tools/devserver/device_registry.hpp"
 #include "tools/devserver/http_server.hpp"
 #include "tools/devserver/live_book.hpp"
@@ -59,12 +61,6 @@ std::optional<ViewChange> parseViewChange(const std::string& text) {
 }  // namespace
 
 struct Server::Impl {
-    Impl()
-        : console(agent, registry, captures, live, [this] {
-              std::lock_guard lock(mutex);
-              return port;
-          }) {}
-
     // Serialises start and stop. Never taken on the server thread.
     std::mutex lifecycle;
     std::unique_ptr<HttpServer> http;
@@ -85,7 +81,8 @@ struct Server::Impl {
     LiveBook live;
     SocketHub sockets{[this](std::string_view device) { return registry.deviceIdOf(device); }};
     Agent agent{registry, captures, live, sockets};
-    Console console;
+    ConsoleJournal journal;
+    ConsoleApi console{agent, registry, captures, live, journal};
     // Rebuilt by start() while no server thread runs; read only by the server thread.
     Router router;
     std::string consoleToken;  // empty: no console
@@ -93,6 +90,9 @@ struct Server::Impl {
     bool keepRequests = true;
 
     Outcome handle(RecordedRequest request, int version);
+    std::uint16_t currentPort() const;
+    // What devices report, for the console while it is on.
+    void report(const DeviceReport& report);
 };
 
 Outcome Server::Impl::handle(RecordedRequest request, int version) {
@@ -128,10 +128,7 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
     } else {
         try {
             if (!consoleToken.empty() && consoleGuards(request.path) &&
-                !carriesConsoleToken(request, consoleToken, [this] {
-                    std::lock_guard lock(mutex);
-                    return port;
-                }())) {
+                !carriesConsoleToken(request, consoleToken, currentPort())) {
                 outcome.reply = consoleRefusal();
             } else if (request.path == kSocketPath) {
                 outcome = admitSocket(request, version, registry, sockets.refusing());
@@ -143,13 +140,6 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
         }
     }
 
-    if (!consoleToken.empty() && outcome.kind != Outcome::Kind::close) {
-        try {
-            console.observe(request, outcome.reply.status);
-        } catch (const std::exception&) {
-            // The journal is for the page; a report it cannot read is not the device's problem.
-        }
-    }
     if (onRequest) {
         try {
             onRequest(request, outcome.kind == Outcome::Kind::close ? 0 : outcome.reply.status);
@@ -164,6 +154,20 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
     return outcome;
 }
 
+std::uint16_t Server::Impl::currentPort() const {
+    std::lock_guard lock(mutex);
+    return port;
+}
+
+void Server::Impl::report(const DeviceReport& report) {
+    try {
+        journal.note(report);
+        console.react(report);
+    } catch (const std::exception&) {
+        // The journal is for the page; a report it cannot read is not the device's problem.
+    }
+}
+
 Server::Server() : impl_(std::make_unique<Impl>()) {}
 
 Server::~Server() {
@@ -176,21 +180,27 @@ void Server::start(Options options) {
 
     impl_->router = Router();
     impl_->registry.setTokenPrefix(options.tokenPrefix);
-    addDeviceRoutes(impl_->router, impl_->registry,
-                    {options.apiKeys, options.consentCopy, options.captureMode});
     Impl* impl = impl_.get();
+    impl_->consoleToken = options.consoleToken.value_or("");
+    ReportHandler report;
+    if (!impl_->consoleToken.empty()) {
+        report = [impl](const DeviceReport& what) { impl->report(what); };
+    }
+    addDeviceRoutes(impl_->router, impl_->registry,
+                    {options.apiKeys, options.consentCopy, options.captureMode, report});
     auto baseUrl = [impl] {
         std::lock_guard lock(impl->mutex);
         return impl->url;
     };
     addCaptureRoutes(impl_->router, impl_->registry, impl_->captures, impl_->live,
-                     {fromSeconds(options.sessionSeconds), baseUrl});
-    addLiveRoutes(impl_->router, impl_->registry, impl_->live, baseUrl);
-    impl_->consoleToken = options.consoleToken.value_or("");
+                     {fromSeconds(options.sessionSeconds), baseUrl, report});
+    addLiveRoutes(impl_->router, impl_->registry, impl_->live, baseUrl, report);
     // The console's agent watches leases lapse, as with a real backend.
     impl_->live.enforceLeases(!impl_->consoleToken.empty());
     if (!impl_->consoleToken.empty()) {
-        impl_->console.addRoutes(impl_->router, impl_->consoleToken, options.consoleDirectory);
+        addConsolePages(impl_->router, impl_->consoleToken, options.consoleDirectory,
+                        [impl] { return impl->currentPort(); });
+        impl_->console.addRoutes(impl_->router);
     }
     impl_->onRequest = std::move(options.onRequest);
     impl_->keepRequests = options.keepRequests;
@@ -202,7 +212,7 @@ void Server::start(Options options) {
         impl_->sockets.open(
             [impl, observer = std::move(options.onSocketEvent)](const SocketEvent& event) {
                 try {
-                    impl->console.observe(event);
+                    impl->journal.note(event);
                 } catch (const std::exception&) {
                     // As above: the journal never takes a socket down.
                 }
