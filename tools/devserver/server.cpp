@@ -61,6 +61,9 @@ std::optional<ViewChange> parseViewChange(const std::string& text) {
 }  // namespace
 
 struct Server::Impl {
+    // An agent acting before the first start() gets the defaults of Options.
+    Impl() { agent.setDefaults(Options().consentCopy, Options().promptSeconds); }
+
     // Serialises start and stop. Never taken on the server thread.
     std::mutex lifecycle;
     std::unique_ptr<HttpServer> http;
