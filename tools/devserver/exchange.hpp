@@ -8,7 +8,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "tools/devserver/server.hpp"
+#include "tools/devserver/records.hpp"
 
 namespace virela::devserver {
 

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/devserver/server.hpp"
+#include "tools/devserver/records.hpp"
 
 namespace virela::devserver {
 

@@ -20,7 +20,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/devserver/console.hpp"
+#include "tools/devserver/console_auth.hpp"
 #include "tools/devserver/server.hpp"
 
 namespace {

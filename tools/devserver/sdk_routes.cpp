@@ -50,6 +50,16 @@ std::optional<std::string> deviceToken(const RecordedRequest& request,
     return token;
 }
 
+// Tells `report` what the device behind the request reported, when anyone listens.
+void tell(const ReportHandler& report, const DeviceRegistry& registry,
+          const RecordedRequest& request, decltype(DeviceReport::what) what) {
+    if (!report) return;
+    std::optional<std::string> token = request.header(kDeviceHeader);
+    std::optional<std::string> deviceId = token ? registry.deviceIdOf(*token) : std::nullopt;
+    if (!deviceId) return;
+    report(DeviceReport{std::move(*deviceId), std::move(what)});
+}
+
 // A 44 x 44 solid green square.
 constexpr char kLogo[] =
     "\x89\x50\x4e\x47\x0d\x0a\x1a\x0a\x00\x00\x00\x0d\x49\x48\x44\x52\x00\x00\x00\x2c\x00\x00"
@@ -114,7 +124,7 @@ RouteHandler sessionJson(Guard guard, Handle handle) {
         if (std::optional<Reply> refused = guard(request, sessionId)) return std::move(*refused);
         std::optional<json> body = parseObject(request.body);
         if (!body) return notAnObject();
-        return handle(sessionId, *body);
+        return handle(request, sessionId, *body);
     };
 }
 
@@ -146,7 +156,7 @@ void addDeviceRoutes(Router& router, DeviceRegistry& registry, SdkSettings setti
                });
 
     router.add("POST", "/v1/sdk/devices/identify",
-               [&registry](const RecordedRequest& request, const PathParams&) {
+               [&registry, shared](const RecordedRequest& request, const PathParams&) {
                    std::optional<std::string> token = deviceToken(request, registry);
                    if (!token) return unauthorized();
                    std::optional<json> body = parseObject(request.body);
@@ -161,7 +171,8 @@ void addDeviceRoutes(Router& router, DeviceRegistry& registry, SdkSettings setti
                                         "or null.");
                    }
                    user.id = std::move(*id);
-                   if (!registry.identify(*token, std::move(user))) return unauthorized();
+                   if (!registry.identify(*token, user)) return unauthorized();
+                   tell(shared->report, registry, request, report::Identified{std::move(user)});
                    return jsonReply({{"ok", true}});
                });
 
@@ -176,11 +187,12 @@ void addDeviceRoutes(Router& router, DeviceRegistry& registry, SdkSettings setti
                });
 
     router.add("POST", "/v1/sdk/devices/health",
-               [&registry](const RecordedRequest& request, const PathParams&) {
+               [&registry, shared](const RecordedRequest& request, const PathParams&) {
                    std::optional<std::string> token = deviceToken(request, registry);
                    if (!token) return unauthorized();
                    if (!parseObject(request.body)) return notAnObject();
                    if (!registry.storeHealth(*token, request.body)) return unauthorized();
+                   tell(shared->report, registry, request, report::HealthReported{});
                    return jsonReply({{"ok", true}});
                });
 }
@@ -190,11 +202,14 @@ void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBoo
     auto shared = std::make_shared<const CaptureSettings>(std::move(settings));
 
     router.add("POST", "/v1/sdk/prompts/{id}/shown",
-               [&registry, &book, &live](const RecordedRequest& request, const PathParams& params) {
+               [&registry, &book, &live, shared](const RecordedRequest& request,
+                                                 const PathParams& params) {
                    if (!deviceToken(request, registry)) return unauthorized();
                    if (!parseObject(request.body)) return notAnObject();
                    book.promptShown(params.get("id"));
                    live.promptShown(params.get("id"));
+                   tell(shared->report, registry, request,
+                        report::PromptShown{std::string(params.get("id"))});
                    return jsonReply({{"ok", true}});
                });
 
@@ -210,6 +225,8 @@ void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBoo
             }
             CaptureBook::Answer answer =
                 book.answer(params.get("id"), allow->get<bool>(), shared->session);
+            tell(shared->report, registry, request,
+                 report::ScreenshotAnswered{std::string(params.get("id")), allow->get<bool>()});
             nlohmann::ordered_json reply{{"status", answer.status}};
             if (answer.sessionExpiresAt) reply["sessionExpiresAt"] = *answer.sessionExpiresAt;
             return jsonReply(reply);
@@ -226,6 +243,8 @@ void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBoo
             const std::string captureId =
                 book.store(params.get("id"), std::move(file.bytes), std::move(file.contentType),
                            std::move(file.fileName), linkPrefix);
+            tell(shared->report, registry, request,
+                 report::ScreenshotUploaded{std::string(params.get("id")), captureId});
             return jsonReply({{"captureId", captureId},
                               {"imageUrl", shared->baseUrl() + captureImagePath(captureId)}});
         });
@@ -259,7 +278,9 @@ std::string liveFramePath(std::string_view sessionId) {
 }
 
 void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& live,
-                   std::function<std::string()> baseUrl) {
+                   std::function<std::string()> baseUrl, ReportHandler report) {
+    auto shared = std::make_shared<const ReportHandler>(std::move(report));
+
     // The session's device, or the reply that turns the request away: 404 for a session this
     // device was never part of, 410 for one the backend has ended, as frames and confirmations
     // of a session that is over must stop.
@@ -296,57 +317,73 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
     };
 
     router.add("POST", "/v1/sdk/live/{sessionId}/respond",
-               sessionJson(answering, [&live](std::string_view sessionId, const json& object) {
+               sessionJson(answering, [&registry, &live, shared](const RecordedRequest& request,
+                                                                 std::string_view sessionId,
+                                                                 const json& object) {
                    // A stop may come after the backend ended the session; it is still an answer.
                    auto allow = object.find("allow");
                    if (allow == object.end() || !allow->is_boolean()) {
                        return jsonError(400, "bad_request", "\"allow\" must be true or false.");
                    }
                    live.answer(sessionId, allow->get<bool>());
+                   tell(*shared, registry, request,
+                        report::LiveAnswered{std::string(sessionId), allow->get<bool>()});
                    return jsonReply({{"status", allow->get<bool>() ? "Allowed" : "Denied"}});
                }));
 
-    router.add("POST", "/v1/sdk/live/{sessionId}/frame",
-               [admit, &live, baseUrl = std::move(baseUrl)](const RecordedRequest& request,
-                                                            const PathParams& params) {
-                   const std::string_view sessionId = params.get("sessionId");
-                   if (std::optional<Reply> refused = admit(request, sessionId)) {
-                       return std::move(*refused);
-                   }
-                   if (live.refusesFrames(sessionId)) {
-                       return jsonError(409, "lease_mismatch",
-                                        "The device has not confirmed the sharing lease; its "
-                                        "frames are dropped until it does.");
-                   }
-                   std::variant<Upload, Reply> upload = readUpload(request, kJpegSignature, "JPEG");
-                   if (Reply* refused = std::get_if<Reply>(&upload)) return std::move(*refused);
-                   live.storeFrame(sessionId, std::move(std::get<Upload>(upload).bytes),
-                                   baseUrl() + liveFramePath(sessionId));
-                   return jsonReply(json::object());
-               });
-
     router.add(
-        "POST", "/v1/sdk/live/{sessionId}/indicator",
-        sessionJson(admit, [&live](std::string_view sessionId, const json& object) {
-            auto kind = object.find("kind");
-            auto generation = object.find("generation");
-            if (kind == object.end() || !kind->is_string() || generation == object.end() ||
-                !generation->is_string()) {
-                return jsonError(400, "bad_request",
-                                 "\"kind\" and \"generation\" must be strings.");
+        "POST", "/v1/sdk/live/{sessionId}/frame",
+        [admit, &registry, &live, shared, baseUrl = std::move(baseUrl)](
+            const RecordedRequest& request, const PathParams& params) {
+            const std::string_view sessionId = params.get("sessionId");
+            if (std::optional<Reply> refused = admit(request, sessionId)) {
+                return std::move(*refused);
             }
-            const std::string kindText = kind->get<std::string>();
-            if (!live.confirmIndicator(sessionId, kindText, generation->get<std::string>())) {
-                return jsonError(
-                    409, "lease_mismatch",
-                    "The backend does not hold a \"" + kindText + "\" lease with this generation.");
+            if (live.refusesFrames(sessionId)) {
+                tell(*shared, registry, request,
+                     report::FrameReceived{std::string(sessionId), true});
+                return jsonError(409, "lease_mismatch",
+                                 "The device has not confirmed the sharing lease; its "
+                                 "frames are dropped until it does.");
             }
-            return jsonReply({{"ok", true}});
-        }));
+            std::variant<Upload, Reply> upload = readUpload(request, kJpegSignature, "JPEG");
+            if (Reply* refused = std::get_if<Reply>(&upload)) return std::move(*refused);
+            live.storeFrame(sessionId, std::move(std::get<Upload>(upload).bytes),
+                            baseUrl() + liveFramePath(sessionId));
+            tell(*shared, registry, request, report::FrameReceived{std::string(sessionId), false});
+            return jsonReply(json::object());
+        });
+
+    router.add("POST", "/v1/sdk/live/{sessionId}/indicator",
+               sessionJson(admit, [&registry, &live, shared](const RecordedRequest& request,
+                                                             std::string_view sessionId,
+                                                             const json& object) {
+                   auto kind = object.find("kind");
+                   auto generation = object.find("generation");
+                   if (kind == object.end() || !kind->is_string() || generation == object.end() ||
+                       !generation->is_string()) {
+                       return jsonError(400, "bad_request",
+                                        "\"kind\" and \"generation\" must be strings.");
+                   }
+                   const std::string kindText = kind->get<std::string>();
+                   const bool accepted =
+                       live.confirmIndicator(sessionId, kindText, generation->get<std::string>());
+                   tell(*shared, registry, request,
+                        report::IndicatorConfirmed{std::string(sessionId), kindText,
+                                                   generation->get<std::string>(), accepted});
+                   if (!accepted) {
+                       return jsonError(409, "lease_mismatch",
+                                        "The backend does not hold a \"" + kindText +
+                                            "\" lease with this generation.");
+                   }
+                   return jsonReply({{"ok", true}});
+               }));
 
     // Like the live answer, a take-back may come after the backend ended control or the session.
     router.add("POST", "/v1/sdk/live/{sessionId}/control/respond",
-               sessionJson(answering, [&live](std::string_view sessionId, const json& object) {
+               sessionJson(answering, [&registry, &live, shared](const RecordedRequest& request,
+                                                                 std::string_view sessionId,
+                                                                 const json& object) {
                    auto allow = object.find("allow");
                    std::optional<std::string> requestId;
                    if (allow == object.end() || !allow->is_boolean() ||
@@ -356,17 +393,23 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
                                         "or null.");
                    }
                    live.answerControl(sessionId, allow->get<bool>(), std::move(requestId));
+                   tell(*shared, registry, request,
+                        report::ControlAnswered{std::string(sessionId), allow->get<bool>()});
                    return jsonReply({{"status", allow->get<bool>() ? "Allowed" : "Denied"}});
                }));
 
     router.add("POST", "/v1/sdk/live/{sessionId}/control/feedback",
-               sessionJson(admit, [&live](std::string_view sessionId, const json& object) {
+               sessionJson(admit, [&registry, &live, shared](const RecordedRequest& request,
+                                                             std::string_view sessionId,
+                                                             const json& object) {
                    auto kind = object.find("kind");
                    if (kind == object.end() || !kind->is_string()) {
                        return jsonError(400, "bad_request", "\"kind\" must be a string.");
                    }
                    // Any kind is kept, so that a test sees exactly what the device reported.
                    live.controlFeedback(sessionId, kind->get<std::string>());
+                   tell(*shared, registry, request,
+                        report::ControlFeedback{std::string(sessionId), kind->get<std::string>()});
                    return jsonReply({{"ok", true}});
                }));
 

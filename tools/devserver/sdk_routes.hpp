@@ -8,6 +8,7 @@
 
 #include "tools/devserver/capture_book.hpp"
 #include "tools/devserver/device_registry.hpp"
+#include "tools/devserver/device_report.hpp"
 #include "tools/devserver/live_book.hpp"
 #include "tools/devserver/router.hpp"
 
@@ -17,6 +18,7 @@ struct SdkSettings {
     std::vector<std::string> apiKeys;
     std::string consentCopy;
     std::string captureMode;
+    ReportHandler report;  // told of identifications and health reports
 };
 
 // The device endpoints under "/v1/sdk/devices". The registry must outlive the router.
@@ -25,6 +27,7 @@ void addDeviceRoutes(Router& router, DeviceRegistry& registry, SdkSettings setti
 struct CaptureSettings {
     std::chrono::milliseconds session{0};  // of an allowed PerSession request
     std::function<std::string()> baseUrl;  // the server's url, for the image links
+    ReportHandler report;                  // told of prompts shown, answers and uploads
 };
 
 // The screenshot endpoints a device calls ("/v1/sdk/prompts/..." and "/v1/sdk/captures/..."),
@@ -35,10 +38,11 @@ void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBoo
                       LiveBook& live, CaptureSettings settings);
 
 // The live endpoints a device calls ("/v1/sdk/live/{sessionId}/...") and the latest frame of
-// each session at liveFramePath(). `baseUrl` gives the server's url, for the frame links. The
-// registry and the book must outlive the router.
+// each session at liveFramePath(). `baseUrl` gives the server's url, for the frame links;
+// `report` is told of answers, frames, confirmations and feedback. The registry and the book
+// must outlive the router.
 void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& live,
-                   std::function<std::string()> baseUrl);
+                   std::function<std::string()> baseUrl, ReportHandler report = {});
 
 // "/live/{sessionId}/latest.jpg".
 std::string liveFramePath(std::string_view sessionId);

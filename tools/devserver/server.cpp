@@ -8,8 +8,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tools/devserver/agent.hpp"
 #include "tools/devserver/capture_book.hpp"
-#include "tools/devserver/console.hpp"
+#include "tools/devserver/console_api.hpp"
+#include "tools/devserver/console_auth.hpp"
+#include "tools/devserver/console_journal.hpp"
 #include "tools/devserver/device_registry.hpp"
 #include "tools/devserver/http_server.hpp"
 #include "tools/devserver/live_book.hpp"
@@ -30,11 +33,6 @@ bool sendableCloseCode(int code) {
 std::chrono::milliseconds fromSeconds(double seconds) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::duration<double>(seconds));
-}
-
-std::string frame(std::string_view type, const nlohmann::ordered_json& payload) {
-    const nlohmann::ordered_json message{{"type", type}, {"payload", payload}};
-    return message.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 // A "view" message. Devices build it by concatenation without escaping, so a session id with a
@@ -62,44 +60,9 @@ std::optional<ViewChange> parseViewChange(const std::string& text) {
 
 }  // namespace
 
-std::optional<std::string> RecordedRequest::header(std::string_view name) const {
-    for (const Header& h : headers) {
-        if (equalsIgnoringCase(h.name, name)) return h.value;
-    }
-    return std::nullopt;
-}
-
-ControlInput ControlInput::tapAt(double x, double y) {
-    ControlInput input;
-    input.x = x;
-    input.y = y;
-    return input;
-}
-
-ControlInput ControlInput::scrollAt(double x, double y, double dx, double dy) {
-    ControlInput input = tapAt(x, y);
-    input.action = "scroll";
-    input.dx = dx;
-    input.dy = dy;
-    return input;
-}
-
-ControlInput ControlInput::typeText(std::string text) {
-    ControlInput input;
-    input.action = "type";
-    input.text = std::move(text);
-    return input;
-}
-
-ControlInput ControlInput::pressKey(std::string key) {
-    ControlInput input;
-    input.action = "key";
-    input.key = std::move(key);
-    return input;
-}
-
 struct Server::Impl {
-    explicit Impl(Server& server) : console(server, registry, captures, live) {}
+    // An agent acting before the first start() gets the defaults of Options.
+    Impl() { agent.setDefaults(Options().consentCopy, Options().promptSeconds); }
 
     // Serialises start and stop. Never taken on the server thread.
     std::mutex lifecycle;
@@ -115,15 +78,14 @@ struct Server::Impl {
     std::chrono::steady_clock::time_point framesStalledUntil{};
     std::uint16_t port = 0;
     std::string url;
-    // What the last start() was given, for the defaults of an asked screenshot.
-    std::string consentCopy = Options().consentCopy;
-    double promptSeconds = Options().promptSeconds;
 
     DeviceRegistry registry;
     CaptureBook captures;
     LiveBook live;
     SocketHub sockets{[this](std::string_view device) { return registry.deviceIdOf(device); }};
-    Console console;
+    Agent agent{registry, captures, live, sockets};
+    ConsoleJournal journal;
+    ConsoleApi console{agent, registry, captures, live, journal};
     // Rebuilt by start() while no server thread runs; read only by the server thread.
     Router router;
     std::string consoleToken;  // empty: no console
@@ -131,6 +93,9 @@ struct Server::Impl {
     bool keepRequests = true;
 
     Outcome handle(RecordedRequest request, int version);
+    std::uint16_t currentPort() const;
+    // What devices report, for the console while it is on.
+    void report(const DeviceReport& report);
 };
 
 Outcome Server::Impl::handle(RecordedRequest request, int version) {
@@ -166,10 +131,7 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
     } else {
         try {
             if (!consoleToken.empty() && consoleGuards(request.path) &&
-                !carriesConsoleToken(request, consoleToken, [this] {
-                    std::lock_guard lock(mutex);
-                    return port;
-                }())) {
+                !carriesConsoleToken(request, consoleToken, currentPort())) {
                 outcome.reply = consoleRefusal();
             } else if (request.path == kSocketPath) {
                 outcome = admitSocket(request, version, registry, sockets.refusing());
@@ -181,13 +143,6 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
         }
     }
 
-    if (!consoleToken.empty() && outcome.kind != Outcome::Kind::close) {
-        try {
-            console.observe(request, outcome.reply.status);
-        } catch (const std::exception&) {
-            // The journal is for the page; a report it cannot read is not the device's problem.
-        }
-    }
     if (onRequest) {
         try {
             onRequest(request, outcome.kind == Outcome::Kind::close ? 0 : outcome.reply.status);
@@ -202,7 +157,21 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
     return outcome;
 }
 
-Server::Server() : impl_(std::make_unique<Impl>(*this)) {}
+std::uint16_t Server::Impl::currentPort() const {
+    std::lock_guard lock(mutex);
+    return port;
+}
+
+void Server::Impl::report(const DeviceReport& report) {
+    try {
+        journal.note(report);
+        console.react(report);
+    } catch (const std::exception&) {
+        // The journal is for the page; a report it cannot read is not the device's problem.
+    }
+}
+
+Server::Server() : impl_(std::make_unique<Impl>()) {}
 
 Server::~Server() {
     stop();
@@ -214,29 +183,31 @@ void Server::start(Options options) {
 
     impl_->router = Router();
     impl_->registry.setTokenPrefix(options.tokenPrefix);
-    addDeviceRoutes(impl_->router, impl_->registry,
-                    {options.apiKeys, options.consentCopy, options.captureMode});
     Impl* impl = impl_.get();
+    impl_->consoleToken = options.consoleToken.value_or("");
+    ReportHandler report;
+    if (!impl_->consoleToken.empty()) {
+        report = [impl](const DeviceReport& what) { impl->report(what); };
+    }
+    addDeviceRoutes(impl_->router, impl_->registry,
+                    {options.apiKeys, options.consentCopy, options.captureMode, report});
     auto baseUrl = [impl] {
         std::lock_guard lock(impl->mutex);
         return impl->url;
     };
     addCaptureRoutes(impl_->router, impl_->registry, impl_->captures, impl_->live,
-                     {fromSeconds(options.sessionSeconds), baseUrl});
-    addLiveRoutes(impl_->router, impl_->registry, impl_->live, baseUrl);
-    impl_->consoleToken = options.consoleToken.value_or("");
+                     {fromSeconds(options.sessionSeconds), baseUrl, report});
+    addLiveRoutes(impl_->router, impl_->registry, impl_->live, baseUrl, report);
     // The console's agent watches leases lapse, as with a real backend.
     impl_->live.enforceLeases(!impl_->consoleToken.empty());
     if (!impl_->consoleToken.empty()) {
-        impl_->console.addRoutes(impl_->router, impl_->consoleToken, options.consoleDirectory);
+        addConsolePages(impl_->router, impl_->consoleToken, options.consoleDirectory,
+                        [impl] { return impl->currentPort(); });
+        impl_->console.addRoutes(impl_->router);
     }
     impl_->onRequest = std::move(options.onRequest);
     impl_->keepRequests = options.keepRequests;
-    {
-        std::lock_guard lock(impl_->mutex);
-        impl_->consentCopy = options.consentCopy;
-        impl_->promptSeconds = options.promptSeconds;
-    }
+    impl_->agent.setDefaults(options.consentCopy, options.promptSeconds);
 
     if (impl_->consoleToken.empty()) {
         impl_->sockets.open(std::move(options.onSocketEvent));
@@ -244,7 +215,7 @@ void Server::start(Options options) {
         impl_->sockets.open(
             [impl, observer = std::move(options.onSocketEvent)](const SocketEvent& event) {
                 try {
-                    impl->console.observe(event);
+                    impl->journal.note(event);
                 } catch (const std::exception&) {
                     // As above: the journal never takes a socket down.
                 }
@@ -418,55 +389,23 @@ void Server::refuseConnections(std::chrono::milliseconds duration) {
 
 std::optional<AskedScreenshot> Server::askScreenshot(std::string_view device,
                                                      ScreenshotRequest request) {
-    std::string consentCopy;
-    double promptSeconds = 0;
-    {
-        std::lock_guard lock(impl_->mutex);
-        consentCopy = impl_->consentCopy;
-        promptSeconds = impl_->promptSeconds;
-    }
-    CaptureBook& book = impl_->captures;
-    AskedScreenshot asked;
-    asked.requestId = request.requestId ? *request.requestId : book.freshRequestId();
-    asked.promptId = request.promptId ? *request.promptId : book.freshPromptId();
-    nlohmann::ordered_json payload{
-        {"requestId", asked.requestId},
-        {"promptId", asked.promptId},
-        {"mode", request.mode},
-        {"consentCopy", request.consentCopy ? *request.consentCopy : consentCopy}};
-    if (request.agentName) payload["agentName"] = *request.agentName;
-    if (request.workspaceName) payload["workspaceName"] = *request.workspaceName;
-    if (request.logoUrl) payload["logoUrl"] = *request.logoUrl;
-    payload["expiresAt"] =
-        request.expiresAt ? *request.expiresAt
-                          : isoUtc(std::chrono::system_clock::now() + fromSeconds(promptSeconds));
-    asked.push = frame("consent", payload);
-
-    const std::string deviceId = impl_->registry.deviceIdOf(device).value_or(std::string(device));
-    const bool sent = book.ask(asked.requestId, deviceId, request.mode, asked.promptId, [&] {
-        return impl_->sockets.send(device, {Outgoing::Kind::text, asked.push, 0});
-    });
-    if (!sent) return std::nullopt;
-    return asked;
+    return impl_->agent.askScreenshot(device, std::move(request));
 }
 
 bool Server::sendCapture(std::string_view device, std::string_view requestId) {
-    const std::string push = frame("capture", {{"requestId", requestId}});
-    return impl_->captures.touch(std::string(requestId), [&] {
-        return impl_->sockets.send(device, {Outgoing::Kind::text, push, 0});
-    });
+    return impl_->agent.sendCapture(device, requestId);
 }
 
 bool Server::sendExpired(std::string_view device) {
-    return pushText(device, frame("expired", nlohmann::ordered_json::object()));
+    return impl_->agent.sendExpired(device);
 }
 
 bool Server::sendDenied(std::string_view device) {
-    return pushText(device, frame("denied", nlohmann::ordered_json::object()));
+    return impl_->agent.sendDenied(device);
 }
 
 void Server::setRespondStatus(std::string status) {
-    impl_->captures.setRespondStatus(std::move(status));
+    impl_->agent.setRespondStatus(std::move(status));
 }
 
 std::optional<CaptureRecord> Server::captureRequest(std::string_view requestId) const {
@@ -494,87 +433,29 @@ std::string Server::logoUrl() const {
 }
 
 std::optional<LivePushed> Server::requestLive(std::string_view device, LiveRequest request) {
-    const std::optional<std::string> deviceId = impl_->registry.deviceIdOf(device);
-    if (!deviceId) return std::nullopt;
-    double promptSeconds = 0;
-    {
-        std::lock_guard lock(impl_->mutex);
-        promptSeconds = impl_->promptSeconds;
-    }
-    LivePushed pushed;
-    pushed.sessionId = request.sessionId ? *request.sessionId : impl_->live.freshSessionId();
-    pushed.promptId = request.promptId ? *request.promptId : impl_->captures.freshPromptId();
-    nlohmann::ordered_json payload{{"sessionId", pushed.sessionId}, {"state", "requested"}};
-    if (request.consentCopy) payload["consentCopy"] = *request.consentCopy;
-    payload["promptId"] = pushed.promptId;
-    if (request.agentName) payload["agentName"] = *request.agentName;
-    if (request.workspaceName) payload["workspaceName"] = *request.workspaceName;
-    if (request.logoUrl) payload["logoUrl"] = *request.logoUrl;
-    if (!request.expiresAt) {
-        payload["expiresAt"] =
-            isoUtc(std::chrono::system_clock::now() + fromSeconds(promptSeconds));
-    } else if (!request.expiresAt->empty()) {
-        payload["expiresAt"] = *request.expiresAt;
-    }
-    pushed.push = frame("live", payload);
-
-    const bool sent = impl_->live.request(pushed.sessionId, *deviceId, pushed.promptId, [&] {
-        return impl_->sockets.send(device, {Outgoing::Kind::text, pushed.push, 0});
-    });
-    if (!sent) return std::nullopt;
-    return pushed;
+    return impl_->agent.requestLive(device, std::move(request));
 }
 
 bool Server::activateLive(std::string_view device, std::string_view sessionId,
                           std::optional<std::string> generation) {
-    const std::optional<std::string> deviceId = impl_->registry.deviceIdOf(device);
-    if (!deviceId) return false;
-    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"state", "active"}};
-    if (generation) payload["generation"] = *generation;
-    const std::string push = frame("live", payload);
-    return impl_->live.activate(std::string(sessionId), *deviceId, std::move(generation), [&] {
-        return impl_->sockets.send(device, {Outgoing::Kind::text, push, 0});
-    });
+    return impl_->agent.activateLive(device, sessionId, std::move(generation));
 }
 
 bool Server::endLive(std::string_view device, std::string_view sessionId) {
-    const std::optional<std::string> deviceId = impl_->registry.deviceIdOf(device);
-    if (!deviceId) return false;
-    impl_->live.end(sessionId, *deviceId);
-    return pushText(device, frame("live", {{"sessionId", sessionId}, {"state", "ended"}}));
+    return impl_->agent.endLive(device, sessionId);
 }
 
 std::optional<LivePushed> Server::sendLiveNote(std::string_view device, std::string_view sessionId,
                                                LiveNote note) {
-    LivePushed pushed;
-    pushed.sessionId = sessionId;
-    pushed.promptId = note.promptId ? *note.promptId : impl_->captures.freshPromptId();
-    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"kind", note.kind}};
-    if (note.guides) payload["guides"] = *note.guides;
-    payload["promptId"] = pushed.promptId;
-    if (note.generation) payload["generation"] = *note.generation;
-    pushed.push = frame("live-note", payload);
-    // Known before the push goes out, so that a report racing back finds its session.
-    impl_->live.notePrompt(sessionId, pushed.promptId);
-    if (!pushText(device, pushed.push)) return std::nullopt;
-    return pushed;
+    return impl_->agent.sendLiveNote(device, sessionId, std::move(note));
 }
 
 bool Server::sendGuide(std::string_view device, std::string_view sessionId, const Guide& guide) {
-    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"kind", guide.kind}};
-    const std::pair<const char*, const std::optional<double>*> numbers[] = {
-        {"x", &guide.x},   {"y", &guide.y}, {"x2", &guide.x2},
-        {"y2", &guide.y2}, {"w", &guide.w}, {"h", &guide.h}};
-    for (const auto& [key, value] : numbers) {
-        if (*value) payload[key] = **value;
-    }
-    if (guide.color) payload["color"] = *guide.color;
-    if (guide.text) payload["text"] = *guide.text;
-    return pushText(device, frame("guide", payload));
+    return impl_->agent.sendGuide(device, sessionId, guide);
 }
 
 void Server::refuseIndicator(std::string kind, bool refuse) {
-    impl_->live.refuseIndicator(std::move(kind), refuse);
+    impl_->agent.refuseIndicator(std::move(kind), refuse);
 }
 
 std::optional<LiveRecord> Server::liveSession(std::string_view sessionId) const {
@@ -642,54 +523,21 @@ bool Server::waitForViewChanges(std::string_view device, std::size_t count,
 std::optional<ControlPushed> Server::requestControl(std::string_view device,
                                                     std::string_view sessionId,
                                                     ControlRequest request) {
-    ControlPushed pushed;
-    pushed.sessionId = sessionId;
-    pushed.requestId = request.requestId ? *request.requestId : impl_->live.freshControlRequestId();
-    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"state", "requested"}};
-    if (!pushed.requestId.empty()) payload["requestId"] = pushed.requestId;
-    if (request.consentCopy) payload["consentCopy"] = *request.consentCopy;
-    if (request.agentName) payload["agentName"] = *request.agentName;
-    if (request.workspaceName) payload["workspaceName"] = *request.workspaceName;
-    if (request.logoUrl) payload["logoUrl"] = *request.logoUrl;
-    pushed.push = frame("control", payload);
-    const bool sent =
-        impl_->live.pushControl(sessionId, "requested", pushed.requestId, std::nullopt, [&] {
-            return impl_->sockets.send(device, {Outgoing::Kind::text, pushed.push, 0});
-        });
-    if (!sent) return std::nullopt;
-    return pushed;
+    return impl_->agent.requestControl(device, sessionId, std::move(request));
 }
 
 bool Server::grantControl(std::string_view device, std::string_view sessionId,
                           std::optional<std::string> generation) {
-    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"state", "active"}};
-    if (generation) payload["generation"] = *generation;
-    const std::string push = frame("control", payload);
-    return impl_->live.pushControl(sessionId, "active", std::nullopt, std::move(generation), [&] {
-        return impl_->sockets.send(device, {Outgoing::Kind::text, push, 0});
-    });
+    return impl_->agent.grantControl(device, sessionId, std::move(generation));
 }
 
 bool Server::endControl(std::string_view device, std::string_view sessionId) {
-    if (!impl_->registry.deviceIdOf(device)) return false;
-    impl_->live.endControl(sessionId);
-    return pushText(device, frame("control", {{"sessionId", sessionId}, {"state", "ended"}}));
+    return impl_->agent.endControl(device, sessionId);
 }
 
 bool Server::sendInput(std::string_view device, std::string_view sessionId,
                        const ControlInput& input) {
-    nlohmann::ordered_json payload{{"sessionId", sessionId}, {"action", input.action}};
-    const std::pair<const char*, const std::optional<double>*> numbers[] = {
-        {"x", &input.x}, {"y", &input.y}, {"dx", &input.dx}, {"dy", &input.dy}};
-    for (const auto& [key, value] : numbers) {
-        if (*value) payload[key] = **value;
-    }
-    if (input.text) payload["text"] = *input.text;
-    if (input.key) payload["key"] = *input.key;
-    const std::string push = frame("control-input", payload);
-    return impl_->live.pushInput(sessionId, [&] {
-        return impl_->sockets.send(device, {Outgoing::Kind::text, push, 0});
-    });
+    return impl_->agent.sendInput(device, sessionId, input);
 }
 
 std::optional<ControlRecord> Server::controlSession(std::string_view sessionId) const {

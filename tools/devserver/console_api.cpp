@@ -1,22 +1,19 @@
-#include "tools/devserver/console.hpp"
+#include "tools/devserver/console_api.hpp"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <cmath>
-#include <fstream>
-#include <functional>
-#include <iterator>
 #include <optional>
-#include <random>
 #include <sstream>
 #include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "tools/devserver/agent.hpp"
 #include "tools/devserver/capture_book.hpp"
-#include "tools/devserver/console_files.hpp"
+#include "tools/devserver/console_auth.hpp"
+#include "tools/devserver/console_journal.hpp"
 #include "tools/devserver/device_registry.hpp"
 #include "tools/devserver/live_book.hpp"
 #include "tools/devserver/router.hpp"
@@ -29,104 +26,10 @@ namespace {
 using json = nlohmann::json;
 using ordered = nlohmann::ordered_json;
 
-constexpr std::size_t kJournalSize = 1000;
-constexpr std::string_view kCookie = "virela_console_";
 // A session counts as stale once frames stop for this long, or never start after activation.
 constexpr std::chrono::milliseconds kStaleAfterFrame{2000};
 constexpr std::chrono::milliseconds kStaleAfterActivation{3000};
 constexpr std::size_t kMaxText = 1000;
-
-std::vector<std::string_view> segments(std::string_view path) {
-    std::vector<std::string_view> parts;
-    while (!path.empty()) {
-        if (path.front() == '/') {
-            path.remove_prefix(1);
-            continue;
-        }
-        const std::size_t end = std::min(path.find('/'), path.size());
-        parts.push_back(path.substr(0, end));
-        path.remove_prefix(end);
-    }
-    return parts;
-}
-
-// The raw value of `name` in the request-target's query; tokens and numbers need no decoding.
-std::optional<std::string_view> queryValue(std::string_view target, std::string_view name) {
-    const std::size_t question = target.find('?');
-    if (question == std::string_view::npos) return std::nullopt;
-    std::string_view query = target.substr(question + 1);
-    while (!query.empty()) {
-        const std::size_t end = std::min(query.find('&'), query.size());
-        const std::string_view pair = query.substr(0, end);
-        const std::size_t equals = pair.find('=');
-        if (pair.substr(0, equals) == name) {
-            return equals == std::string_view::npos ? std::string_view() : pair.substr(equals + 1);
-        }
-        query.remove_prefix(std::min(end + 1, query.size()));
-    }
-    return std::nullopt;
-}
-
-// Compares in time that depends only on the length, so the token cannot be guessed byte by byte.
-bool sameSecret(std::string_view given, std::string_view token) {
-    if (given.size() != token.size() || token.empty()) return false;
-    unsigned char difference = 0;
-    for (std::size_t i = 0; i < token.size(); ++i) {
-        difference |= static_cast<unsigned char>(given[i] ^ token[i]);
-    }
-    return difference == 0;
-}
-
-std::string cookieName(std::uint16_t port) {
-    // Cookies ignore ports; a name per port keeps two local backends from trading tokens.
-    return std::string(kCookie) + std::to_string(port);
-}
-
-std::optional<std::string_view> cookieValue(std::string_view cookies, std::string_view name) {
-    while (!cookies.empty()) {
-        const std::size_t end = std::min(cookies.find(';'), cookies.size());
-        std::string_view pair = cookies.substr(0, end);
-        while (!pair.empty() && pair.front() == ' ') pair.remove_prefix(1);
-        const std::size_t equals = pair.find('=');
-        if (equals != std::string_view::npos && pair.substr(0, equals) == name) {
-            return pair.substr(equals + 1);
-        }
-        cookies.remove_prefix(std::min(end + 1, cookies.size()));
-    }
-    return std::nullopt;
-}
-
-std::string contentTypeOf(std::string_view name) {
-    auto endsWith = [name](std::string_view suffix) { return name.ends_with(suffix); };
-    if (endsWith(".html")) return "text/html; charset=utf-8";
-    if (endsWith(".js") || endsWith(".mjs")) return "text/javascript; charset=utf-8";
-    if (endsWith(".css")) return "text/css; charset=utf-8";
-    if (endsWith(".svg")) return "image/svg+xml";
-    if (endsWith(".png")) return "image/png";
-    return "application/octet-stream";
-}
-
-bool plainFileName(std::string_view name) {
-    if (name.empty() || name.front() == '.' || name.ends_with(".md")) return false;
-    for (const char c : name) {
-        const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                             (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
-        if (!allowed) return false;
-    }
-    return true;
-}
-
-std::optional<std::string> readConsoleFile(const std::string& directory, std::string_view name) {
-    if (!plainFileName(name)) return std::nullopt;
-    if (directory.empty()) {
-        const std::optional<std::string_view> built = embeddedConsoleFile(name);
-        if (!built) return std::nullopt;
-        return std::string(*built);
-    }
-    std::ifstream file(directory + "/" + std::string(name), std::ios::binary);
-    if (!file) return std::nullopt;
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
 
 Reply badRequest(const std::string& message) {
     return jsonError(400, "bad_request", message);
@@ -177,238 +80,46 @@ bool hexColor(std::string_view color) {
     });
 }
 
-// What a device sent, cut to a length that fits a line of the log.
-std::string shortened(std::string text) {
-    constexpr std::size_t kShown = 120;
-    if (text.size() > kShown) text = text.substr(0, kShown) + "…";
-    return text;
-}
-
 ordered optionalJson(const std::optional<std::string>& value) {
     return value ? ordered(*value) : ordered();
 }
 
 }  // namespace
 
-std::string freshConsoleToken() {
-    std::random_device random;
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string token;
-    for (int word = 0; word < 4; ++word) {
-        std::uint32_t bits = random();
-        for (int i = 0; i < 8; ++i, bits >>= 4) token += kDigits[bits & 0xf];
-    }
-    return token;
-}
+ConsoleApi::ConsoleApi(Agent& agent, const DeviceRegistry& registry, const CaptureBook& captures,
+                       LiveBook& live, ConsoleJournal& journal)
+    : agent_(agent), registry_(registry), captures_(captures), live_(live), journal_(journal) {}
 
-bool consoleGuards(std::string_view path) {
-    return path == "/console" || path.starts_with("/console/") || path.starts_with("/captures/") ||
-           path.starts_with("/live/");
-}
-
-bool carriesConsoleToken(const RecordedRequest& request, std::string_view token,
-                         std::uint16_t port) {
-    if (auto given = queryValue(request.target, "token"); given && sameSecret(*given, token)) {
-        return true;
-    }
-    if (auto authorization = request.header("Authorization")) {
-        constexpr std::string_view kBearer = "Bearer ";
-        if (authorization->starts_with(kBearer) &&
-            sameSecret(std::string_view(*authorization).substr(kBearer.size()), token)) {
-            return true;
-        }
-    }
-    if (auto cookies = request.header("Cookie")) {
-        if (auto given = cookieValue(*cookies, cookieName(port));
-            given && sameSecret(*given, token)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-Reply consoleRefusal() {
-    Reply reply = jsonError(401, "unauthorized", "The console needs its token.");
-    reply.headers.push_back({"Cache-Control", "no-store"});
-    return reply;
-}
-
-Console::Console(Server& server, const DeviceRegistry& registry, const CaptureBook& captures,
-                 LiveBook& live)
-    : server_(server), registry_(registry), captures_(captures), live_(live) {}
-
-void Console::record(std::string deviceId, std::string sessionId, std::string kind,
-                     std::string text) {
-    std::lock_guard lock(mutex_);
-    events_.push_back(Event{nextSeq_++, isoUtc(std::chrono::system_clock::now()),
-                            std::move(deviceId), std::move(sessionId), std::move(kind),
-                            std::move(text)});
-    if (events_.size() > kJournalSize) events_.pop_front();
-}
-
-std::string Console::nextGeneration(std::string_view prefix) {
+std::string ConsoleApi::nextGeneration(std::string_view prefix) {
     std::lock_guard lock(mutex_);
     auto it = generations_.try_emplace(std::string(prefix), 0).first;
     return std::string(prefix) + "-" + std::to_string(++it->second);
 }
 
-void Console::observe(const SocketEvent& event) {
-    switch (event.kind) {
-        case SocketEvent::Kind::connected: {
-            // A device reports a change of state, not the state it connects in; a state heard
-            // before the connection was lost may be stale.
-            {
-                std::lock_guard lock(mutex_);
-                appStates_.erase(event.deviceId);
-            }
-            record(event.deviceId, {}, "connected", "device connected");
-            return;
+bool ConsoleApi::own(std::string_view sessionId) const {
+    std::lock_guard lock(mutex_);
+    return ownSessions_.contains(sessionId);
+}
+
+void ConsoleApi::react(const DeviceReport& report) {
+    if (const auto* live = std::get_if<report::LiveAnswered>(&report.what)) {
+        if (!live->allow || !own(live->sessionId)) return;
+        const std::string generation = nextGeneration("share");
+        if (agent_.activateLive(report.deviceId, live->sessionId, generation)) {
+            journal_.record(report.deviceId, live->sessionId, "live-active",
+                            "live view started (generation " + generation + ")");
         }
-        case SocketEvent::Kind::closed:
-            record(event.deviceId, {}, "disconnected",
-                   "device disconnected (" + std::to_string(event.closeCode) + ")");
-            return;
-        case SocketEvent::Kind::binary:
-            return;
-        case SocketEvent::Kind::text:
-            break;
-    }
-    const json message = json::parse(event.data, nullptr, false);
-    if (!message.is_object()) return;
-    const std::string type =
-        message.value("type", json()).is_string() ? message["type"].get<std::string>() : "";
-    auto member = [&](const char* key) {
-        auto it = message.find(key);
-        return it != message.end() && it->is_string() ? shortened(it->get<std::string>())
-                                                      : std::string();
-    };
-    if (type == "state") {
-        const std::string state = member("state");
-        if (state != "foreground" && state != "background") return;
-        {
-            std::lock_guard lock(mutex_);
-            appStates_[event.deviceId] = state;
+    } else if (const auto* control = std::get_if<report::ControlAnswered>(&report.what)) {
+        if (!control->allow || !own(control->sessionId)) return;
+        const std::string generation = nextGeneration("ctl");
+        if (agent_.grantControl(report.deviceId, control->sessionId, generation)) {
+            journal_.record(report.deviceId, control->sessionId, "control-active",
+                            "control started (generation " + generation + ")");
         }
-        record(event.deviceId, {}, "state", "app went to the " + state);
-    } else if (type == "view") {
-        record(event.deviceId, member("sessionId"), "view", "view changed: " + member("kind"));
     }
 }
 
-void Console::observe(const RecordedRequest& request, int status) {
-    if (request.method != "POST" || status == 0) return;
-    const std::vector<std::string_view> parts = segments(request.path);
-    if (parts.size() < 4 || parts[0] != "v1" || parts[1] != "sdk") return;
-    const std::optional<std::string> token = request.header(kDeviceHeader);
-    const std::string deviceId = token ? registry_.deviceIdOf(*token).value_or("") : "";
-    if (deviceId.empty()) return;
-
-    if (parts[2] == "live" && (parts.size() == 5 || parts.size() == 6)) {
-        std::string what(parts[4]);
-        if (parts.size() == 6) what += "/" + std::string(parts[5]);
-        observeLive(deviceId, parts[3], what, request, status);
-        return;
-    }
-    if (status < 200 || status >= 300) return;
-    // Every body that got a 2xx was a JSON object, but for the uploads.
-    const json parsed = json::parse(request.body, nullptr, false);
-    const json body = parsed.is_object() ? parsed : json::object();
-    auto allowed = [&body] {
-        return body.value("allow", json()).is_boolean() && body["allow"].get<bool>();
-    };
-    if (parts[2] == "devices" && parts[3] == "identify") {
-        const std::string who = shortened(body.value("name", json()).is_string()
-                                              ? body["name"].get<std::string>()
-                                              : body.value("id", json("someone")).dump());
-        record(deviceId, {}, "identified", "identified as " + who);
-    } else if (parts[2] == "devices" && parts[3] == "health") {
-        record(deviceId, {}, "health", "health report received");
-    } else if (parts[2] == "prompts" && parts.size() == 5 && parts[4] == "shown") {
-        record(deviceId, {}, "prompt-shown", "prompt " + std::string(parts[3]) + " shown");
-    } else if (parts[2] == "captures" && parts.size() == 5 && parts[4] == "respond") {
-        record(deviceId, {}, "answer",
-               "screenshot " + std::string(parts[3]) +
-                   (allowed() ? " allowed by the customer" : " declined by the customer"));
-    } else if (parts[2] == "captures" && parts.size() == 5 && parts[4] == "upload") {
-        const std::optional<CaptureRecord> capture = captures_.find(parts[3]);
-        record(deviceId, {}, "upload",
-               "screenshot " + std::string(parts[3]) + " received as " +
-                   (capture && capture->captureId ? *capture->captureId : std::string("?")));
-    }
-}
-
-void Console::observeLive(std::string_view deviceId, std::string_view sessionId,
-                          std::string_view what, const RecordedRequest& request, int status) {
-    const std::string device(deviceId);
-    const std::string session(sessionId);
-    const json body = what == "frame" ? json() : json::parse(request.body, nullptr, false);
-    auto text = [&body](const char* key) {
-        return body.is_object() && body.value(key, json()).is_string()
-                   ? shortened(body[key].get<std::string>())
-                   : std::string("?");
-    };
-    const bool allow =
-        body.is_object() && body.value("allow", json()).is_boolean() && body["allow"].get<bool>();
-    bool own = false;
-    {
-        std::lock_guard lock(mutex_);
-        own = ownSessions_.contains(sessionId);
-    }
-
-    if (what == "indicator" && (status == 200 || status == 409)) {
-        record(device, session, "indicator",
-               "indicator " + text("kind") + " (generation " + text("generation") + ") " +
-                   (status == 200 ? "confirmed" : "refused: lease_mismatch"));
-        return;
-    }
-    if (what == "frame" && status == 409) {
-        bool first = false;
-        {
-            std::lock_guard lock(mutex_);
-            first = droppingFrames_.insert(session).second;
-        }
-        if (first) {
-            record(device, session, "frames-dropped", "frames dropped: the sharing lease lapsed");
-        }
-        return;
-    }
-    if (status < 200 || status >= 300) return;
-    if (what == "respond") {
-        record(device, session, "live-answer",
-               allow ? "live view allowed by the customer"
-                     : "live view declined or stopped by the customer");
-        if (allow && own) {
-            const std::string generation = nextGeneration("share");
-            if (server_.activateLive(device, session, generation)) {
-                record(device, session, "live-active",
-                       "live view started (generation " + generation + ")");
-            }
-        }
-    } else if (what == "frame") {
-        bool first = false;
-        {
-            std::lock_guard lock(mutex_);
-            first = framing_.insert(session).second;
-            droppingFrames_.erase(session);
-        }
-        if (first) record(device, session, "frames-started", "first frame received");
-    } else if (what == "control/respond") {
-        record(device, session, "control-answer",
-               allow ? "control allowed by the customer"
-                     : "control declined or taken back by the customer");
-        if (allow && own) {
-            const std::string generation = nextGeneration("ctl");
-            if (server_.grantControl(device, session, generation)) {
-                record(device, session, "control-active",
-                       "control started (generation " + generation + ")");
-            }
-        }
-    } else if (what == "control/feedback") {
-        record(device, session, "feedback", "control feedback: " + text("kind"));
-    }
-}
-
-std::string Console::state(std::uint64_t since) const {
+std::string ConsoleApi::state(std::uint64_t since) const {
     ordered devices = ordered::array();
     for (const DeviceInfo& device : registry_.all()) {
         ordered user;
@@ -422,14 +133,9 @@ std::string Console::state(std::uint64_t since) const {
             ordered parsed = ordered::parse(*device.lastHealth, nullptr, false);
             if (parsed.is_object()) health = std::move(parsed);
         }
-        const bool connected = server_.connected(device.deviceId);
+        const bool connected = agent_.connected(device.deviceId);
         // A device says so only when it leaves the foreground or comes back to it.
-        std::optional<std::string> appState;
-        {
-            std::lock_guard lock(mutex_);
-            auto it = appStates_.find(device.deviceId);
-            if (it != appStates_.end()) appState = it->second;
-        }
+        std::optional<std::string> appState = journal_.appState(device.deviceId);
         if (!appState && connected) appState = "foreground";
         devices.push_back({{"deviceId", device.deviceId},
                            {"supportCode", device.supportCode},
@@ -506,26 +212,24 @@ std::string Console::state(std::uint64_t since) const {
                {"inputs", control.inputs}}}});
     }
 
-    ordered events = ordered::array();
-    ordered refusing = ordered::object();
     std::uint64_t nextSeq = 0;
+    ordered events = ordered::array();
+    for (const ConsoleJournal::Event& event : journal_.since(since, nextSeq)) {
+        events.push_back(
+            {{"seq", event.seq},
+             {"at", event.at},
+             {"deviceId", event.deviceId},
+             {"sessionId", event.sessionId.empty() ? ordered() : ordered(event.sessionId)},
+             {"kind", event.kind},
+             {"text", event.text}});
+    }
+    ordered refusing = ordered::object();
     {
         std::lock_guard lock(mutex_);
-        for (const Event& event : events_) {
-            if (event.seq < since) continue;
-            events.push_back(
-                {{"seq", event.seq},
-                 {"at", event.at},
-                 {"deviceId", event.deviceId},
-                 {"sessionId", event.sessionId.empty() ? ordered() : ordered(event.sessionId)},
-                 {"kind", event.kind},
-                 {"text", event.text}});
-        }
         for (const char* kind : {"sharing", "recording", "control"}) {
             auto it = refusing_.find(kind);
             refusing[kind] = it != refusing_.end() && it->second;
         }
-        nextSeq = nextSeq_;
     }
     const ordered answer{{"now", isoUtc(std::chrono::system_clock::now())},
                          {"devices", devices},
@@ -537,32 +241,7 @@ std::string Console::state(std::uint64_t since) const {
     return answer.dump(-1, ' ', false, ordered::error_handler_t::replace);
 }
 
-void Console::addRoutes(Router& router, const std::string& token, const std::string& directory) {
-    auto page = [this, token, directory](std::string_view name) {
-        std::optional<std::string> file = readConsoleFile(directory, name);
-        if (!file) return jsonError(404, "not_found", "No such console file.");
-        Reply reply;
-        reply.body = std::move(*file);
-        reply.contentType = contentTypeOf(name);
-        reply.headers.push_back({"Cache-Control", "no-store"});
-        reply.headers.push_back({"X-Content-Type-Options", "nosniff"});
-        if (name == "index.html") {
-            reply.headers.push_back({"Set-Cookie", cookieName(server_.port()) + "=" + token +
-                                                       "; Path=/; HttpOnly; SameSite=Strict"});
-            reply.headers.push_back(
-                {"Content-Security-Policy",
-                 "default-src 'self'; img-src 'self' data:; "
-                 "frame-ancestors 'none'; base-uri 'none'; form-action 'none'"});
-            reply.headers.push_back({"Referrer-Policy", "no-referrer"});
-        }
-        return reply;
-    };
-    router.add("GET", "/console",
-               [page](const RecordedRequest&, const PathParams&) { return page("index.html"); });
-    router.add("GET", "/console/{file}", [page](const RecordedRequest&, const PathParams& params) {
-        return page(params.get("file"));
-    });
-
+void ConsoleApi::addRoutes(Router& router) {
     router.add("GET", "/console/api/state",
                [this](const RecordedRequest& request, const PathParams&) {
                    std::uint64_t since = 0;
@@ -626,12 +305,12 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
             ScreenshotRequest ask;
             ask.mode = mode;
             ask.agentName = "Support (local console)";
-            std::optional<AskedScreenshot> asked = server_.askScreenshot(*device, ask);
+            std::optional<AskedScreenshot> asked = agent_.askScreenshot(*device, ask);
             if (!asked) return notConnected();
-            record(*device, {}, "asked",
-                   "agent asked for a screenshot " +
-                       std::string(mode == "PerSession" ? "for the call" : "once") + " (" +
-                       asked->requestId + ")");
+            journal_.record(*device, {}, "asked",
+                            "agent asked for a screenshot " +
+                                std::string(mode == "PerSession" ? "for the call" : "once") + " (" +
+                                asked->requestId + ")");
             return jsonReply({{"requestId", asked->requestId}, {"promptId", asked->promptId}});
         }));
 
@@ -645,9 +324,9 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    if (!capture || capture->deviceId != *device) {
                        return jsonError(404, "not_found", "No such screenshot request.");
                    }
-                   if (!server_.sendCapture(*device, *requestId)) return notConnected();
-                   record(*device, {}, "asked",
-                          "agent asked for another screenshot (" + *requestId + ")");
+                   if (!agent_.sendCapture(*device, *requestId)) return notConnected();
+                   journal_.record(*device, {}, "asked",
+                                   "agent asked for another screenshot (" + *requestId + ")");
                    return jsonReply(ordered::object());
                }));
 
@@ -664,8 +343,9 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                        std::lock_guard lock(mutex_);
                        ownSessions_.insert(sessionId);
                    }
-                   if (!server_.requestLive(*device, request)) return notConnected();
-                   record(*device, sessionId, "live-requested", "agent asked to watch live");
+                   if (!agent_.requestLive(*device, request)) return notConnected();
+                   journal_.record(*device, sessionId, "live-requested",
+                                   "agent asked to watch live");
                    return jsonReply({{"sessionId", sessionId}});
                }));
 
@@ -677,8 +357,9 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    if (live->state == "ended") {
                        return jsonError(409, "ended", "The live session has already ended.");
                    }
-                   server_.endLive(live->deviceId, session);
-                   record(live->deviceId, session, "live-ended", "agent ended the live view");
+                   agent_.endLive(live->deviceId, session);
+                   journal_.record(live->deviceId, session, "live-ended",
+                                   "agent ended the live view");
                    return jsonReply(ordered::object());
                }));
 
@@ -698,10 +379,11 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    if (kind == "recordingStarted") note.generation = nextGeneration("rec");
                    const std::string session(params.get("session"));
                    if (live->state != "active") return notActive();
-                   if (!server_.sendLiveNote(live->deviceId, session, note)) return notConnected();
-                   record(live->deviceId, session, "note",
-                          "agent sent the note " + kind +
-                              (note.generation ? " (generation " + *note.generation + ")" : ""));
+                   if (!agent_.sendLiveNote(live->deviceId, session, note)) return notConnected();
+                   journal_.record(
+                       live->deviceId, session, "note",
+                       "agent sent the note " + kind +
+                           (note.generation ? " (generation " + *note.generation + ")" : ""));
                    return jsonReply(ordered::object());
                }));
 
@@ -733,10 +415,10 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
             }
             const std::string session(params.get("session"));
             if (live->state != "active") return notActive();
-            if (!server_.sendGuide(live->deviceId, session, guide)) return notConnected();
+            if (!agent_.sendGuide(live->deviceId, session, guide)) return notConnected();
             // The laser moves many times a second; the log keeps the marks only.
             if (guide.kind != "laser" && guide.kind != "laser-off") {
-                record(live->deviceId, session, "guide", "agent drew " + guide.kind);
+                journal_.record(live->deviceId, session, "guide", "agent drew " + guide.kind);
             }
             return jsonReply(ordered::object());
         }));
@@ -756,26 +438,27 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    }
                    ControlRequest request;
                    request.agentName = "Support (local console)";
-                   if (!server_.requestControl(live->deviceId, session, request))
+                   if (!agent_.requestControl(live->deviceId, session, request))
                        return notConnected();
-                   record(live->deviceId, session, "control-requested", "agent asked for control");
+                   journal_.record(live->deviceId, session, "control-requested",
+                                   "agent asked for control");
                    return jsonReply(ordered::object());
                }));
 
-    router.add("POST", "/console/api/sessions/{session}/control/end",
-               action([=, this](const Fields&, const PathParams& params) {
-                   const std::optional<LiveRecord> live = sessionOf(params);
-                   if (!live) return unknownSession();
-                   const std::string session(params.get("session"));
-                   const std::string control = live->control.state;
-                   if (control != "requested" && control != "active") {
-                       return jsonError(409, "no_control",
-                                        "Control was not asked for, or has ended.");
-                   }
-                   server_.endControl(live->deviceId, session);
-                   record(live->deviceId, session, "control-ended", "agent released control");
-                   return jsonReply(ordered::object());
-               }));
+    router.add(
+        "POST", "/console/api/sessions/{session}/control/end",
+        action([=, this](const Fields&, const PathParams& params) {
+            const std::optional<LiveRecord> live = sessionOf(params);
+            if (!live) return unknownSession();
+            const std::string session(params.get("session"));
+            const std::string control = live->control.state;
+            if (control != "requested" && control != "active") {
+                return jsonError(409, "no_control", "Control was not asked for, or has ended.");
+            }
+            agent_.endControl(live->deviceId, session);
+            journal_.record(live->deviceId, session, "control-ended", "agent released control");
+            return jsonReply(ordered::object());
+        }));
 
     router.add(
         "POST", "/console/api/sessions/{session}/input",
@@ -816,8 +499,9 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                                  "The device has not confirmed the control lease; input is "
                                  "dropped until it does.");
             }
-            if (!server_.sendInput(live->deviceId, session, input)) return notConnected();
-            if (act != "scroll") record(live->deviceId, session, "input", "agent input: " + act);
+            if (!agent_.sendInput(live->deviceId, session, input)) return notConnected();
+            if (act != "scroll")
+                journal_.record(live->deviceId, session, "input", "agent input: " + act);
             return jsonReply(ordered::object());
         }));
 
@@ -831,14 +515,14 @@ void Console::addRoutes(Router& router, const std::string& token, const std::str
                    if (refuse == fields.body.end() || !refuse->is_boolean()) {
                        return badRequest("\"refuse\" must be true or false.");
                    }
-                   server_.refuseIndicator(kind, refuse->get<bool>());
+                   agent_.refuseIndicator(kind, refuse->get<bool>());
                    {
                        std::lock_guard lock(mutex_);
                        refusing_[kind] = refuse->get<bool>();
                    }
-                   record({}, {}, "refuse",
-                          std::string(refuse->get<bool>() ? "refusing" : "accepting") + " " + kind +
-                              " confirmations");
+                   journal_.record({}, {}, "refuse",
+                                   std::string(refuse->get<bool>() ? "refusing" : "accepting") +
+                                       " " + kind + " confirmations");
                    return jsonReply(ordered::object());
                }));
 }

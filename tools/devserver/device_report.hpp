@@ -1,0 +1,66 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <variant>
+
+#include "tools/devserver/records.hpp"
+
+namespace virela::devserver {
+
+// What a device reported through an SDK endpoint, told by the route once the backend accepted
+// it, or, for an indicator or a frame, turned it away for a lapsed lease. The books hold the
+// state; these are for whoever narrates it (the console's journal) or acts on it.
+namespace report {
+struct Identified {
+    IdentifiedUser user;
+};
+struct HealthReported {};
+struct PromptShown {
+    std::string promptId;
+};
+struct ScreenshotAnswered {
+    std::string requestId;
+    bool allow = false;
+};
+struct ScreenshotUploaded {
+    std::string requestId;
+    std::string captureId;
+};
+struct IndicatorConfirmed {
+    std::string sessionId;
+    std::string kind;
+    std::string generation;
+    bool accepted = true;  // false: answered 409 lease_mismatch
+};
+struct FrameReceived {
+    std::string sessionId;
+    bool dropped = false;  // refused because the sharing lease lapsed
+};
+struct LiveAnswered {
+    std::string sessionId;
+    bool allow = false;
+};
+struct ControlAnswered {
+    std::string sessionId;
+    bool allow = false;
+};
+struct ControlFeedback {
+    std::string sessionId;
+    std::string kind;
+};
+}  // namespace report
+
+struct DeviceReport {
+    std::string deviceId;
+    std::variant<report::Identified, report::HealthReported, report::PromptShown,
+                 report::ScreenshotAnswered, report::ScreenshotUploaded, report::IndicatorConfirmed,
+                 report::FrameReceived, report::LiveAnswered, report::ControlAnswered,
+                 report::ControlFeedback>
+        what;
+};
+
+// Called on the server thread before the reply goes out; empty when nobody listens.
+using ReportHandler = std::function<void(const DeviceReport&)>;
+
+}  // namespace virela::devserver
