@@ -15,8 +15,9 @@ install(DIRECTORY core/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/core
 # net/ includes Asio and Beast, detail/ is what the sources share; no public header needs either.
 install(DIRECTORY platform/headless/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/platform/headless
   FILES_MATCHING PATTERN "*.hpp" PATTERN "net" EXCLUDE PATTERN "detail" EXCLUDE)
-# The local backend's interface is server.hpp (and the TLS identity it takes); the rest is Beast.
-install(FILES tools/devserver/server.hpp tools/devserver/tls.hpp
+# The local backend's interface is server.hpp, with the records it hands out and the TLS identity
+# it takes; the rest is Beast.
+install(FILES tools/devserver/server.hpp tools/devserver/records.hpp tools/devserver/tls.hpp
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tools/devserver)
 
 install(EXPORT VirelaAgentTargets NAMESPACE virela:: DESTINATION ${virela_package_dir})
