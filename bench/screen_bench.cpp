@@ -242,7 +242,7 @@ void liveFrameTick(benchmark::State& state) {
         benchmark::DoNotOptimize(
             topScreen(*screen.host, screen.host.get(), screen.window->handle()));
         const std::vector<std::uint8_t> jpeg = screen.capture.capture(true);
-        const auto request = transport.multipartRequest(
+        const auto request = transport.imageUploadRequest(
             "/v1/sdk/live/s-1/frame",
             std::string_view(reinterpret_cast<const char*>(jpeg.data()), jpeg.size()));
         bytes = request.body.size();

@@ -50,7 +50,7 @@ void BM_MultipartUpload(benchmark::State& state) {
     const Transport transport = makeTransport();
     const std::string png(static_cast<std::size_t>(state.range(0)), '\x5a');
     for (auto _ : state) {
-        auto request = transport.multipartRequest("/v1/sdk/captures/req-1/upload", png);
+        auto request = transport.imageUploadRequest("/v1/sdk/captures/req-1/upload", png);
         benchmark::DoNotOptimize(request.body.data());
     }
     state.SetBytesProcessed(state.iterations() * state.range(0));

@@ -60,7 +60,7 @@ TEST_F(TransportTest, EachKindOfRequestCarriesOnlyItsHeaders) {
     EXPECT_EQ(identify.headers,
               (HttpHeaders{{"Content-Type", "application/json"}, {"X-Virela-Device", "tok-1"}}));
 
-    auto upload = transport.multipartRequest("/v1/sdk/captures/r1/upload", "PNG");
+    auto upload = transport.imageUploadRequest("/v1/sdk/captures/r1/upload", "PNG");
     EXPECT_FALSE(findHeader(upload.headers, "X-Virela-Key"));
     EXPECT_EQ(findHeader(upload.headers, "x-virela-device"), "tok-1");
     EXPECT_EQ(findHeader(upload.headers, "Content-Type")
@@ -77,8 +77,8 @@ TEST_F(TransportTest, AbsentValuesAreSentAsNullInTheGivenOrder) {
 
 TEST_F(TransportTest, MultipartBodyIsExactAndEveryRequestGetsAFreshBoundary) {
     const std::string png("\x89PNG\r\n\x1a\n\0binary", 16);
-    auto first = transport.multipartRequest("/v1/sdk/captures/r1/upload", png);
-    auto second = transport.multipartRequest("/v1/sdk/captures/r1/upload", png);
+    auto first = transport.imageUploadRequest("/v1/sdk/captures/r1/upload", png);
+    auto second = transport.imageUploadRequest("/v1/sdk/captures/r1/upload", png);
 
     const std::string type = *findHeader(first.headers, "Content-Type");
     const std::string boundary = type.substr(type.find("boundary=") + 9);

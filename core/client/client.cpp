@@ -289,7 +289,7 @@ void VirelaClient::endCallsSoon() {
         auto self = weak.lock();
         if (!self) return;
         self->captureConsent_->close();
-        self->live_->stopLocally();
+        self->live_->endLocally();
         self->sessionBanner_->hide();
     });
 }

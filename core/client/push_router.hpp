@@ -5,8 +5,8 @@
 namespace virela {
 
 // Where decoded pushes go, one handler per message type the flows own; every handler runs on
-// the main executor. The client's own router hands each push to its flow; the defaults ignore
-// the types whose flows do not exist yet. Tests and benchmarks substitute a router of their own.
+// the main executor. The client's own router hands each push to its flow; a router that leaves a
+// handler out ignores that type. Tests and benchmarks substitute a router of their own.
 class PushRouter {
   public:
     virtual ~PushRouter() = default;

@@ -217,7 +217,7 @@ void CaptureConsentFlow::captureAndUpload(const std::string& requestId) {
     const std::string_view bytes(reinterpret_cast<const char*>(png.data()), png.size());
     auto transport = requireTransport("an upload");
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
-    transport->send(transport->multipartRequest(uploadPath(requestId), bytes),
+    transport->send(transport->imageUploadRequest(uploadPath(requestId), bytes),
                     [weak, epoch = context_.epoch()](const SendResult& result) {
                         auto self = weak.lock();
                         if (!self || !self->context_.isCurrent(epoch)) return;

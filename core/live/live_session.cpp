@@ -86,7 +86,7 @@ void LiveSessionFlow::handleLive(const LivePush& push) {
         case LiveState::ended:
             parts_.prompt->cancelExpiry();
             parts_.prompt->dismiss();
-            stopLocally();
+            endLocally();
             return;
     }
 }
@@ -148,7 +148,7 @@ void LiveSessionFlow::answer(const std::string& sessionId, bool allow) {
 void LiveSessionFlow::start(const std::string& sessionId) {
     // A repeated "active", or one that follows our own start, changes nothing.
     if (sessionId_ == sessionId && frameTimer_) return;
-    stopLocally();
+    endLocally();
     const auto& host = parts_.platform->host;
     if (!host) return;
     const std::optional<WindowFacts> window = findCaptureWindow(*host);
@@ -160,7 +160,7 @@ void LiveSessionFlow::start(const std::string& sessionId) {
     if (!parts_.overlay || !parts_.overlay->show(window->handle, [weak] {
             if (auto self = weak.lock()) self->customerStop();
         })) {
-        stopLocally();
+        endLocally();
         return;
     }
     parts_.overlay->setOnViewChanged([weak, sessionId](std::string_view kind) {
@@ -208,17 +208,17 @@ void LiveSessionFlow::frameTick(const std::string& sessionId) {
     std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
     // Not held back by the uploads still out: a slow backend never delays the next tick, and
     // the request timeout bounds how many can be out at once.
-    transport->send(transport->multipartRequest(livePath(sessionId, "/frame"), bytes),
+    transport->send(transport->imageUploadRequest(livePath(sessionId, "/frame"), bytes),
                     [weak, sessionId](const SendResult& result) {
                         auto self = weak.lock();
                         if (!self || result || !sessionGone(result.error)) return;
-                        if (self->sessionId_ == sessionId) self->stopLocally();
+                        if (self->sessionId_ == sessionId) self->endLocally();
                     });
 }
 
 void LiveSessionFlow::customerStop() {
     const std::optional<std::string> stopped = sessionId_;
-    stopLocally();
+    endLocally();
     auto transport = context_.transport();
     if (!stopped || !transport) return;
     // Only a report: the session has already ended here.
@@ -226,7 +226,7 @@ void LiveSessionFlow::customerStop() {
                         [](const SendResult&) {});
 }
 
-void LiveSessionFlow::stopLocally() {
+void LiveSessionFlow::endLocally() {
     const std::optional<std::string> ended = std::move(sessionId_);
     sessionId_.reset();
     answering_.reset();
@@ -246,7 +246,7 @@ void LiveSessionFlow::stopLocally() {
 void LiveSessionFlow::visibleStateCheck(const std::string& sessionId) {
     if (sessionId_ != sessionId) return;
     if (!parts_.overlay || !parts_.overlay->isShowing()) {
-        stopLocally();
+        endLocally();
         return;
     }
     if (sharingGeneration_) confirmIndicator(sessionId, "sharing", *sharingGeneration_);

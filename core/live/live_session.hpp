@@ -4,7 +4,7 @@
 // answer goes to the backend, and once sharing runs a fresh redacted JPEG goes up three times a
 // second while the overlay shows the customer that they are watched and lets them stop it. Live
 // notes put toasts on the overlay and have the recording indicator confirmed; guides draw on it.
-// Every ending goes through stopLocally(), which calls onLiveEnded once for a session that ran.
+// Every ending goes through endLocally(), which calls onLiveEnded once for a session that ran.
 // Confined to the main executor.
 
 #include <functional>
@@ -61,7 +61,7 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
     void handleNote(const LiveNotePush& push);
     void handleGuide(const GuidePush& push);
     // The one teardown: timers, generations, the overlay; onLiveEnded when a session ran.
-    void stopLocally();
+    void endLocally();
 
     const std::optional<std::string>& sessionId() const noexcept { return sessionId_; }
     const std::optional<std::string>& sharingGeneration() const noexcept {

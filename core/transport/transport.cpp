@@ -68,7 +68,7 @@ HttpRequest Transport::jsonRequest(std::string_view path, const JsonFields& body
     return request;
 }
 
-HttpRequest Transport::multipartRequest(std::string_view path, std::string_view png) const {
+HttpRequest Transport::imageUploadRequest(std::string_view path, std::string_view image) const {
     HttpRequest request;
     request.url = resolve(path);
     request.method = "POST";
@@ -78,12 +78,12 @@ HttpRequest Transport::multipartRequest(std::string_view path, std::string_view 
     request.headers.push_back({"Content-Type", "multipart/form-data; boundary=" + boundary});
 
     std::string& body = request.body;
-    body.reserve(png.size() + 2 * boundary.size() + 160);
+    body.reserve(image.size() + 2 * boundary.size() + 160);
     body.append("--").append(boundary).append(kCrlf);
     body.append("Content-Disposition: form-data; name=\"file\"; filename=\"capture.png\"")
         .append(kCrlf);
     body.append("Content-Type: image/png").append(kCrlf).append(kCrlf);
-    body.append(png);
+    body.append(image);
     body.append(kCrlf).append("--").append(boundary).append("--").append(kCrlf);
     return request;
 }

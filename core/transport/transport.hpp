@@ -52,8 +52,10 @@ class Transport {
     // Throws SerializationError when the body is not serialisable (for example a string that is
     // not UTF-8). A path that does not parse as a URL reference stops the process.
     HttpRequest jsonRequest(std::string_view path, const JsonFields& body, bool includeKey) const;
-    // One part named "file" with the file name "capture.png"; a fresh boundary per request.
-    HttpRequest multipartRequest(std::string_view path, std::string_view png) const;
+    // An image upload, a PNG screenshot or a JPEG live frame alike: one part named "file" with
+    // the file name "capture.png", as the backend takes every image; a fresh boundary per
+    // request.
+    HttpRequest imageUploadRequest(std::string_view path, std::string_view image) const;
 
     // Sends the request; `done` runs on the main executor.
     void send(HttpRequest request, std::function<void(SendResult)> done) const;
