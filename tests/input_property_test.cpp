@@ -14,6 +14,7 @@
 #include <string>
 
 #include "core/control/input_engine.hpp"
+#include "core/control/windows.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/generated_screen.hpp"
 
@@ -77,7 +78,7 @@ TEST(InputProperty, NoRemoteInputReachesAProtectedViewOnAnyGeneratedScreen) {
         testing::ScreenGenerator screen(seed, {});
         WindowRegistry registry(screen.host);  // before the windows show, as in an app
         screen.generate();
-        testing::InputWatch watch(screen, registry);
+        testing::InputWatch watch(screen);
         InputEngine engine{{screen.host, screen.host, log}, registry};
         const WindowFacts target = *screen.host->readWindow(screen.windows.front()->handle());
         for (int step = 0; step < 16; ++step) {

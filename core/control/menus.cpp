@@ -116,14 +116,10 @@ void findMenuActions(Context& ctx, const std::optional<std::string>& title,
     forEachSceneWindow(ctx, [&](const WindowFacts& window) {
         windows.push_back(window.handle);
         ctx.actions.readViews(window.handle, ctx.other);
-        // Read before the buttons are checked: a check may read the tree again.
-        std::vector<NodeFacts> buttons;
         for (const NodeFacts& node : ctx.other) {
-            if (node.kind == ViewKind::button && node.hasMenu) buttons.push_back(node);
-        }
-        for (const NodeFacts& button : buttons) {
-            if (const auto menu = ctx.actions.buttonMenu(button.handle)) {
-                flatten(*menu, title, isProtected(ctx, button), found);
+            if (node.kind != ViewKind::button || !node.hasMenu) continue;
+            if (const auto menu = ctx.actions.buttonMenu(node.handle)) {
+                flatten(*menu, title, isProtected(ctx, node), found);
             }
         }
     });

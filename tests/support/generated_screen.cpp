@@ -532,8 +532,7 @@ struct InputWatch::Impl {
     }
 };
 
-InputWatch::InputWatch(ScreenGenerator& screen, WindowRegistry& /*registry*/)
-    : impl_(std::make_unique<Impl>(screen)) {
+InputWatch::InputWatch(ScreenGenerator& screen) : impl_(std::make_unique<Impl>(screen)) {
     for (const auto& w : screen.windows) impl_->track(*w);
     // Aim at what a finger can reach: views that the hit-test at their centre lands in, and
     // every marked view, reachable or not.

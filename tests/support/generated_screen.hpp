@@ -16,7 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "core/control/windows.hpp"
 #include "platform/headless/host/builder.hpp"
 #include "platform/headless/host/headless_host.hpp"
 
@@ -69,7 +68,7 @@ class ScreenGenerator {
 // as the capture finds them. A secure text input may never gain the focus or text at all.
 class InputWatch {
   public:
-    InputWatch(ScreenGenerator& screen, WindowRegistry& registry);
+    explicit InputWatch(ScreenGenerator& screen);
     ~InputWatch();
     InputWatch(const InputWatch&) = delete;
     InputWatch& operator=(const InputWatch&) = delete;
