@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "core/client/registration.hpp"
+#include "core/registration/registration_body.hpp"
 #include "core/transport/transport.hpp"
 
 namespace virela {

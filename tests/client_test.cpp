@@ -4,7 +4,7 @@
 
 #include "core/base/errors.hpp"
 #include "core/client/client.hpp"
-#include "core/client/registration.hpp"
+#include "core/registration/registration_body.hpp"
 #include "tests/support/fake_platform.hpp"
 
 namespace virela {

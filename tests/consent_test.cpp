@@ -9,7 +9,7 @@
 #include <functional>
 
 #include "core/client/client.hpp"
-#include "core/consent/sheets.hpp"
+#include "core/flow/sheets.hpp"
 #include "core/ports/manual_clock.hpp"
 #include "core/wire/date_time.hpp"
 #include "platform/headless/host/builder.hpp"

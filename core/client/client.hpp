@@ -19,9 +19,9 @@
 
 #include "core/base/records.hpp"
 #include "core/client/push_router.hpp"
-#include "core/client/registration.hpp"
+#include "core/registration/registration_body.hpp"
 #include "core/consent/capture_consent_flow.hpp"
-#include "core/consent/consent_prompt.hpp"
+#include "core/flow/consent_prompt.hpp"
 #include "core/flow/flow_context.hpp"
 #include "core/health/health_reporter.hpp"
 #include "core/lease/control_intake.hpp"

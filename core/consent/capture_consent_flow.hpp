@@ -10,7 +10,7 @@
 #include <memory>
 #include <string>
 
-#include "core/consent/consent_prompt.hpp"
+#include "core/flow/consent_prompt.hpp"
 #include "core/flow/flow_context.hpp"
 #include "core/ports/clock.hpp"
 #include "core/ports/platform.hpp"

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/consent/consent_prompt.hpp"
+#include "core/flow/consent_prompt.hpp"
 #include "core/control/input_engine.hpp"
 #include "core/flow/flow_context.hpp"
 #include "core/lease/control_lease.hpp"

@@ -2,7 +2,7 @@
 
 #include "core/base/json.hpp"
 #include "core/base/records.hpp"
-#include "core/consent/sheets.hpp"
+#include "core/flow/sheets.hpp"
 #include "core/control/windows.hpp"
 #include "core/ports/fatal.hpp"
 #include "core/transport/transport.hpp"

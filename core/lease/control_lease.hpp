@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/consent/consent_prompt.hpp"
+#include "core/flow/consent_prompt.hpp"
 #include "core/flow/flow_context.hpp"
 #include "core/live/live_overlay.hpp"
 #include "core/live/live_session.hpp"

@@ -3,7 +3,7 @@
 #include "core/base/errors.hpp"
 #include "core/base/url.hpp"
 #include "core/capture/capture.hpp"
-#include "core/consent/sheets.hpp"
+#include "core/flow/sheets.hpp"
 #include "core/control/windows.hpp"
 #include "core/ports/fatal.hpp"
 #include "core/ports/log.hpp"

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/consent/consent_prompt.hpp"
+#include "core/flow/consent_prompt.hpp"
 #include "core/flow/flow_context.hpp"
 #include "core/live/live_overlay.hpp"
 #include "core/ports/clock.hpp"

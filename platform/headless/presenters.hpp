@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "core/consent/consent_prompt.hpp"
+#include "core/flow/consent_prompt.hpp"
 #include "core/consent/session_banner.hpp"
 #include "platform/headless/host/screen.hpp"
 

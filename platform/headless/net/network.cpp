@@ -9,7 +9,7 @@
 #include <cctype>
 #include <stdexcept>
 
-#include "core/client/registration.hpp"
+#include "core/registration/registration_body.hpp"
 #include "platform/headless/stderr_log.hpp"
 
 namespace virela::headless::detail {

@@ -10,7 +10,7 @@
 #include <utility>
 
 #import "VirelaAgentObjC/VIRThemedLayerView.h"
-#include "core/consent/sheets.hpp"
+#include "core/flow/sheets.hpp"
 #include "platform/ios/objc/src/strings.hpp"
 #include "platform/ios/objc/src/theme.hpp"
 

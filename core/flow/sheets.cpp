@@ -1,4 +1,4 @@
-#include "core/consent/sheets.hpp"
+#include "core/flow/sheets.hpp"
 
 #include <string_view>
 

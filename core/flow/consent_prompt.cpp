@@ -1,4 +1,4 @@
-#include "core/consent/consent_prompt.hpp"
+#include "core/flow/consent_prompt.hpp"
 
 #include <algorithm>
 

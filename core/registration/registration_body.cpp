@@ -1,4 +1,4 @@
-#include "core/client/registration.hpp"
+#include "core/registration/registration_body.hpp"
 
 #include <cmath>
 #include <limits>

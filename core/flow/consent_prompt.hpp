@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/consent/sheets.hpp"
+#include "core/flow/sheets.hpp"
 #include "core/ports/host.hpp"
 #include "core/ports/presenters.hpp"
 
