@@ -10,7 +10,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-subsystems=(theme redaction wire transport flow health registration control capture consent live lease)
+subsystems=(theme redaction wire transport flow health registration control capture consent lease live)
 
 rank() {  # prints the rank of a core folder, or nothing for an unknown one
     case "$1" in

@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "core/client/client.hpp"
+#include "core/consent/session_banner.hpp"
 #include "core/flow/sheets.hpp"
 #include "core/ports/manual_clock.hpp"
 #include "core/wire/date_time.hpp"
@@ -194,7 +195,7 @@ class ConsentFlowTest : public ::testing::Test {
         replyAllowed(id, R"(,"sessionExpiresAt":")" + isoIn(seconds) + "\"");
         replyUploaded(id);
         press("Allow for this call");
-        ASSERT_TRUE(client->sessionBanner().visible());
+        ASSERT_TRUE(banner->text());
     }
     void replyUploaded(const std::string& id) {
         fake.http->reply("/v1/sdk/captures/" + id + "/upload", 200,
@@ -212,7 +213,6 @@ TEST_F(ConsentFlowTest, AConsentPushShowsTheSheetAndReportsIt) {
     EXPECT_EQ(sheet.requestLine, "Requested by Dana from Acme support · only this app’s screen");
     EXPECT_EQ(sheet.buttons, (std::vector<std::string>{"Allow once", "Don’t allow"}));
     EXPECT_EQ(sheet.window, window->handle());
-    EXPECT_EQ(client->prompt().showing(), ConsentPrompt::Showing::consent);
     ASSERT_EQ(requests("/v1/sdk/prompts/p-r1/shown"), 1u);
     EXPECT_EQ(fake.http->requestsTo("/v1/sdk/prompts/p-r1/shown")[0].body, "{}");
 
@@ -313,7 +313,6 @@ TEST_F(ConsentFlowTest, AllowCapturesRedactedAndUploadsOnce) {
     ASSERT_EQ(allowed.size(), 1u);
     EXPECT_EQ(allowed[0], (CaptureResult{"cap-1", "https://img.test/cap-1.png"}));
     EXPECT_EQ(events, (std::vector<std::string>{"shown", "allowed"}));
-    EXPECT_FALSE(client->sessionBanner().visible());
 
     // The image carries the password's box, not the sheet that was on screen moments before.
     const std::string& body = uploads[0].body;
@@ -436,10 +435,9 @@ TEST_F(ConsentFlowTest, PerSessionShowsACountdownBannerThatNeverReachesTheImage)
     EXPECT_TRUE(banner->text());
     clock->advance(16);
     EXPECT_FALSE(banner->text());
-    EXPECT_FALSE(client->sessionBanner().visible());
 
     // A session already over shows nothing.
-    client->sessionBanner().show(window->handle(), clock->now() - 1);
+    SessionBanner::create(banner, clock)->show(window->handle(), clock->now() - 1);
     EXPECT_FALSE(banner->text());
 }
 
@@ -451,7 +449,6 @@ TEST_F(ConsentFlowTest, TheSupportCodeSheetReplacesAConsentSheetWithoutAChoice) 
     EXPECT_EQ(prompts->sheet()->code, "482-913");
     EXPECT_EQ(prompts->sheet()->title, "Your support code");
     EXPECT_EQ(prompts->sheet()->note, "Only while you’re on this call.");
-    EXPECT_EQ(client->prompt().showing(), ConsentPrompt::Showing::supportCode);
     press("Done");
     EXPECT_FALSE(prompts->sheet());
     EXPECT_FALSE(prompts->overlay());
@@ -517,7 +514,6 @@ TEST_F(ConsentFlowTest, AReplyWhoseReasonIsGoneCapturesAndReportsNothing) {
         fake.executor->drain();
         complete("/v1/sdk/captures/" + id + "-call/respond", 200, R"({"status":"Allowed"})");
         EXPECT_FALSE(banner->text());
-        EXPECT_FALSE(client->sessionBanner().visible());
         EXPECT_EQ(requests("/v1/sdk/captures/" + id + "-call/upload"), 0u);
         EXPECT_EQ(events, std::vector<std::string>{"shown"});
     }

@@ -2,8 +2,9 @@
 // sequences of control pushes (every state, with and without generations, for the current and
 // other sessions), banner faults, take-backs, live sessions starting and ending, trips to the
 // background with a request held, prompts of ours coming and going, and inputs of every action
-// run against the whole client; after each step the client must agree with the model on which
-// inputs landed, on every control confirmation and on the host's onRemoteControl calls.
+// run against the live session flow that owns the lease; after each step the flow must agree
+// with the model on which inputs landed, on every control confirmation and on the host's
+// onRemoteControl calls.
 //
 // Invariants: an input lands only while control is armed (banner attached, generation held) in
 // the current live session with no prompt of ours on screen; every control confirmation
@@ -21,12 +22,13 @@
 #include <random>
 #include <sstream>
 
-#include "core/client/client.hpp"
+#include "core/live/live_session.hpp"
 #include "core/ports/manual_clock.hpp"
 #include "platform/headless/host/builder.hpp"
 #include "platform/headless/presenters.hpp"
 #include "tests/support/fake_platform.hpp"
 #include "tests/support/recording_overlay.hpp"
+#include "tests/support/test_flow_context.hpp"
 
 namespace virela {
 namespace {
@@ -125,27 +127,31 @@ class Sequence {
         fake_.platform->actions = host_;
         fake_.platform->prompts = prompts_;
         fake_.platform->overlay = overlay_;
-        VirelaClient::Options options{clock_, {}};
-        options.applyInput = [this](const ControlInputPush& input, const WindowFacts&) {
-            // Checked against the client's own state at the moment the input lands.
-            const ControlLease& lease = client_->controlLease();
+        context_ = std::make_unique<testing::TestFlowContext>(fake_);
+        context_->hostCallbacks.onRemoteControl = [this](bool on) {
+            if (remote_.empty() ? !on : remote_.back() == on) fail("onRemoteControl repeated");
+            remote_.push_back(on);
+        };
+        LiveSessionFlow::Parts parts{
+            .main = fake_.platform->main,
+            .log = fake_.platform->log,
+            .host = host_,
+            .actions = host_,
+            .lifecycle = fake_.platform->lifecycle,
+            .clock = clock_,
+            .overlay = LiveOverlay::create({overlay_, host_, host_, clock_}),
+        };
+        parts.applyInput = [this](const ControlInputPush& input, const WindowFacts&) {
+            // Checked against the flow's own state at the moment the input lands.
+            const ControlLease& lease = live_->lease();
             if (!lease.active() || !lease.generation() || !overlay_->banner ||
-                client_->liveSession().sessionId() != input.sessionId ||
-                client_->prompt().showing()) {
+                live_->sessionId() != input.sessionId || context_->prompt().showing()) {
                 fail("an input landed outside an armed lease");
             }
             applied_.push_back(input.sessionId + " " + input.action);
             return ControlOutcome::none;
         };
-        client_ = VirelaClient::create(fake_.platform, std::move(options));
-        client_->setCallbacks(VirelaCallbacks{.onRemoteControl = [this](bool on) {
-            if (remote_.empty() ? !on : remote_.back() == on) fail("onRemoteControl repeated");
-            remote_.push_back(on);
-        }});
-        fake_.http->reply("/v1/sdk/devices", 200, testing::kRegisteredReply);
-        client_->configure(*Url::parse("https://backend.test"), "key", std::nullopt, false,
-                           [](std::exception_ptr) {});
-        fake_.executor->drain();
+        live_ = LiveSessionFlow::create(std::move(parts), *context_);
     }
 
     // How much of the sequence happened under an armed lease.
@@ -176,7 +182,17 @@ class Sequence {
     }
     void push(const std::string& type, const json& payload) {
         history_ << "  " << type << " " << payload.dump() << "\n";
-        client_->channel().dispatch(json{{"type", type}, {"payload", payload}}.dump());
+        const std::optional<Push> decoded =
+            decodePush(json{{"type", type}, {"payload", payload}}.dump());
+        if (!decoded) return fail("a push did not decode: " + type);
+        std::visit(
+            [this](const auto& p) {
+                using T = std::decay_t<decltype(p)>;
+                if constexpr (std::is_same_v<T, LivePush>) live_->handleLive(p);
+                if constexpr (std::is_same_v<T, ControlPush>) live_->handleControl(p);
+                if constexpr (std::is_same_v<T, ControlInputPush>) live_->handleInput(p);
+            },
+            *decoded);
         fake_.executor->drain();
     }
     void startLive(const std::string& id) {
@@ -239,6 +255,7 @@ class Sequence {
                     model_.background = false;
                     window_->makeKeyAndVisible();
                     fake_.lifecycle->send(AppEvent::willEnterForeground);
+                    live_->onEnterForeground();
                     fake_.executor->drain();
                     if (auto held = std::exchange(model_.pending, std::nullopt)) {
                         model_.control(*held);
@@ -258,7 +275,7 @@ class Sequence {
                 if (chance(0.5)) {
                     note("support code shown");
                     model_.prompt = Showing::supportCode;
-                    client_->showSupportCode();
+                    context_->prompt().showSupportCode(window_->handle(), "482-913");
                 } else {
                     model_.prompt = Showing::consent;
                     push("live", {{"sessionId", pick({"s1", "s2"})}, {"state", "requested"}});
@@ -300,13 +317,13 @@ class Sequence {
     }
 
     void check() {
-        const ControlLease& lease = client_->controlLease();
+        const ControlLease& lease = live_->lease();
         if (lease.active() != model_.active) fail("controlActive differs");
         if (lease.generation() != model_.generation) fail("the generation differs");
         if (lease.pending().has_value() != model_.pending.has_value()) fail("pending differs");
         if (overlay_->banner != model_.banner) fail("the banner differs");
-        if (client_->prompt().showing() != model_.prompt) fail("the prompt differs");
-        if (client_->liveSession().sessionId() != model_.live) fail("the live session differs");
+        if (context_->prompt().showing() != model_.prompt) fail("the prompt differs");
+        if (live_->sessionId() != model_.live) fail("the live session differs");
         if (applied_ != model_.applied) fail("the inputs that landed differ");
         if (remote_ != model_.remote) fail("the onRemoteControl calls differ");
         std::vector<std::string> confirmations;
@@ -335,7 +352,8 @@ class Sequence {
     std::shared_ptr<testing::RecordingPresenter> overlay_ =
         std::make_shared<testing::RecordingPresenter>();
     std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
-    std::shared_ptr<VirelaClient> client_;
+    std::unique_ptr<testing::TestFlowContext> context_;
+    std::shared_ptr<LiveSessionFlow> live_;
     Model model_;
     int generations_ = 0;
     std::vector<std::string> applied_;

@@ -5,12 +5,14 @@
 #include "core/base/errors.hpp"
 #include "core/capture/capture.hpp"
 #include "core/control/windows.hpp"
+#include "core/flow/consent_prompt.hpp"
+#include "core/flow/flow_context.hpp"
 #include "core/ports/fatal.hpp"
-#include "core/ports/log.hpp"
 #include "core/transport/transport.hpp"
 #include "core/wire/date_time.hpp"
 #include "core/wire/device_records.hpp"
 #include "core/wire/json_fields.hpp"
+#include "core/wire/sdk_paths.hpp"
 
 namespace virela {
 
@@ -19,20 +21,10 @@ namespace {
 constexpr double kDefaultSessionSeconds = 45 * 60;
 constexpr const char* kAllowed = "Allowed";
 
-std::string promptShownPath(const std::string& promptId) {
-    return "/v1/sdk/prompts/" + promptId + "/shown";
-}
-std::string respondPath(const std::string& requestId) {
-    return "/v1/sdk/captures/" + requestId + "/respond";
-}
-std::string uploadPath(const std::string& requestId) {
-    return "/v1/sdk/captures/" + requestId + "/upload";
-}
-
 // Identifiers go into paths as they arrive. One that would not make a valid path is refused
 // up front, so that a request is never half-handled (a prompt whose answer cannot be sent).
 bool usableInPath(const std::string& id) {
-    return Url::parse(respondPath(id)).has_value();
+    return Url::parse(paths::captureRespond(id)).has_value();
 }
 
 CaptureResult decodeCaptureResult(std::string_view bytes) {
@@ -48,21 +40,23 @@ std::shared_ptr<CaptureConsentFlow> CaptureConsentFlow::create(Parts parts, Flow
 }
 
 CaptureConsentFlow::CaptureConsentFlow(Parts parts, FlowContext& context)
-    : parts_(std::move(parts)), context_(context) {}
+    : parts_(std::move(parts)),
+      context_(context),
+      sessionBanner_(SessionBanner::create(parts_.banner, parts_.clock)) {}
 
 // The expiry lives in the prompt and holds this flow weakly.
 CaptureConsentFlow::~CaptureConsentFlow() = default;
 
 void CaptureConsentFlow::handleConsent(const ConsentPush& push) {
-    VIRELA_ASSERT_MAIN(*parts_.platform->main, "CaptureConsentFlow::handleConsent");
-    const auto& host = parts_.platform->host;
+    VIRELA_ASSERT_MAIN(*parts_.main, "CaptureConsentFlow::handleConsent");
+    const auto& host = parts_.host;
     if (!context_.registration() || !host) return;
     if (!usableInPath(push.requestId)) {
         // Nothing can be answered for it; say so, since the agent will wait in vain.
-        if (parts_.platform->log) {
-            parts_.platform->log->write(LogLevel::error, "consent request dropped: request id \"" +
-                                                             push.requestId +
-                                                             "\" cannot form a request path");
+        if (parts_.log) {
+            parts_.log->write(LogLevel::error, "consent request dropped: request id \"" +
+                                                   push.requestId +
+                                                   "\" cannot form a request path");
         }
         return;
     }
@@ -70,46 +64,40 @@ void CaptureConsentFlow::handleConsent(const ConsentPush& push) {
     if (!window) return;
 
     // A newer request replaces an older one; the older one's choice is never reported.
-    parts_.prompt->dismiss();
+    context_.prompt().dismiss();
     if (const auto& shown = context_.callbacks().onRequestShown) shown();
 
     const ConsentSheet sheet = makeConsentSheet(push.mode, push.consentCopy, push.agentName,
                                                 push.workspaceName, push.logoUrl);
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
-    parts_.prompt->showConsent(window->handle, sheet, ConsentPrompt::Showing::consent,
-                               [weak, requestId = push.requestId, mode = push.mode](auto choice) {
-                                   if (auto self = weak.lock()) {
-                                       self->answer(requestId, mode,
-                                                    choice == ConsentPrompt::Choice::allow);
-                                   }
-                               });
+    context_.prompt().showConsent(
+        window->handle, sheet, ConsentPrompt::Showing::consent,
+        [weak, requestId = push.requestId, mode = push.mode](auto choice) {
+            if (auto self = weak.lock()) {
+                self->answer(requestId, mode, choice == ConsentPrompt::Choice::allow);
+            }
+        });
     startPromptExpiry(push.expiresAt);
 
-    auto transport = context_.transport();
-    if (push.promptId && !push.promptId->empty() && transport &&
-        Url::parse(promptShownPath(*push.promptId))) {
-        // Only a report: nothing waits for it and its failure changes nothing.
-        transport->postJson(promptShownPath(*push.promptId), {}, false, [](const SendResult&) {});
-    }
+    context_.reportPromptShown(push.promptId);
 }
 
 void CaptureConsentFlow::handleCapture(const CapturePush& push) {
     if (!usableInPath(push.requestId)) {
-        if (parts_.platform->log) {
-            parts_.platform->log->write(LogLevel::error, "capture request dropped: request id \"" +
-                                                             push.requestId +
-                                                             "\" cannot form a request path");
+        if (parts_.log) {
+            parts_.log->write(LogLevel::error, "capture request dropped: request id \"" +
+                                                   push.requestId +
+                                                   "\" cannot form a request path");
         }
         return;
     }
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
     // Checked in the turn that captures, so that a stop() or reset() in between counts.
-    parts_.platform->main->post([weak, requestId = push.requestId, epoch = context_.epoch()] {
+    parts_.main->post([weak, requestId = push.requestId, epoch = context_.epoch()] {
         auto self = weak.lock();
         if (!self) return;
-        if (!self->context_.isCurrent(epoch) || !self->parts_.callAllowed ||
-            !self->parts_.callAllowed()) {
-            if (const auto& log = self->parts_.platform->log) {
+        if (!self->context_.isCurrent(epoch) || !self->sessionBanner_->countingDown()) {
+            if (const auto& log = self->parts_.log) {
                 log->write(LogLevel::error,
                            "capture request dropped: no allowance for the call on this device "
                            "(request id \"" +
@@ -131,18 +119,26 @@ void CaptureConsentFlow::handleDenied() {
     if (const auto& denied = context_.callbacks().onDenied) denied();
 }
 
+void CaptureConsentFlow::handleSession(const SessionPush& push) {
+    if (push.state == "ended") endCall();
+}
+
+void CaptureConsentFlow::endCall() {
+    sessionBanner_->hide();
+}
+
 void CaptureConsentFlow::close() {
     cancelPromptExpiry();
-    parts_.prompt->dismiss();
+    context_.prompt().dismiss();
 }
 
 void CaptureConsentFlow::cancelPromptExpiry() {
-    parts_.prompt->cancelExpiry();
+    context_.prompt().cancelExpiry();
 }
 
 void CaptureConsentFlow::startPromptExpiry(const std::string& expiresAt) {
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
-    parts_.prompt->armExpiry(*parts_.clock, expiresAt, [weak] {
+    context_.prompt().armExpiry(*parts_.clock, expiresAt, [weak] {
         auto self = weak.lock();
         if (!self) return;
         if (const auto& expired = self->context_.callbacks().onExpired) expired();
@@ -161,7 +157,7 @@ void CaptureConsentFlow::answer(const std::string& requestId, CaptureMode mode, 
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
     requireTransport("a consent answer")
         ->postJson(
-            respondPath(requestId), {{"allow", allow}}, false,
+            paths::captureRespond(requestId), {{"allow", allow}}, false,
             [weak, requestId, mode, allow, epoch = context_.epoch()](const SendResult& result) {
                 auto self = weak.lock();
                 if (!self || !self->context_.isCurrent(epoch)) return;
@@ -188,26 +184,23 @@ void CaptureConsentFlow::answer(const std::string& requestId, CaptureMode mode, 
                     if (reply.sessionExpiresAt)
                         until = parseInternetDateTime(*reply.sessionExpiresAt);
                     if (!until) until = self->parts_.clock->now() + kDefaultSessionSeconds;
-                    auto window = findCaptureWindow(*self->parts_.platform->host);
-                    if (window && self->parts_.showSessionBanner) {
-                        self->parts_.showSessionBanner(window->handle, *until);
-                    }
+                    auto window = findCaptureWindow(*self->parts_.host);
+                    if (window) self->sessionBanner_->show(window->handle, *until);
                 }
                 self->captureAndUpload(requestId);
             });
 }
 
 void CaptureConsentFlow::captureAndUpload(const std::string& requestId) {
-    VIRELA_ASSERT_MAIN(*parts_.platform->main, "CaptureConsentFlow::captureAndUpload");
-    const auto& platform = *parts_.platform;
+    VIRELA_ASSERT_MAIN(*parts_.main, "CaptureConsentFlow::captureAndUpload");
     std::vector<std::uint8_t> png;
     try {
-        if (!platform.host || !platform.renderer) {
+        if (!parts_.host || !parts_.renderer) {
             throw VirelaError(0, "no_window", "No visible window to capture.");
         }
         if (!capture_) {
-            capture_ = std::make_unique<ScreenCapture>(context_.windows(), platform.renderer,
-                                                       platform.log);
+            capture_ =
+                std::make_unique<ScreenCapture>(context_.windows(), parts_.renderer, parts_.log);
         }
         png = capture_->capture(false);
     } catch (const VirelaError&) {
@@ -217,7 +210,7 @@ void CaptureConsentFlow::captureAndUpload(const std::string& requestId) {
     const std::string_view bytes(reinterpret_cast<const char*>(png.data()), png.size());
     auto transport = requireTransport("an upload");
     std::weak_ptr<CaptureConsentFlow> weak = weak_from_this();
-    transport->send(transport->imageUploadRequest(uploadPath(requestId), bytes),
+    transport->send(transport->imageUploadRequest(paths::captureUpload(requestId), bytes),
                     [weak, epoch = context_.epoch()](const SendResult& result) {
                         auto self = weak.lock();
                         if (!self || !self->context_.isCurrent(epoch)) return;
@@ -244,11 +237,11 @@ void CaptureConsentFlow::reportError(const std::exception_ptr& error) {
 void CaptureConsentFlow::showSupportCode() {
     // Without a code (not registered yet, or the backend gave none) there is nothing to read out.
     const RegisterResult* registration = context_.registration();
-    const auto& host = parts_.platform->host;
+    const auto& host = parts_.host;
     if (!registration || !registration->supportCode || !host) return;
     std::optional<WindowFacts> window = findCaptureWindow(*host);
     if (!window) return;
-    parts_.prompt->showSupportCode(window->handle, *registration->supportCode);
+    context_.prompt().showSupportCode(window->handle, *registration->supportCode);
 }
 
 }  // namespace virela

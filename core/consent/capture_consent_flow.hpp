@@ -10,30 +10,32 @@
 #include <memory>
 #include <string>
 
-#include "core/flow/consent_prompt.hpp"
-#include "core/flow/flow_context.hpp"
+#include "core/consent/session_banner.hpp"
 #include "core/ports/clock.hpp"
-#include "core/ports/platform.hpp"
+#include "core/ports/log.hpp"
+#include "core/ports/presenters.hpp"
 #include "core/wire/push_records.hpp"
 
 namespace virela {
 
+class FlowContext;
+class HostInterface;
+class Renderer;
 class ScreenCapture;
+class Transport;
 
 class CaptureConsentFlow : public std::enable_shared_from_this<CaptureConsentFlow> {
   public:
     struct Parts {
-        std::shared_ptr<const Platform> platform;
+        std::shared_ptr<MainExecutor> main;
+        std::shared_ptr<Log> log;
+        std::shared_ptr<HostInterface> host;
+        std::shared_ptr<Renderer> renderer;
         std::shared_ptr<VirelaClock> clock;
-        std::shared_ptr<ConsentPrompt> prompt;
-        // Puts the session banner's countdown over `window` until `expiresAt` (per-session
-        // mode).
-        std::function<void(HostHandle window, double expiresAt)> showSessionBanner;
-        // Whether this device shows the countdown of a call the customer allowed, now. A
-        // "capture" push is honoured only then: the backend's word alone takes no screenshot.
-        std::function<bool()> callAllowed;
+        // Shows the session banner, the countdown of a call the customer allowed; may be empty.
+        std::shared_ptr<BannerPresenter> banner;
     };
-    // `context` is the client that owns the flow and outlives it.
+    // `context` outlives the flow.
     static std::shared_ptr<CaptureConsentFlow> create(Parts parts, FlowContext& context);
     ~CaptureConsentFlow();
     CaptureConsentFlow(const CaptureConsentFlow&) = delete;
@@ -45,11 +47,17 @@ class CaptureConsentFlow : public std::enable_shared_from_this<CaptureConsentFlo
     void handleCapture(const CapturePush& push);
     void handleExpired();
     void handleDenied();
+    // The backend ended the call: its countdown comes down.
+    void handleSession(const SessionPush& push);
     // Puts the support-code sheet over the app's window; nothing before the device has a
     // support code or when no window is visible.
     void showSupportCode();
     // Takes down the sheet and its expiry (stop).
     void close();
+    // Takes down the session banner (stop, reset).
+    void endCall();
+
+    const SessionBanner& sessionBanner() const noexcept { return *sessionBanner_; }
 
   private:
     CaptureConsentFlow(Parts parts, FlowContext& context);
@@ -64,6 +72,9 @@ class CaptureConsentFlow : public std::enable_shared_from_this<CaptureConsentFlo
     Parts parts_;
     FlowContext& context_;
     std::unique_ptr<ScreenCapture> capture_;
+    // A "capture" push is honoured only while the customer sees its countdown: the backend's
+    // word alone takes no screenshot.
+    std::shared_ptr<SessionBanner> sessionBanner_;
 };
 
 }  // namespace virela

@@ -2,12 +2,9 @@
 
 #include "core/health/device_health.hpp"
 #include "core/transport/transport.hpp"
+#include "core/wire/sdk_paths.hpp"
 
 namespace virela {
-
-namespace {
-constexpr const char* kHealthPath = "/v1/sdk/devices/health";
-}
 
 std::shared_ptr<HealthReporter> HealthReporter::create(std::shared_ptr<const Platform> platform,
                                                        FlowContext& context) {
@@ -70,7 +67,7 @@ void HealthReporter::send(std::function<void()> done) {
                 if (done) done();
                 return;
             }
-            transport->postJson(kHealthPath, health::reportBody(snapshot), false,
+            transport->postJson(paths::health, health::reportBody(snapshot), false,
                                 [weak, network, done](const SendResult& result) {
                                     if (auto reporter = weak.lock()) {
                                         reporter->finish(network, static_cast<bool>(result));

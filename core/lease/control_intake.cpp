@@ -2,7 +2,10 @@
 
 #include "core/base/errors.hpp"
 #include "core/control/windows.hpp"
+#include "core/flow/consent_prompt.hpp"
+#include "core/flow/flow_context.hpp"
 #include "core/transport/transport.hpp"
+#include "core/wire/sdk_paths.hpp"
 
 namespace virela {
 
@@ -15,8 +18,9 @@ ControlIntake::ControlIntake(Parts parts, FlowContext& context)
 
 ControlIntake::~ControlIntake() = default;
 
-void ControlIntake::handleInput(const ControlInputPush& input) {
-    VIRELA_ASSERT_MAIN(*parts_.platform->main, "ControlIntake::handleInput");
+void ControlIntake::handleInput(const ControlInputPush& input,
+                                const std::optional<std::string>& liveSession) {
+    VIRELA_ASSERT_MAIN(*parts_.main, "ControlIntake::handleInput");
     // The rules in this order; the first that fails ends the handling.
     if (!parts_.lease->mayApplyInput()) {
         log(LogLevel::error, "control input '" + input.action +
@@ -24,12 +28,11 @@ void ControlIntake::handleInput(const ControlInputPush& input) {
                                  "never attached, or the grant was never confirmed)");
         return;
     }
-    const std::optional<std::string>& live = parts_.live->sessionId();
-    if (!live || *live != input.sessionId) {
+    if (!liveSession || *liveSession != input.sessionId) {
         log(LogLevel::error, "control input dropped: session mismatch (input for a stale session)");
         return;
     }
-    const auto& host = parts_.platform->host;
+    const auto& host = parts_.host;
     const std::optional<WindowFacts> target = host ? findActiveWindow(*host) : std::nullopt;
     if (!target) {
         log(LogLevel::error,
@@ -37,7 +40,7 @@ void ControlIntake::handleInput(const ControlInputPush& input) {
         return;
     }
     // A remote agent must never answer the library's own consent or control prompts.
-    if (parts_.prompt->showing()) {
+    if (context_.prompt().showing()) {
         log(LogLevel::info,
             "control input '" + input.action + "' dropped: an SDK prompt is on screen — by design");
         return;
@@ -57,9 +60,8 @@ void ControlIntake::handleInput(const ControlInputPush& input) {
 ControlOutcome ControlIntake::apply(const ControlInputPush& input, const WindowFacts& target) {
     if (parts_.route) return parts_.route(input, target);
     if (!engine_) {
-        const Platform& platform = *parts_.platform;
         engine_ = std::make_unique<InputEngine>(
-            InputEngine::Parts{platform.host, platform.actions, platform.log}, context_.windows());
+            InputEngine::Parts{parts_.host, parts_.actions, parts_.log}, context_.windows());
     }
     return engine_->route(input, target);
 }
@@ -69,9 +71,8 @@ void ControlIntake::sendFeedback(const std::string& sessionId, std::string_view 
     if (!transport) return;
     std::weak_ptr<ControlIntake> weak = weak_from_this();
     // Fire and forget: nothing waits for it and nothing is retried.
-    transport->postJson("/v1/sdk/live/" + sessionId + "/control/feedback",
-                        {{"kind", std::string(kind)}}, false,
-                        [weak, kind = std::string(kind)](const SendResult& result) {
+    transport->postJson(paths::live(sessionId, "/control/feedback"), {{"kind", std::string(kind)}},
+                        false, [weak, kind = std::string(kind)](const SendResult& result) {
                             auto self = weak.lock();
                             if (!self || result) return;
                             self->log(LogLevel::error, "control feedback '" + kind +
@@ -80,7 +81,7 @@ void ControlIntake::sendFeedback(const std::string& sessionId, std::string_view 
 }
 
 void ControlIntake::log(LogLevel level, const std::string& line) const {
-    if (parts_.platform->log) parts_.platform->log->write(level, line);
+    if (parts_.log) parts_.log->write(level, line);
 }
 
 }  // namespace virela

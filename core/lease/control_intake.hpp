@@ -4,22 +4,21 @@
 // the moment it arrives (the lease, the live session, a window to act on, a prompt of ours on
 // screen) and, when nothing stops it, handed to the input engine; a menu that opened or a menu
 // item that could not run is reported to the agent's console. Drops are only logged, never
-// answered. Holds no state of its own. Main executor only.
+// answered. Main executor only.
 
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 
-#include "core/flow/consent_prompt.hpp"
 #include "core/control/input_engine.hpp"
-#include "core/flow/flow_context.hpp"
 #include "core/lease/control_lease.hpp"
-#include "core/live/live_session.hpp"
-#include "core/ports/platform.hpp"
+#include "core/ports/log.hpp"
 #include "core/wire/push_records.hpp"
 
 namespace virela {
+
+class FlowContext;
 
 class ControlIntake : public std::enable_shared_from_this<ControlIntake> {
   public:
@@ -27,21 +26,23 @@ class ControlIntake : public std::enable_shared_from_this<ControlIntake> {
     using Route = std::function<ControlOutcome(const ControlInputPush&, const WindowFacts& target)>;
 
     struct Parts {
-        std::shared_ptr<const Platform> platform;
-        std::shared_ptr<ConsentPrompt> prompt;
-        std::shared_ptr<LiveSessionFlow> live;
+        std::shared_ptr<MainExecutor> main;
+        std::shared_ptr<Log> log;
+        std::shared_ptr<HostInterface> host;
+        std::shared_ptr<HostActions> actions;
         std::shared_ptr<ControlLease> lease;
         // Empty: the input engine over the platform's host, actions and log. Tests put their
         // own here to see which inputs would land.
         Route route;
     };
-    // `context` is the client that owns the intake and outlives it.
+    // `context` outlives the intake.
     static std::shared_ptr<ControlIntake> create(Parts parts, FlowContext& context);
     ~ControlIntake();
     ControlIntake(const ControlIntake&) = delete;
     ControlIntake& operator=(const ControlIntake&) = delete;
 
-    void handleInput(const ControlInputPush& input);
+    // One input, judged against the live session running now (none: `liveSession` is empty).
+    void handleInput(const ControlInputPush& input, const std::optional<std::string>& liveSession);
 
   private:
     ControlIntake(Parts parts, FlowContext& context);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/base/handles.hpp"
+#include "core/lease/control_lease.hpp"
 #include "core/ports/clock.hpp"
 #include "core/ports/host.hpp"
 #include "core/ports/overlay.hpp"
@@ -34,7 +35,7 @@ inline constexpr std::string_view snapshotWithMarks =
 // noHandle without a window or root view controller.
 HostHandle topScreen(HostInterface& host, HostActions* actions, HostHandle window);
 
-class LiveOverlay : public std::enable_shared_from_this<LiveOverlay> {
+class LiveOverlay final : public ControlBanner, public std::enable_shared_from_this<LiveOverlay> {
   public:
     struct Parts {
         std::shared_ptr<OverlayPresenter> presenter;
@@ -54,9 +55,9 @@ class LiveOverlay : public std::enable_shared_from_this<LiveOverlay> {
     void hide();
     bool isShowing() const;
 
-    bool showControlBanner(std::function<void()> onTakeBack);
-    void hideControlBanner();
-    bool isShowingControlBanner() const;
+    bool showControlBanner(std::function<void()> onTakeBack) override;
+    void hideControlBanner() override;
+    bool isShowingControlBanner() const override;
 
     // A toast for a live note; false, changing nothing, while the overlay is not shown.
     bool showNote(LiveNoteKind kind, bool withMarks);

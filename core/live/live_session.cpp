@@ -3,12 +3,15 @@
 #include "core/base/errors.hpp"
 #include "core/base/url.hpp"
 #include "core/capture/capture.hpp"
-#include "core/flow/sheets.hpp"
 #include "core/control/windows.hpp"
+#include "core/flow/consent_prompt.hpp"
+#include "core/flow/flow_context.hpp"
+#include "core/flow/indicator_confirmations.hpp"
+#include "core/flow/sheets.hpp"
 #include "core/ports/fatal.hpp"
-#include "core/ports/log.hpp"
 #include "core/transport/transport.hpp"
 #include "core/wire/device_records.hpp"
+#include "core/wire/sdk_paths.hpp"
 
 namespace virela {
 
@@ -17,17 +20,10 @@ namespace {
 constexpr double kFrameInterval = 1.0 / 3;
 constexpr double kVisibleStateInterval = 10;
 
-std::string livePath(const std::string& sessionId, std::string_view what) {
-    return "/v1/sdk/live/" + sessionId + std::string(what);
-}
-std::string promptShownPath(const std::string& promptId) {
-    return "/v1/sdk/prompts/" + promptId + "/shown";
-}
-
 // The session id goes into paths as it arrives; one that would not make a valid path is
 // refused up front, so that sharing never starts without a way to answer or upload.
 bool usableInPath(const std::string& sessionId) {
-    return Url::parse(livePath(sessionId, "/respond")).has_value();
+    return Url::parse(paths::live(sessionId, "/respond")).has_value();
 }
 
 // The backend no longer knows the session.
@@ -54,7 +50,19 @@ std::shared_ptr<LiveSessionFlow> LiveSessionFlow::create(Parts parts, FlowContex
 }
 
 LiveSessionFlow::LiveSessionFlow(Parts parts, FlowContext& context)
-    : parts_(std::move(parts)), context_(context) {}
+    : parts_(std::move(parts)),
+      context_(context),
+      indicators_(std::make_shared<IndicatorConfirmations>(context, parts_.log)) {
+    lease_ = ControlLease::create(
+        {parts_.main, parts_.log, parts_.host, parts_.overlay, indicators_}, context);
+    intake_ = ControlIntake::create({.main = parts_.main,
+                                     .log = parts_.log,
+                                     .host = parts_.host,
+                                     .actions = parts_.actions,
+                                     .lease = lease_,
+                                     .route = std::move(parts_.applyInput)},
+                                    context);
+}
 
 LiveSessionFlow::~LiveSessionFlow() {
     if (frameTimer_) frameTimer_->cancel();
@@ -62,12 +70,12 @@ LiveSessionFlow::~LiveSessionFlow() {
 }
 
 void LiveSessionFlow::handleLive(const LivePush& push) {
-    VIRELA_ASSERT_MAIN(*parts_.platform->main, "LiveSessionFlow::handleLive");
+    VIRELA_ASSERT_MAIN(*parts_.main, "LiveSessionFlow::handleLive");
     if (push.state != LiveState::ended && !usableInPath(push.sessionId)) {
-        if (parts_.platform->log) {
-            parts_.platform->log->write(LogLevel::error, "live request dropped: session id \"" +
-                                                             push.sessionId +
-                                                             "\" cannot form a request path");
+        if (parts_.log) {
+            parts_.log->write(LogLevel::error, "live request dropped: session id \"" +
+                                                   push.sessionId +
+                                                   "\" cannot form a request path");
         }
         return;
     }
@@ -80,57 +88,57 @@ void LiveSessionFlow::handleLive(const LivePush& push) {
             sharingGeneration_ = push.generation;
             if (sharingGeneration_ && sessionId_ == push.sessionId && parts_.overlay &&
                 parts_.overlay->isShowing()) {
-                confirmIndicator(push.sessionId, "sharing", *sharingGeneration_);
+                indicators_->confirm(push.sessionId, "sharing", *sharingGeneration_);
             }
             return;
         case LiveState::ended:
-            parts_.prompt->cancelExpiry();
-            parts_.prompt->dismiss();
+            context_.prompt().cancelExpiry();
+            context_.prompt().dismiss();
             endLocally();
             return;
     }
 }
 
 void LiveSessionFlow::ask(const LivePush& push) {
-    const auto& host = parts_.platform->host;
+    const auto& host = parts_.host;
     // Without an overlay sharing could never start; the customer is not asked for nothing.
     if (!context_.registration() || !host || !parts_.overlay) return;
     const std::optional<WindowFacts> window = findCaptureWindow(*host);
     if (!window) return;
 
     answering_.reset();  // a newer request replaces an answer still on its way
-    parts_.prompt->dismiss();
+    context_.prompt().dismiss();
     if (const auto& shown = context_.callbacks().onRequestShown) shown();
 
     const ConsentSheet sheet = makeConsentSheet(
         CaptureMode::liveView, push.consentCopy.value_or(std::string(liveDefaultConsentCopy)),
         push.agentName, push.workspaceName, push.logoUrl);
     std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
-    parts_.prompt->showConsent(window->handle, sheet, ConsentPrompt::Showing::consent,
-                               [weak, sessionId = push.sessionId](ConsentPrompt::Choice choice) {
-                                   if (auto self = weak.lock()) {
-                                       self->answer(sessionId,
-                                                    choice == ConsentPrompt::Choice::allow);
-                                   }
-                               });
+    context_.prompt().showConsent(window->handle, sheet, ConsentPrompt::Showing::consent,
+                                  [weak, sessionId = push.sessionId](ConsentPrompt::Choice choice) {
+                                      if (auto self = weak.lock()) {
+                                          self->answer(sessionId,
+                                                       choice == ConsentPrompt::Choice::allow);
+                                      }
+                                  });
     if (push.expiresAt) {
-        parts_.prompt->armExpiry(*parts_.clock, *push.expiresAt, [weak] {
+        context_.prompt().armExpiry(*parts_.clock, *push.expiresAt, [weak] {
             auto self = weak.lock();
             if (!self) return;
             if (const auto& expired = self->context_.callbacks().onExpired) expired();
         });
     }
-    reportPromptShown(push.promptId);
+    context_.reportPromptShown(push.promptId);
 }
 
 void LiveSessionFlow::answer(const std::string& sessionId, bool allow) {
-    parts_.prompt->cancelExpiry();
+    context_.prompt().cancelExpiry();
     auto transport = context_.transport();
     if (!transport) fatalPrecondition("a live answer needs the transport that configure made");
     if (allow) answering_ = sessionId;
     std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
     transport->postJson(
-        livePath(sessionId, "/respond"), {{"allow", allow}}, false,
+        paths::live(sessionId, "/respond"), {{"allow", allow}}, false,
         [weak, sessionId, allow, epoch = context_.epoch()](const SendResult& result) {
             auto self = weak.lock();
             if (!self || !self->context_.isCurrent(epoch)) return;
@@ -149,7 +157,7 @@ void LiveSessionFlow::start(const std::string& sessionId) {
     // A repeated "active", or one that follows our own start, changes nothing.
     if (sessionId_ == sessionId && frameTimer_) return;
     endLocally();
-    const auto& host = parts_.platform->host;
+    const auto& host = parts_.host;
     if (!host) return;
     const std::optional<WindowFacts> window = findCaptureWindow(*host);
     if (!window) return;
@@ -183,18 +191,17 @@ void LiveSessionFlow::start(const std::string& sessionId) {
 }
 
 void LiveSessionFlow::frameTick(const std::string& sessionId) {
-    const auto& platform = *parts_.platform;
-    if (platform.lifecycle && platform.lifecycle->inBackground()) return;
+    if (parts_.lifecycle && parts_.lifecycle->inBackground()) return;
     if (sessionId_ != sessionId) return;
     // The screen may have changed under the agent's marks since the last tick.
     if (parts_.overlay) parts_.overlay->checkScreen();
 
     std::vector<std::uint8_t> jpeg;
     try {
-        if (!platform.renderer) return;
+        if (!parts_.renderer) return;
         if (!capture_) {
-            capture_ = std::make_unique<ScreenCapture>(context_.windows(), platform.renderer,
-                                                       platform.log);
+            capture_ =
+                std::make_unique<ScreenCapture>(context_.windows(), parts_.renderer, parts_.log);
         }
         jpeg = capture_->capture(true);
     } catch (const VirelaError&) {
@@ -208,7 +215,7 @@ void LiveSessionFlow::frameTick(const std::string& sessionId) {
     std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
     // Not held back by the uploads still out: a slow backend never delays the next tick, and
     // the request timeout bounds how many can be out at once.
-    transport->send(transport->imageUploadRequest(livePath(sessionId, "/frame"), bytes),
+    transport->send(transport->imageUploadRequest(paths::live(sessionId, "/frame"), bytes),
                     [weak, sessionId](const SendResult& result) {
                         auto self = weak.lock();
                         if (!self || result || !sessionGone(result.error)) return;
@@ -222,7 +229,7 @@ void LiveSessionFlow::customerStop() {
     auto transport = context_.transport();
     if (!stopped || !transport) return;
     // Only a report: the session has already ended here.
-    transport->postJson(livePath(*stopped, "/respond"), {{"allow", false}}, false,
+    transport->postJson(paths::live(*stopped, "/respond"), {{"allow", false}}, false,
                         [](const SendResult&) {});
 }
 
@@ -237,7 +244,7 @@ void LiveSessionFlow::endLocally() {
     sharingGeneration_.reset();
     recordingGeneration_.reset();
     if (parts_.overlay) parts_.overlay->hide();
-    if (parts_.onStopped) parts_.onStopped();
+    lease_->endLocally();
     if (!ended) return;
     if (const auto& onLiveEnded = context_.callbacks().onLiveEnded)
         onLiveEnded(LiveSession{*ended});
@@ -249,9 +256,9 @@ void LiveSessionFlow::visibleStateCheck(const std::string& sessionId) {
         endLocally();
         return;
     }
-    if (sharingGeneration_) confirmIndicator(sessionId, "sharing", *sharingGeneration_);
-    if (recordingGeneration_) confirmIndicator(sessionId, "recording", *recordingGeneration_);
-    if (parts_.onVisibleStateCheck) parts_.onVisibleStateCheck(sessionId);
+    if (sharingGeneration_) indicators_->confirm(sessionId, "sharing", *sharingGeneration_);
+    if (recordingGeneration_) indicators_->confirm(sessionId, "recording", *recordingGeneration_);
+    lease_->visibleStateCheck(sessionId);
 }
 
 void LiveSessionFlow::handleNote(const LiveNotePush& push) {
@@ -259,16 +266,16 @@ void LiveSessionFlow::handleNote(const LiveNotePush& push) {
     switch (push.kind) {
         case LiveNoteKind::frameSaved:
             if (parts_.overlay->showNote(LiveNoteKind::frameSaved, push.guides.value_or(false))) {
-                reportPromptShown(push.promptId);
+                context_.reportPromptShown(push.promptId);
             }
             return;
         case LiveNoteKind::recordingStarted:
             // A recording the customer was not shown is not confirmed to the backend.
             if (!parts_.overlay->showNote(LiveNoteKind::recordingStarted, false)) return;
-            reportPromptShown(push.promptId);
+            context_.reportPromptShown(push.promptId);
             recordingGeneration_ = push.generation;
             if (recordingGeneration_) {
-                confirmIndicator(*sessionId_, "recording", *recordingGeneration_);
+                indicators_->confirm(*sessionId_, "recording", *recordingGeneration_);
             }
             return;
         case LiveNoteKind::recordingStopped:
@@ -277,48 +284,28 @@ void LiveSessionFlow::handleNote(const LiveNotePush& push) {
     }
 }
 
+void LiveSessionFlow::handleControl(const ControlPush& push) {
+    // Control exists only inside the live session it belongs to.
+    if (!sessionId_ || *sessionId_ != push.sessionId) return;
+    lease_->handleControl(push);
+}
+
+void LiveSessionFlow::handleInput(const ControlInputPush& push) {
+    intake_->handleInput(push, sessionId_);
+}
+
+void LiveSessionFlow::onEnterForeground() {
+    std::optional<ControlPush> held = lease_->takePending();
+    if (!held) return;
+    std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
+    parts_.main->post([weak, held = std::move(*held)] {
+        if (auto self = weak.lock()) self->handleControl(held);
+    });
+}
+
 void LiveSessionFlow::handleGuide(const GuidePush& push) {
     if (!sessionId_ || push.sessionId != *sessionId_ || !parts_.overlay) return;
     parts_.overlay->drawGuide(push);
-}
-
-void LiveSessionFlow::confirmIndicator(const std::string& sessionId, const std::string& kind,
-                                       const std::string& generation) {
-    auto transport = context_.transport();
-    if (!transport) {
-        fatalPrecondition("an indicator confirmation needs the transport that configure made");
-    }
-    std::weak_ptr<LiveSessionFlow> weak = weak_from_this();
-    transport->postJson(
-        livePath(sessionId, "/indicator"), {{"kind", kind}, {"generation", generation}}, false,
-        [weak, kind](const SendResult& result) {
-            auto self = weak.lock();
-            if (!self || result) return;
-            const auto& log = self->parts_.platform->log;
-            if (!log) return;
-            // The device changes nothing: the backend enforces the lease, and the next check
-            // tries again.
-            try {
-                std::rethrow_exception(result.error);
-            } catch (const VirelaError& e) {
-                log->write(LogLevel::error,
-                           "indicator confirm '" + kind +
-                               "' refused: " + std::to_string(e.status()) + " " + e.code() +
-                               " — the backend does not hold this lease; input/frames of this "
-                               "kind are being dropped");
-            } catch (...) {
-                log->write(LogLevel::error,
-                           "indicator confirm '" + kind + "' failed: " + describe(result.error));
-            }
-        });
-}
-
-void LiveSessionFlow::reportPromptShown(const std::optional<std::string>& promptId) {
-    auto transport = context_.transport();
-    if (!promptId || promptId->empty() || !transport || !Url::parse(promptShownPath(*promptId))) {
-        return;
-    }
-    transport->postJson(promptShownPath(*promptId), {}, false, [](const SendResult&) {});
 }
 
 }  // namespace virela

@@ -4,7 +4,9 @@
 // answer goes to the backend, and once sharing runs a fresh redacted JPEG goes up three times a
 // second while the overlay shows the customer that they are watched and lets them stop it. Live
 // notes put toasts on the overlay and have the recording indicator confirmed; guides draw on it.
-// Every ending goes through endLocally(), which calls onLiveEnded once for a session that ran.
+// Remote control exists only inside a session, so the flow owns the control lease and the intake
+// of remote input, and hands them the pushes of its own session. Every ending goes through
+// endLocally(), which ends control too and calls onLiveEnded once for a session that ran.
 // Confined to the main executor.
 
 #include <functional>
@@ -13,15 +15,19 @@
 #include <string>
 #include <string_view>
 
-#include "core/flow/consent_prompt.hpp"
-#include "core/flow/flow_context.hpp"
+#include "core/lease/control_intake.hpp"
+#include "core/lease/control_lease.hpp"
 #include "core/live/live_overlay.hpp"
 #include "core/ports/clock.hpp"
-#include "core/ports/platform.hpp"
+#include "core/ports/lifecycle.hpp"
+#include "core/ports/log.hpp"
 #include "core/wire/push_records.hpp"
 
 namespace virela {
 
+class FlowContext;
+class IndicatorConfirmations;
+class Renderer;
 class ScreenCapture;
 
 // The default live consent copy, used when the push carries none.
@@ -36,22 +42,23 @@ std::string viewMessage(std::string_view kind, std::string_view sessionId);
 class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
   public:
     struct Parts {
-        std::shared_ptr<const Platform> platform;
+        std::shared_ptr<MainExecutor> main;
+        std::shared_ptr<Log> log;
+        std::shared_ptr<HostInterface> host;
+        std::shared_ptr<HostActions> actions;  // for remote input
+        std::shared_ptr<Renderer> renderer;
+        std::shared_ptr<AppLifecycle> lifecycle;
         std::shared_ptr<VirelaClock> clock;
-        std::shared_ptr<ConsentPrompt> prompt;
         // Empty on a platform without an overlay: sharing then never starts, since the customer
         // must see that they are watched.
         std::shared_ptr<LiveOverlay> overlay;
         // Sends one text message on the realtime channel when it is connected; nothing
         // otherwise.
         std::function<void(const std::string& text)> sendText;
-        // Remote control lives in a layer above this one and belongs to the session: it ends
-        // with every teardown, and its banner is checked on the 10-second tick while the
-        // session still runs (after the sharing and recording confirmations).
-        std::function<void()> onStopped;
-        std::function<void(const std::string& sessionId)> onVisibleStateCheck;
+        // Empty: the input engine. Tests put their own here to see which inputs would land.
+        ControlIntake::Route applyInput;
     };
-    // `context` is the client that owns the flow and outlives it.
+    // `context` outlives the flow.
     static std::shared_ptr<LiveSessionFlow> create(Parts parts, FlowContext& context);
     ~LiveSessionFlow();
     LiveSessionFlow(const LiveSessionFlow&) = delete;
@@ -60,8 +67,14 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
     void handleLive(const LivePush& push);
     void handleNote(const LiveNotePush& push);
     void handleGuide(const GuidePush& push);
-    // The one teardown: timers, generations, the overlay; onLiveEnded when a session ran.
+    void handleControl(const ControlPush& push);
+    void handleInput(const ControlInputPush& push);
+    // The one teardown: timers, generations, control, the overlay; onLiveEnded when a session
+    // ran.
     void endLocally();
+    // Asks again, in a later turn, for the control request that came while the app had no
+    // window.
+    void onEnterForeground();
 
     const std::optional<std::string>& sessionId() const noexcept { return sessionId_; }
     const std::optional<std::string>& sharingGeneration() const noexcept {
@@ -71,11 +84,7 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
         return recordingGeneration_;
     }
 
-    // One confirmation that the indicator of `kind` is on screen under `generation`; a refusal
-    // or failure is only logged. Every kind ("sharing", "recording", "control") goes through
-    // here.
-    void confirmIndicator(const std::string& sessionId, const std::string& kind,
-                          const std::string& generation);
+    const ControlLease& lease() const noexcept { return *lease_; }
 
   private:
     LiveSessionFlow(Parts parts, FlowContext& context);
@@ -86,7 +95,6 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
     void frameTick(const std::string& sessionId);
     void customerStop();
     void visibleStateCheck(const std::string& sessionId);
-    void reportPromptShown(const std::optional<std::string>& promptId);
 
     Parts parts_;
     FlowContext& context_;
@@ -99,6 +107,9 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
     std::shared_ptr<VirelaCancellable> frameTimer_;
     std::shared_ptr<VirelaCancellable> visibleStateTimer_;
     std::unique_ptr<ScreenCapture> capture_;
+    std::shared_ptr<IndicatorConfirmations> indicators_;
+    std::shared_ptr<ControlLease> lease_;
+    std::shared_ptr<ControlIntake> intake_;
 };
 
 }  // namespace virela
