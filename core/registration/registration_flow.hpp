@@ -52,9 +52,9 @@ class RegistrationFlow : public std::enable_shared_from_this<RegistrationFlow> {
                    const std::optional<VirelaUser>& user, bool collectVendorId, Completion done);
     // Fire and forget; failures are swallowed. Stops the process before the first configure.
     void identify(const std::string& id, const std::optional<std::string>& name,
-                  const std::optional<std::string>& phone, std::function<void()> done);
+                  const std::optional<std::string>& phone, std::function<void()> done = {});
     // A new epoch, and the backend's new support code once it answers.
-    void reset(std::function<void()> done);
+    void reset(std::function<void()> done = {});
     // A new epoch; the registration is kept, but nothing is brought up until the next
     // configure.
     void stop();
