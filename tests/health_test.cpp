@@ -77,7 +77,7 @@ TEST(HealthReport, BodyHasTheEightKeysInOrder) {
 TEST(NetworkProbe, AnswersOnceAndIgnoresAnUpdateAfterTheTimeout) {
     FakePlatform fake;
     fake.paths->answerOnStart = false;
-    DeviceHealth health(fake.platform);
+    DeviceHealth health(HealthPorts::of(*fake.platform));
     std::vector<std::optional<std::string>> answers;
     health.collectNetwork([&](std::optional<std::string> name) { answers.push_back(name); });
     fake.executor->drain();

@@ -96,7 +96,7 @@ class RegistrationFlowTest : public ::testing::Test {
     std::shared_ptr<RegistrationFlow> makeFlow() {
         return RegistrationFlow::create(
             {fake.platform->main, fake.platform->defaults, fake.platform->device,
-             DeviceHealth(fake.platform), transportFactory(fake),
+             DeviceHealth(HealthPorts::of(*fake.platform)), transportFactory(fake),
              [this](const Transport&, const RegisterResult&) { ++broughtUp; }});
     }
     std::exception_ptr configure(const std::string& key = "key-a") {
@@ -183,7 +183,7 @@ TEST(RegistrationFlowDeathTest, IdentifyOrResetBeforeConfigureStopsTheProcess) {
     auto client = RegistrationFlow::create({fake.platform->main,
                                             fake.platform->defaults,
                                             fake.platform->device,
-                                            DeviceHealth(fake.platform),
+                                            DeviceHealth(HealthPorts::of(*fake.platform)),
                                             transportFactory(fake),
                                             {}});
     EXPECT_DEATH(client->identify("u", std::nullopt, std::nullopt),

@@ -37,7 +37,7 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
         {.main = p.main,
          .defaults = p.defaults,
          .device = p.device,
-         .health = DeviceHealth(platform_),
+         .health = DeviceHealth(HealthPorts::of(p)),
          .makeTransport = std::move(makeTransport),
          .onRegistered = [this](const Transport& transport, const RegisterResult& registration) {
              bringUp(transport, registration);
@@ -61,7 +61,7 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
              },
          .applyInput = std::move(options.applyInput)},
         *this);
-    health_ = HealthReporter::create(platform_, *this);
+    health_ = HealthReporter::create(HealthPorts::of(p), *this);
 }
 
 VirelaClient::~VirelaClient() {

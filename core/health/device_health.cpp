@@ -130,11 +130,10 @@ JsonFields reportBody(const DeviceHealthSnapshot& s) {
 
 }  // namespace health
 
-DeviceHealth::DeviceHealth(std::shared_ptr<const Platform> platform)
-    : platform_(std::move(platform)) {}
+DeviceHealth::DeviceHealth(HealthPorts ports) : ports_(std::move(ports)) {}
 
 DeviceHealth::UIKitFields DeviceHealth::readUIKitFields() const {
-    const MainThreadFacts facts = platform_->device->readMainThreadFacts();
+    const MainThreadFacts facts = ports_.device->readMainThreadFacts();
     return UIKitFields{
         health::batteryText(facts.batteryLevel),    health::batteryStateText(facts.batteryState),
         health::appearanceText(facts.appearance),   health::textSizeName(facts.textSize),
@@ -143,8 +142,8 @@ DeviceHealth::UIKitFields DeviceHealth::readUIKitFields() const {
 }
 
 void DeviceHealth::collectNetwork(std::function<void(std::optional<std::string>)> done) const {
-    auto queue = platform_->makeSerialQueue("com.virela.deviceHealth.network");
-    auto monitor = platform_->makePathMonitor();
+    auto queue = ports_.makeSerialQueue("com.virela.deviceHealth.network");
+    auto monitor = ports_.makePathMonitor();
     // Shared by the first update and the time-out, both on `queue`; whichever comes first
     // answers and cancels the monitor. The pending time-out owns the probe and the monitor's
     // handler only watches it, so nothing outlives the queue if it stops before an answer.
@@ -175,7 +174,7 @@ void DeviceHealth::collectNetwork(std::function<void(std::optional<std::string>)
 
 void DeviceHealth::collect(std::function<void(Snapshot)> done) const {
     Snapshot snapshot;
-    const DeviceFacts& device = *platform_->device;
+    const DeviceFacts& device = *ports_.device;
     snapshot.modelIdentifier = health::modelIdentifier(device.machine());
     if (auto bytes = device.availableStorageBytes(); bytes && *bytes >= 0) {
         snapshot.storage = health::sizeText(*bytes);
@@ -184,7 +183,7 @@ void DeviceHealth::collect(std::function<void(Snapshot)> done) const {
         snapshot.memory = health::sizeText(bytes);
     }
     auto self = *this;
-    auto main = platform_->main;
+    auto main = ports_.main;
     main->post([self, main, snapshot, done = std::move(done)]() mutable {
         UIKitFields fields = self.readUIKitFields();
         snapshot.battery = std::move(fields.battery);

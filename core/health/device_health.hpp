@@ -25,6 +25,18 @@ struct DeviceHealthSnapshot {
     friend bool operator==(const DeviceHealthSnapshot&, const DeviceHealthSnapshot&) = default;
 };
 
+// The ports the health card is read from.
+struct HealthPorts {
+    std::shared_ptr<MainExecutor> main;
+    std::shared_ptr<DeviceFacts> device;
+    std::function<std::shared_ptr<SerialQueue>(const std::string& label)> makeSerialQueue;
+    std::function<std::shared_ptr<PathMonitor>()> makePathMonitor;
+
+    static HealthPorts of(const Platform& platform) {
+        return {platform.main, platform.device, platform.makeSerialQueue, platform.makePathMonitor};
+    }
+};
+
 class DeviceHealth {
   public:
     using Snapshot = DeviceHealthSnapshot;
@@ -44,7 +56,7 @@ class DeviceHealth {
         bool resumed = false;
     };
 
-    explicit DeviceHealth(std::shared_ptr<const Platform> platform);
+    explicit DeviceHealth(HealthPorts ports);
 
     // Gathers every field; `done` runs on the main executor. Model, storage and memory are read
     // on the calling thread, the UIKit fields on the main thread, the network by the probe.
@@ -57,7 +69,7 @@ class DeviceHealth {
     UIKitFields readUIKitFields() const;  // main thread only
 
   private:
-    std::shared_ptr<const Platform> platform_;
+    HealthPorts ports_;
 };
 
 namespace health {

@@ -6,13 +6,12 @@
 
 namespace virela {
 
-std::shared_ptr<HealthReporter> HealthReporter::create(std::shared_ptr<const Platform> platform,
-                                                       FlowContext& context) {
-    return std::shared_ptr<HealthReporter>(new HealthReporter(std::move(platform), context));
+std::shared_ptr<HealthReporter> HealthReporter::create(HealthPorts ports, FlowContext& context) {
+    return std::shared_ptr<HealthReporter>(new HealthReporter(std::move(ports), context));
 }
 
-HealthReporter::HealthReporter(std::shared_ptr<const Platform> platform, FlowContext& context)
-    : platform_(std::move(platform)), context_(context) {}
+HealthReporter::HealthReporter(HealthPorts ports, FlowContext& context)
+    : ports_(std::move(ports)), context_(context) {}
 
 HealthReporter::~HealthReporter() {
     stop();
@@ -20,11 +19,11 @@ HealthReporter::~HealthReporter() {
 
 void HealthReporter::start() {
     stop();
-    if (!platform_->makePathMonitor || !platform_->makeSerialQueue) return;
-    auto queue = platform_->makeSerialQueue("virela.network");
-    pathMonitor_ = platform_->makePathMonitor();
+    if (!ports_.makePathMonitor || !ports_.makeSerialQueue) return;
+    auto queue = ports_.makeSerialQueue("virela.network");
+    pathMonitor_ = ports_.makePathMonitor();
     std::weak_ptr<HealthReporter> weak = weak_from_this();
-    auto main = platform_->main;
+    auto main = ports_.main;
     pathMonitor_->start(queue, [weak, main](const NetworkPath&) {
         main->post([weak] {
             if (auto self = weak.lock()) self->report();
@@ -38,7 +37,7 @@ void HealthReporter::stop() {
 }
 
 void HealthReporter::report(std::function<void()> done) {
-    VIRELA_ASSERT_MAIN(*platform_->main, "HealthReporter::report");
+    VIRELA_ASSERT_MAIN(*ports_.main, "HealthReporter::report");
     if (inFlight_) {
         // Deciding now would compare against a report that may still fail.
         waiting_.push_back(std::move(done));
@@ -54,7 +53,7 @@ void HealthReporter::send(std::function<void()> done) {
     }
     inFlight_ = true;
     std::weak_ptr<HealthReporter> weak = weak_from_this();
-    DeviceHealth(platform_).collect(
+    DeviceHealth(ports_).collect(
         [weak, done = std::move(done)](const DeviceHealthSnapshot& snapshot) {
             auto self = weak.lock();
             if (!self) return;

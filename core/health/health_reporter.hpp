@@ -12,15 +12,14 @@
 #include <vector>
 
 #include "core/flow/flow_context.hpp"
-#include "core/ports/platform.hpp"
+#include "core/health/device_health.hpp"
 
 namespace virela {
 
 class HealthReporter : public std::enable_shared_from_this<HealthReporter> {
   public:
     // `context` is the client that owns the reporter and outlives it.
-    static std::shared_ptr<HealthReporter> create(std::shared_ptr<const Platform> platform,
-                                                  FlowContext& context);
+    static std::shared_ptr<HealthReporter> create(HealthPorts ports, FlowContext& context);
     ~HealthReporter();
     HealthReporter(const HealthReporter&) = delete;
     HealthReporter& operator=(const HealthReporter&) = delete;
@@ -35,11 +34,11 @@ class HealthReporter : public std::enable_shared_from_this<HealthReporter> {
     void report(std::function<void()> done = {});
 
   private:
-    HealthReporter(std::shared_ptr<const Platform> platform, FlowContext& context);
+    HealthReporter(HealthPorts ports, FlowContext& context);
     void send(std::function<void()> done);
     void finish(const std::optional<std::string>& network, bool accepted);
 
-    std::shared_ptr<const Platform> platform_;
+    HealthPorts ports_;
     FlowContext& context_;
     std::shared_ptr<PathMonitor> pathMonitor_;
     std::optional<std::string> lastNetworkSent_;

@@ -23,6 +23,9 @@ class MainExecutor {
   public:
     virtual ~MainExecutor() = default;
     virtual void post(std::function<void()> work) = 0;
+    // The platform's timers. Core schedules delayed and repeating work only through
+    // VirelaClock's named timers, which SystemClock builds on these two, so that a test drives
+    // every timer of the library from one ManualClock.
     virtual std::shared_ptr<VirelaCancellable> postAfter(double seconds,
                                                          std::function<void()> work) = 0;
     virtual std::shared_ptr<VirelaCancellable> repeat(double interval,
@@ -38,6 +41,9 @@ class SerialQueue {
   public:
     virtual ~SerialQueue() = default;
     virtual void post(std::function<void()> work) = 0;
+    // The platform's timers. Core schedules delayed and repeating work only through
+    // VirelaClock's named timers, which SystemClock builds on these two, so that a test drives
+    // every timer of the library from one ManualClock.
     virtual std::shared_ptr<VirelaCancellable> postAfter(double seconds,
                                                          std::function<void()> work) = 0;
 };
