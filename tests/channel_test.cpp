@@ -100,7 +100,7 @@ TEST_F(ChannelTest, BacksOffWithoutLimitAndOpenResetsTheCount) {
 TEST_F(ChannelTest, ReplacedSocketDiesQuietly) {
     auto old = fake.sockets.back();
     old->setState(SocketState::completed);
-    client->onEnterForeground();  // not running: connect at once
+    client->channel().onEnterForeground();  // not running: connect at once
     ASSERT_EQ(fake.sockets.size(), 2u);
     EXPECT_EQ(old->closeCode, 1000);
 
@@ -120,7 +120,7 @@ TEST_F(ChannelTest, StopClosesNormallyAndBlocksEveryReconnect) {
     EXPECT_FALSE(clock->isScheduled(TimerId::heartbeat));
 
     client->channel().scheduleReconnect();
-    client->onEnterForeground();
+    client->channel().onEnterForeground();
     fake.lifecycle->send(AppEvent::willEnterForeground);
     clock->advance(100);
     drain();
@@ -180,7 +180,7 @@ TEST_F(ChannelTest, BackgroundTaskEndsOnceTheStateIsSent) {
     client->stop();
     drain();
     fake.lifecycle->send(AppEvent::didEnterBackground);  // observers are gone after stop
-    client->onEnterBackground();                         // no socket: left to its expiry
+    client->channel().onEnterBackground();               // no socket: left to its expiry
     drain();
     EXPECT_EQ(fake.lifecycle->begun.size(), 2u);
     EXPECT_EQ(fake.lifecycle->ended.size(), 1u);

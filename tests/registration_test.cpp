@@ -20,13 +20,6 @@ constexpr const char* kRegistered =
     R"({"deviceId":"d1","deviceToken":"tok-1","supportCode":"111-222","consentCopy":"May we?",)"
     R"("captureMode":"PerSession","isTest":false,"extra":{"ignored":true}})";
 
-RegistrationFlow::TransportFactory transportFactory(const FakePlatform& fake) {
-    return [http = fake.platform->http, main = fake.platform->main](const Url& base,
-                                                                    const std::string& key) {
-        return std::make_shared<Transport>(base, key, http, main);
-    };
-}
-
 TEST(RegisterResult, DecodesStrictly) {
     auto ok = RegisterResult::decode(kRegistered);
     EXPECT_EQ(ok.deviceToken, "tok-1");
@@ -95,8 +88,12 @@ class RegistrationFlowTest : public ::testing::Test {
 
     std::shared_ptr<RegistrationFlow> makeFlow() {
         return RegistrationFlow::create(
-            {fake.platform->main, fake.platform->defaults, fake.platform->device,
-             DeviceHealth(HealthPorts::of(*fake.platform)), transportFactory(fake),
+            {fake.platform->main,
+             fake.platform->defaults,
+             fake.platform->device,
+             fake.platform->http,
+             DeviceHealth(HealthPorts::of(*fake.platform)),
+             {},
              [this](const Transport&, const RegisterResult&) { ++broughtUp; }});
     }
     std::exception_ptr configure(const std::string& key = "key-a") {
@@ -183,8 +180,9 @@ TEST(RegistrationFlowDeathTest, IdentifyOrResetBeforeConfigureStopsTheProcess) {
     auto client = RegistrationFlow::create({fake.platform->main,
                                             fake.platform->defaults,
                                             fake.platform->device,
+                                            fake.platform->http,
                                             DeviceHealth(HealthPorts::of(*fake.platform)),
-                                            transportFactory(fake),
+                                            {},
                                             {}});
     EXPECT_DEATH(client->identify("u", std::nullopt, std::nullopt),
                  "identify\\(\\) called before configure");

@@ -25,48 +25,30 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
     : platform_(std::move(platform)), clock_(std::move(options.clock)) {
     const Platform& p = *platform_;
     if (!clock_) clock_ = std::make_shared<SystemClock>(p.main);
-    TransportFactory makeTransport = std::move(options.transportFactory);
-    if (!makeTransport) {
-        makeTransport = [http = p.http, main = p.main](const Url& baseUrl, const std::string& key) {
-            return std::make_shared<Transport>(baseUrl, key, http, main);
-        };
-    }
     prompt_ = ConsentPrompt::create(p.prompts, p.http, p.main);
     // The flows hold this client by reference; they live and die with it.
     registration_ = RegistrationFlow::create(
-        {.main = p.main,
-         .defaults = p.defaults,
-         .device = p.device,
-         .health = DeviceHealth(HealthPorts::of(p)),
-         .makeTransport = std::move(makeTransport),
-         .onRegistered = [this](const Transport& transport, const RegisterResult& registration) {
+        {p.main, p.defaults, p.device, p.http, DeviceHealth(HealthPorts::of(p)),
+         std::move(options.transportFactory),
+         [this](const Transport& transport, const RegisterResult& registration) {
              bringUp(transport, registration);
          }});
     channel_ = RealtimeChannel::create(platform_, clock_);
     consent_ =
         CaptureConsentFlow::create({p.main, p.log, p.host, p.renderer, clock_, p.banner}, *this);
-    if (p.overlay && p.host) overlay_ = LiveOverlay::create({p.overlay, p.host, p.actions, clock_});
+    std::shared_ptr<LiveOverlay> overlay;  // none without an overlay presenter: no sharing
+    if (p.overlay && p.host) overlay = LiveOverlay::create({p.overlay, p.host, p.actions, clock_});
+    auto sendText = [weak = std::weak_ptr(channel_)](const std::string& text) {
+        if (auto channel = weak.lock()) channel->send(text);
+    };
     live_ = LiveSessionFlow::create(
-        {.main = p.main,
-         .log = p.log,
-         .host = p.host,
-         .actions = p.actions,
-         .renderer = p.renderer,
-         .lifecycle = p.lifecycle,
-         .clock = clock_,
-         .overlay = overlay_,
-         .sendText =
-             [channel = std::weak_ptr<RealtimeChannel>(channel_)](const std::string& text) {
-                 if (auto live = channel.lock()) live->send(text);
-             },
-         .applyInput = std::move(options.applyInput)},
+        {p.main, p.log, p.host, p.actions, p.renderer, p.lifecycle, clock_, std::move(overlay),
+         std::move(sendText), std::move(options.applyInput)},
         *this);
     health_ = HealthReporter::create(HealthPorts::of(p), *this);
 }
 
-VirelaClient::~VirelaClient() {
-    removeObservers();
-}
+VirelaClient::~VirelaClient() = default;
 
 namespace {
 template <class... Handler>
@@ -104,12 +86,22 @@ WindowRegistry& VirelaClient::windows() {
 
 void VirelaClient::configure(const Url& baseUrl, const std::string& key,
                              const std::optional<VirelaUser>& user, bool collectVendorId,
-                             Completion done) {
+                             RegistrationFlow::Completion done) {
     registration_->configure(baseUrl, key, user, collectVendorId, std::move(done));
 }
 
 void VirelaClient::bringUp(const Transport& transport, const RegisterResult& registration) {
-    installObservers();
+    std::weak_ptr<VirelaClient> weak = weak_from_this();
+    observers_.clear();
+    observers_.push_back(platform_->lifecycle->observe(AppEvent::didEnterBackground, [weak] {
+        if (auto self = weak.lock()) self->channel_->onEnterBackground();
+    }));
+    observers_.push_back(platform_->lifecycle->observe(AppEvent::willEnterForeground, [weak] {
+        if (auto self = weak.lock(); self && !self->registration_->stopped()) {
+            self->live_->onEnterForeground();  // a control request held in the background
+            self->channel_->onEnterForeground();
+        }
+    }));
     health_->start();
     channel_->start(transport.baseUrl(), registration.deviceToken);
 }
@@ -127,7 +119,7 @@ void VirelaClient::reset(std::function<void()> done) {
 void VirelaClient::stop() {
     VIRELA_ASSERT_MAIN(*platform_->main, "VirelaClient::stop");
     registration_->stop();
-    removeObservers();
+    observers_.clear();
     health_->stop();
     channel_->stop();
     endCallsSoon();
@@ -146,32 +138,6 @@ void VirelaClient::endCallsSoon() {
 
 void VirelaClient::showSupportCode() {
     consent_->showSupportCode();
-}
-
-void VirelaClient::installObservers() {
-    removeObservers();
-    std::weak_ptr<VirelaClient> weak = weak_from_this();
-    backgroundObserver_ = platform_->lifecycle->observe(AppEvent::didEnterBackground, [weak] {
-        if (auto self = weak.lock()) self->onEnterBackground();
-    });
-    foregroundObserver_ = platform_->lifecycle->observe(AppEvent::willEnterForeground, [weak] {
-        if (auto self = weak.lock()) self->onEnterForeground();
-    });
-}
-
-void VirelaClient::removeObservers() {
-    backgroundObserver_.reset();
-    foregroundObserver_.reset();
-}
-
-void VirelaClient::onEnterBackground() {
-    channel_->onEnterBackground();
-}
-
-void VirelaClient::onEnterForeground() {
-    if (registration_->stopped()) return;
-    live_->onEnterForeground();
-    channel_->onEnterForeground();
 }
 
 }  // namespace virela

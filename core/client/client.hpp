@@ -6,11 +6,11 @@
 //
 // Confined to the main executor: every member function except supportCode() runs there.
 
-#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "core/base/records.hpp"
 #include "core/flow/flow_context.hpp"
@@ -25,18 +25,14 @@ namespace virela {
 class CaptureConsentFlow;
 class ConsentPrompt;
 class HealthReporter;
-class LiveOverlay;
 class LiveSessionFlow;
 
 class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, public FlowContext {
   public:
-    using TransportFactory = RegistrationFlow::TransportFactory;
-    using Completion = RegistrationFlow::Completion;
-
     struct Options {
         std::shared_ptr<VirelaClock> clock;  // SystemClock over the platform's main executor
-        TransportFactory transportFactory;   // a Transport over the platform's HTTP client
-        ControlIntake::Route applyInput;     // the input engine; tests watch input land here
+        RegistrationFlow::TransportFactory transportFactory;  // over the platform's HTTP client
+        ControlIntake::Route applyInput;  // the input engine; tests watch input land here
     };
 
     static std::shared_ptr<VirelaClient> create(std::shared_ptr<const Platform> platform,
@@ -45,11 +41,11 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     VirelaClient(const VirelaClient&) = delete;
     VirelaClient& operator=(const VirelaClient&) = delete;
 
-    // Registers the device and brings the client up; see RegistrationFlow::configure. `done`
-    // receives nullptr or the failure (VirelaError, NetworkError, DecodingError,
-    // SerializationError) on the main executor.
+    // Registers the device and brings the client up; `done` receives nullptr or the failure
+    // (VirelaError, NetworkError, DecodingError, SerializationError) on the main executor.
     void configure(const Url& baseUrl, const std::string& key,
-                   const std::optional<VirelaUser>& user, bool collectVendorId, Completion done);
+                   const std::optional<VirelaUser>& user, bool collectVendorId,
+                   RegistrationFlow::Completion done);
     // Fire and forget; `done`, if given, runs on the main executor once the exchange is over.
     void identify(const std::string& id, const std::optional<std::string>& name,
                   const std::optional<std::string>& phone, std::function<void()> done = {});
@@ -65,10 +61,6 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     void setCallbacks(VirelaCallbacks callbacks) { callbacks_ = std::move(callbacks); }
     // Puts the support-code sheet over the app's window.
     void showSupportCode();
-
-    // The application-state handlers the lifecycle observers run.
-    void onEnterBackground();
-    void onEnterForeground();
 
     // FlowContext
     std::shared_ptr<Transport> transport() const override { return registration_->transport(); }
@@ -88,8 +80,6 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     ConsentPrompt& prompt() override { return *prompt_; }
 
     void bringUp(const Transport& transport, const RegisterResult& registration);
-    void installObservers();
-    void removeObservers();
     // Takes down, in a later turn of the main executor, what the customer was shown for the
     // calls so far: the sheet, a live session and the session banner.
     void endCallsSoon();
@@ -98,8 +88,7 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     std::shared_ptr<const Platform> platform_;
     std::shared_ptr<VirelaClock> clock_;
     VirelaCallbacks callbacks_;
-    std::unique_ptr<Subscription> backgroundObserver_;
-    std::unique_ptr<Subscription> foregroundObserver_;
+    std::vector<std::unique_ptr<Subscription>> observers_;  // of the app's state, while up
 
     // What the flows share, and the flows.
     std::shared_ptr<ConsentPrompt> prompt_;
@@ -107,7 +96,6 @@ class VirelaClient final : public std::enable_shared_from_this<VirelaClient>, pu
     std::shared_ptr<RegistrationFlow> registration_;
     std::shared_ptr<RealtimeChannel> channel_;
     std::shared_ptr<CaptureConsentFlow> consent_;
-    std::shared_ptr<LiveOverlay> overlay_;  // null without an overlay presenter
     std::shared_ptr<LiveSessionFlow> live_;
     std::shared_ptr<HealthReporter> health_;
 };

@@ -19,7 +19,14 @@ std::shared_ptr<RegistrationFlow> RegistrationFlow::create(Parts parts) {
     return std::shared_ptr<RegistrationFlow>(new RegistrationFlow(std::move(parts)));
 }
 
-RegistrationFlow::RegistrationFlow(Parts parts) : parts_(std::move(parts)) {}
+RegistrationFlow::RegistrationFlow(Parts parts) : parts_(std::move(parts)) {
+    if (!parts_.makeTransport) {
+        parts_.makeTransport = [http = parts_.http, main = parts_.main](const Url& baseUrl,
+                                                                        const std::string& key) {
+            return std::make_shared<Transport>(baseUrl, key, http, main);
+        };
+    }
+}
 
 std::string RegistrationFlow::installId(const std::string& key) {
     const std::string storageKey = kInstallIdKeyPrefix + key;

@@ -34,8 +34,9 @@ class RegistrationFlow : public std::enable_shared_from_this<RegistrationFlow> {
         std::shared_ptr<MainExecutor> main;
         std::shared_ptr<KeyValueStore> defaults;
         std::shared_ptr<DeviceFacts> device;
+        std::shared_ptr<HttpClient> http;
         DeviceHealth health;
-        TransportFactory makeTransport;
+        TransportFactory makeTransport;  // empty: a Transport over `http`
         // A registration was applied while the client runs: bring up what needs one.
         std::function<void(const Transport& transport, const RegisterResult& registration)>
             onRegistered;
