@@ -43,7 +43,7 @@ class ControlLeaseTest : public ::testing::Test {
 
     void SetUp() override {
         fake.platform->host = host;
-        fake.platform->actions = host;
+        fake.platform->actions = host->actions();
         fake.platform->prompts = prompts;
         fake.platform->overlay = overlay;
         VirelaClient::Options options{clock, {}};

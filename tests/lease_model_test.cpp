@@ -122,7 +122,7 @@ class Sequence {
   public:
     explicit Sequence(std::uint32_t seed) : random_(seed) {
         fake_.platform->host = host_;
-        fake_.platform->actions = host_;
+        fake_.platform->actions = host_->actions();
         fake_.platform->prompts = prompts_;
         fake_.platform->overlay = overlay_;
         VirelaClient::Options options{clock_, {}};

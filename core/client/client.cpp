@@ -95,8 +95,8 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
          .callAllowed = [banner = sessionBanner_] { return banner->countingDown(); }},
         *this);
     if (platform_->overlay && platform_->host) {
-        overlay_ =
-            LiveOverlay::create({platform_->overlay, platform_->host, platform_->actions, clock_});
+        overlay_ = LiveOverlay::create(
+            {platform_->overlay, platform_->host, platform_->actions.reader, clock_});
     }
     live_ = LiveSessionFlow::create(
         {.platform = platform_,

@@ -15,6 +15,7 @@
 #include "core/base/handles.hpp"
 #include "core/ports/clock.hpp"
 #include "core/ports/host.hpp"
+#include "core/ports/host_actions.hpp"
 #include "core/ports/overlay.hpp"
 #include "core/wire/push_records.hpp"
 
@@ -32,14 +33,14 @@ inline constexpr std::string_view snapshotWithMarks =
 // The screen the customer is on in `window`: from the root view controller, follow the presented
 // controller, else a navigation controller's top one, else a tab bar controller's selected one.
 // noHandle without a window or root view controller.
-HostHandle topScreen(HostInterface& host, HostActions* actions, HostHandle window);
+HostHandle topScreen(HostInterface& host, NodeReader* reader, HostHandle window);
 
 class LiveOverlay : public std::enable_shared_from_this<LiveOverlay> {
   public:
     struct Parts {
         std::shared_ptr<OverlayPresenter> presenter;
         std::shared_ptr<HostInterface> host;
-        std::shared_ptr<HostActions> actions;  // may be empty: no screen tracking then
+        std::shared_ptr<NodeReader> reader;  // may be empty: no screen tracking then
         std::shared_ptr<VirelaClock> clock;
     };
     static std::shared_ptr<LiveOverlay> create(Parts parts);

@@ -8,7 +8,7 @@
 
 #include <memory>
 
-#include "core/ports/host.hpp"
+#include "core/ports/host_actions.hpp"
 #include "platform/ios/objc/src/uikit_host.hpp"
 
 NS_ASSUME_NONNULL_BEGIN
@@ -16,7 +16,7 @@ NS_ASSUME_NONNULL_BEGIN
 namespace virela::ios {
 
 // Windows it hands out join `windows`, so the host interface reads them like any other.
-std::shared_ptr<HostActions> makeUIKitActions(std::shared_ptr<WindowHandles> windows);
+HostActions makeUIKitActions(std::shared_ptr<WindowHandles> windows);
 
 }  // namespace virela::ios
 

@@ -160,7 +160,11 @@ class ObjectHandles {
     NSUInteger sweepAt_ = kFirstSweep;
 };
 
-class UIKitActions final : public HostActions {
+class UIKitActions final : public NodeReader,
+                           public ResponderActions,
+                           public ControlActions,
+                           public ListActions,
+                           public MenuActions {
   public:
     explicit UIKitActions(std::shared_ptr<WindowHandles> windows) : windows_(std::move(windows)) {}
 
@@ -764,8 +768,9 @@ class UIKitActions final : public HostActions {
 
 }  // namespace
 
-std::shared_ptr<HostActions> makeUIKitActions(std::shared_ptr<WindowHandles> windows) {
-    return std::make_shared<UIKitActions>(std::move(windows));
+HostActions makeUIKitActions(std::shared_ptr<WindowHandles> windows) {
+    auto actions = std::make_shared<UIKitActions>(std::move(windows));
+    return {actions, actions, actions, actions, actions};
 }
 
 }  // namespace virela::ios
