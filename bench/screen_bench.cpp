@@ -171,7 +171,8 @@ void tapLadder(benchmark::State& state) {
     target->isAccessibilityElement = true;
     int activations = 0;
     target->onActivate = [&] { return ++activations > 0; };
-    InputEngine engine{{screen.host, screen.host, std::make_shared<NullLog>()}, registry};
+    InputEngine engine{{screen.host, screen.host->actions(), std::make_shared<NullLog>()},
+                       registry};
     const WindowFacts window = *screen.host->readWindow(screen.window->handle());
     const ControlInputPush tap{.action = "tap", .x = 200 / 390.0, .y = 420 / 844.0};
     for (auto _ : state) benchmark::DoNotOptimize(engine.route(tap, window));
@@ -240,7 +241,7 @@ void liveFrameTick(benchmark::State& state) {
     std::size_t bytes = 0;
     for (auto _ : state) {
         benchmark::DoNotOptimize(
-            topScreen(*screen.host, screen.host.get(), screen.window->handle()));
+            topScreen(*screen.host, screen.host->actions().reader.get(), screen.window->handle()));
         const std::vector<std::uint8_t> jpeg = screen.capture.capture(true);
         const auto request = transport.imageUploadRequest(
             "/v1/sdk/live/s-1/frame",

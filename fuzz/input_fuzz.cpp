@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     WindowRegistry registry(screen.host);
     screen.generate();
     testing::InputWatch watch(screen);
-    InputEngine engine{{screen.host, screen.host, nullptr}, registry};
+    InputEngine engine{{screen.host, screen.host->actions(), nullptr}, registry};
     const WindowFacts target = *screen.host->readWindow(screen.windows.front()->handle());
     static const char* const keys[] = {"backspace", "enter", "BACKSPACE", ""};
 

@@ -108,7 +108,7 @@ class ConsentFlowTest : public ::testing::Test {
 
     void SetUp() override {
         fake.platform->host = host;
-        fake.platform->actions = host;
+        fake.platform->actions = host->actions();
         fake.platform->renderer = std::make_shared<headless::HeadlessRenderer>();
         fake.platform->prompts = prompts;
         fake.platform->banner = banner;

@@ -21,7 +21,7 @@ class Input : public ::testing::Test {
     std::shared_ptr<HeadlessHost> host = std::make_shared<HeadlessHost>();
     WindowRegistry registry{host};
     std::shared_ptr<testing::RecordingLog> log = std::make_shared<testing::RecordingLog>();
-    InputEngine engine{{host, host, log}, registry};
+    InputEngine engine{{host, host->actions(), log}, registry};
     std::shared_ptr<Window> app = makeAppWindow(*host, {W, H});
     std::vector<std::uint64_t> events;
 
@@ -322,7 +322,7 @@ TEST_F(Input, WhatTheCaptureCoversIsLockedWhereverTheMarkSits) {
     EXPECT_EQ(name->text, "Ada");
     EXPECT_EQ(gift->text, "GC-1");
     // Focused by the customer, the field still takes no remote text.
-    host->becomeFirstResponder(gift->handle());
+    host->actions().responders->becomeFirstResponder(gift->handle());
     send({.action = "type", .text = "1234"});
     send({.action = "key", .key = "backspace"});
     EXPECT_EQ(gift->text, "GC-1");
@@ -395,7 +395,7 @@ TEST_F(Input, AnyTextInputThatHidesItsTextIsLocked) {
     tapAt(30, 220);
     EXPECT_FALSE(pin->firstResponder);
     EXPECT_FALSE(notes->firstResponder);
-    host->becomeFirstResponder(pin->handle());  // the customer's own tap
+    host->actions().responders->becomeFirstResponder(pin->handle());  // the customer's own tap
     send({.action = "type", .text = "4321"});
     EXPECT_EQ(pin->text, "");
 }

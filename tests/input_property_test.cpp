@@ -79,7 +79,7 @@ TEST(InputProperty, NoRemoteInputReachesAProtectedViewOnAnyGeneratedScreen) {
         WindowRegistry registry(screen.host);  // before the windows show, as in an app
         screen.generate();
         testing::InputWatch watch(screen);
-        InputEngine engine{{screen.host, screen.host, log}, registry};
+        InputEngine engine{{screen.host, screen.host->actions(), log}, registry};
         const WindowFacts target = *screen.host->readWindow(screen.windows.front()->handle());
         for (int step = 0; step < 16; ++step) {
             if (screen.chance(0.15)) {

@@ -124,7 +124,7 @@ class Sequence {
   public:
     explicit Sequence(std::uint32_t seed) : random_(seed) {
         fake_.platform->host = host_;
-        fake_.platform->actions = host_;
+        fake_.platform->actions = host_->actions();
         fake_.platform->prompts = prompts_;
         fake_.platform->overlay = overlay_;
         context_ = std::make_unique<testing::TestFlowContext>(fake_);
@@ -136,10 +136,10 @@ class Sequence {
             .main = fake_.platform->main,
             .log = fake_.platform->log,
             .host = host_,
-            .actions = host_,
+            .actions = host_->actions(),
             .lifecycle = fake_.platform->lifecycle,
             .clock = clock_,
-            .overlay = LiveOverlay::create({overlay_, host_, host_, clock_}),
+            .overlay = LiveOverlay::create({overlay_, host_, host_->actions().reader, clock_}),
         };
         parts.applyInput = [this](const ControlInputPush& input, const WindowFacts&) {
             // Checked against the flow's own state at the moment the input lands.

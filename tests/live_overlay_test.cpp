@@ -19,7 +19,7 @@ using testing::RecordingPresenter;
 constexpr HostHandle kWindow = 10;
 
 // Windows and a controller tree, as much of the host as the overlay reads.
-class FakeHost final : public HostInterface, public HostActions {
+class FakeHost final : public HostInterface, public NodeReader {
   public:
     std::map<HostHandle, ControllerFacts> controllers;
     HostHandle root = noHandle;
@@ -45,28 +45,6 @@ class FakeHost final : public HostInterface, public HostActions {
     HostHandle hitTest(HostHandle, Point) override { return noHandle; }
     HostHandle nextResponder(HostHandle) override { return noHandle; }
     bool platformVersionAtLeast(int) override { return true; }
-    bool accessibilityActivate(HostHandle) override { return false; }
-    bool becomeFirstResponder(HostHandle) override { return false; }
-    bool resignFirstResponder(HostHandle) override { return false; }
-    bool insertText(HostHandle, const std::string&) override { return false; }
-    bool deleteBackward(HostHandle) override { return false; }
-    bool sendActions(HostHandle, std::uint64_t) override { return false; }
-    bool setOn(HostHandle, bool, bool) override { return false; }
-    bool setValue(HostHandle, double, bool) override { return false; }
-    bool setSelectedSegment(HostHandle, long) override { return false; }
-    bool performPrimaryAction(HostHandle) override { return false; }
-    std::optional<std::pair<ListFacts, IndexPath>> listOfCell(HostHandle) override {
-        return std::nullopt;
-    }
-    std::optional<IndexPath> willSelectRow(HostHandle, IndexPath) override { return std::nullopt; }
-    bool selectRow(HostHandle, IndexPath) override { return false; }
-    bool didSelectRow(HostHandle, IndexPath) override { return false; }
-    bool shouldSelectItem(HostHandle, IndexPath) override { return false; }
-    bool performPrimaryActionForItem(HostHandle, IndexPath) override { return false; }
-    std::optional<MenuElement> buttonMenu(HostHandle) override { return std::nullopt; }
-    bool runMenuAction(HostHandle) override { return false; }
-    void dismissContextMenus(HostHandle) override {}
-    bool setContentOffset(HostHandle, Point) override { return false; }
     std::optional<ControllerFacts> readController(HostHandle handle) override {
         auto it = controllers.find(handle);
         if (it == controllers.end()) return std::nullopt;

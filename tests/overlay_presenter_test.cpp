@@ -84,10 +84,11 @@ class OverlayOnScreen : public ::testing::Test {
     bool onScreen(const ViewController& c) const { return c.view && c.view->window(); }
 
     std::shared_ptr<HeadlessHost> host = std::make_shared<HeadlessHost>();
+    std::shared_ptr<NodeReader> reader = host->actions().reader;
     std::shared_ptr<HeadlessOverlayPresenter> presenter =
         std::make_shared<HeadlessOverlayPresenter>([] { return Appearance::light; });
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-    std::shared_ptr<LiveOverlay> overlay = LiveOverlay::create({presenter, host, host, clock});
+    std::shared_ptr<LiveOverlay> overlay = LiveOverlay::create({presenter, host, reader, clock});
     std::shared_ptr<Window> window;
     std::shared_ptr<ViewController> navigation;
     std::shared_ptr<ViewController> first;
@@ -109,8 +110,8 @@ TEST_F(OverlayOnScreen, ShowingTwiceKeepsOneWindowWhoseOnlyTouchTargetIsStop) {
     View* stop = findTitled(*ours, "Stop");
     ASSERT_NE(stop, nullptr);
     const Rect at = stop->frameInWindow();
-    EXPECT_EQ(host->hitTest(ours->handle(), {at.midX(), at.midY()}), stop->handle());
-    EXPECT_EQ(host->hitTest(ours->handle(), {195, 500}), noHandle);
+    EXPECT_EQ(reader->hitTest(ours->handle(), {at.midX(), at.midY()}), stop->handle());
+    EXPECT_EQ(reader->hitTest(ours->handle(), {195, 500}), noHandle);
 
     EXPECT_TRUE(presenter->press("Stop"));
     EXPECT_EQ(stops, 1);
@@ -281,7 +282,7 @@ TEST_F(OverlayOnScreen, PushPopModalAndTabsChangeTheTopScreenAndReportNav) {
     auto modal = screen("Sheet");
     second->present(modal);
     EXPECT_TRUE(onScreen(*modal));
-    EXPECT_EQ(topScreen(*host, host.get(), window->handle()), modal->handle());
+    EXPECT_EQ(topScreen(*host, reader.get(), window->handle()), modal->handle());
     overlay->checkScreen();
     EXPECT_EQ(changes.size(), 2u);
     EXPECT_EQ(second->dismiss(), modal);
@@ -291,7 +292,7 @@ TEST_F(OverlayOnScreen, PushPopModalAndTabsChangeTheTopScreenAndReportNav) {
     EXPECT_EQ(navigation->pop(), nullptr);  // the root stays
     EXPECT_TRUE(onScreen(*first));
     EXPECT_FALSE(onScreen(*second));
-    EXPECT_EQ(topScreen(*host, host.get(), window->handle()), first->handle());
+    EXPECT_EQ(topScreen(*host, reader.get(), window->handle()), first->handle());
 
     // Tabs: the selected one is the screen, and its view is the one shown.
     auto tabs = std::make_shared<ViewController>("UITabBarController", ControllerKind::tabBar);
@@ -301,11 +302,11 @@ TEST_F(OverlayOnScreen, PushPopModalAndTabsChangeTheTopScreenAndReportNav) {
     tabs->view = view({0, 0, 390, 844});
     tabs->view->addSubview(inbox->view);
     navigation->push(tabs);
-    EXPECT_EQ(topScreen(*host, host.get(), window->handle()), inbox->handle());
+    EXPECT_EQ(topScreen(*host, reader.get(), window->handle()), inbox->handle());
     tabs->selectTab(1);
     EXPECT_TRUE(onScreen(*settings));
     EXPECT_FALSE(onScreen(*inbox));
-    EXPECT_EQ(topScreen(*host, host.get(), window->handle()), settings->handle());
+    EXPECT_EQ(topScreen(*host, reader.get(), window->handle()), settings->handle());
 }
 
 TEST(RuntimeOverlay, IsInstalledAndTheCustomerViewRendersIt) {

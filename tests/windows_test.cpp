@@ -122,10 +122,11 @@ TEST_F(Windows, OverlayLetsTouchesThroughExceptOnItsTargets) {
     overlay->targets = {[] { return std::shared_ptr<View>(); },
                         [hiddenTarget] { return hiddenTarget; }, [pill] { return pill; }};
 
-    EXPECT_EQ(host->hitTest(overlay->handle(), {250, 60}), stop->handle());
-    EXPECT_EQ(host->hitTest(overlay->handle(), {110, 60}), pill->handle());
-    EXPECT_EQ(host->hitTest(overlay->handle(), {10, 300}), noHandle);  // falls through
-    EXPECT_EQ(host->hitTest(overlay->handle(), {10, 750}), noHandle);  // hidden target
+    const std::shared_ptr<NodeReader> reader = host->actions().reader;
+    EXPECT_EQ(reader->hitTest(overlay->handle(), {250, 60}), stop->handle());
+    EXPECT_EQ(reader->hitTest(overlay->handle(), {110, 60}), pill->handle());
+    EXPECT_EQ(reader->hitTest(overlay->handle(), {10, 300}), noHandle);  // falls through
+    EXPECT_EQ(reader->hitTest(overlay->handle(), {10, 750}), noHandle);  // hidden target
 }
 
 }  // namespace

@@ -37,7 +37,7 @@ VirelaClient::VirelaClient(std::shared_ptr<const Platform> platform, Options opt
     consent_ =
         CaptureConsentFlow::create({p.main, p.log, p.host, p.renderer, clock_, p.banner}, *this);
     std::shared_ptr<LiveOverlay> overlay;  // none without an overlay presenter: no sharing
-    if (p.overlay && p.host) overlay = LiveOverlay::create({p.overlay, p.host, p.actions, clock_});
+    if (p.overlay && p.host) overlay = LiveOverlay::create({p.overlay, p.host, p.actions.reader, clock_});
     auto sendText = [weak = std::weak_ptr(channel_)](const std::string& text) {
         if (auto channel = weak.lock()) channel->send(text);
     };

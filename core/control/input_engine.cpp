@@ -10,8 +10,8 @@ namespace virela {
 InputEngine::InputEngine(Parts parts, WindowRegistry& windows)
     : parts_(std::move(parts)), windows_(windows) {
     // Without a host there is nothing to act on: every input is then ignored.
-    if (parts_.host && parts_.actions) {
-        context_ = std::make_unique<input::Context>(*parts_.host, *parts_.actions, parts_.log.get(),
+    if (parts_.host && parts_.actions.complete()) {
+        context_ = std::make_unique<input::Context>(*parts_.host, parts_.actions, parts_.log.get(),
                                                     windows_);
     }
 }

@@ -2,13 +2,14 @@
 
 // What a remote "scroll", "tap", "type" or "key" does to the host app. None of them is a
 // synthesised touch or key event: the engine finds what lies under the point, or what holds the
-// keyboard focus, and asks it to act through the host-action port. It never acts on a redacted
+// keyboard focus, and asks it to act through the host-action roles. It never acts on a redacted
 // view or a secure field. Whether an input may be applied at all (the lease, the session, a
 // prompt on screen) is decided before it gets here. Main thread only.
 
 #include <memory>
 
 #include "core/ports/host.hpp"
+#include "core/ports/host_actions.hpp"
 #include "core/ports/log.hpp"
 #include "core/wire/push_records.hpp"
 
@@ -27,7 +28,7 @@ class InputEngine {
   public:
     struct Parts {
         std::shared_ptr<HostInterface> host;
-        std::shared_ptr<HostActions> actions;
+        HostActions actions;       // every role, or none
         std::shared_ptr<Log> log;  // may be empty
     };
     // `windows` must outlive the engine.

@@ -40,7 +40,7 @@ void collectElements(Context& ctx, const WindowFacts& window, Point point, const
     } else if (node.accessibilityElementCount >= 1 &&
                node.accessibilityElementCount <= maximumElementCount) {
         for (long i = 0; i < node.accessibilityElementCount; ++i) {
-            const HostHandle e = ctx.actions.elementAt(node.handle, i);
+            const HostHandle e = ctx.reader.elementAt(node.handle, i);
             if (e != noHandle) collectNode(ctx, window, point, e, nesting + 1, out);
         }
     }
@@ -51,14 +51,14 @@ void collectElements(Context& ctx, const WindowFacts& window, Point point, const
 void collectNode(Context& ctx, const WindowFacts& window, Point point, HostHandle handle,
                  int nesting, std::vector<Candidate>& out) {
     if (++ctx.elementVisits > maximumElementVisits) return;
-    const auto node = ctx.actions.readNode(handle);
+    const auto node = ctx.reader.readNode(handle);
     if (!node) return;
     if (node->isView && (node->hidden || node->alpha < minimumViewAlpha)) return;
     consider(ctx, window, point, *node, out);
     collectElements(ctx, window, point, *node, nesting, out);
     if (!node->isView || nesting >= maximumElementNesting) return;
     std::vector<HostHandle> children;
-    ctx.actions.subviews(handle, children);
+    ctx.reader.subviews(handle, children);
     for (HostHandle child : children) collectNode(ctx, window, point, child, nesting + 1, out);
 }
 
@@ -72,11 +72,11 @@ bool lockedItself(const NodeFacts& node) noexcept {
                              node.isView && node.secureTextField, anyStyle) != nullptr;
 }
 
-bool isLocked(HostActions& actions, HostHandle view) {
+bool isLocked(NodeReader& reader, HostHandle view) {
     HostHandle h = view;
     for (int hops = 0; h != noHandle; ++hops) {
         if (hops == maximumChainLength) return true;
-        const auto node = actions.readNode(h);
+        const auto node = reader.readNode(h);
         if (!node) return true;
         if (lockedItself(*node)) return true;
         h = node->isView ? node->superview : noHandle;
@@ -125,21 +125,21 @@ bool pointInRedaction(Context& ctx, HostHandle window, Point point) {
 
 bool isProtected(Context& ctx, const NodeFacts& node) {
     if (node.isView) {
-        return isLocked(ctx.actions, node.handle) || touchesRedaction(ctx, node.window, node.frame);
+        return isLocked(ctx.reader, node.handle) || touchesRedaction(ctx, node.window, node.frame);
     }
     if (node.accessibilityIdentifier.find("virela-redact") != std::string::npos) return true;
     if (node.accessibilityContainer == noHandle) {
         // An element without a container has no window to be checked against.
         return true;
     }
-    if (isLocked(ctx.actions, node.accessibilityContainer)) return true;
-    const auto container = ctx.actions.readNode(node.accessibilityContainer);
+    if (isLocked(ctx.reader, node.accessibilityContainer)) return true;
+    const auto container = ctx.reader.readNode(node.accessibilityContainer);
     return !container || touchesRedaction(ctx, container->window, node.frame);
 }
 
 HostHandle focusedResponder(Context& ctx, const WindowFacts& target) {
     for (const WindowFacts& window : inputWindowList(ctx.windows, target)) {
-        ctx.actions.readViews(window.handle, ctx.other);
+        ctx.reader.readViews(window.handle, ctx.other);
         for (const NodeFacts& n : ctx.other) {
             if (n.firstResponder) return n.handle;
         }
@@ -156,7 +156,7 @@ std::string fixed(double value, int decimals) {
 Rect frameIn(Context& ctx, const NodeFacts& node, const WindowFacts& window) {
     HostHandle own = node.window;
     if (!node.isView && node.accessibilityContainer != noHandle) {
-        const auto container = ctx.actions.readNode(node.accessibilityContainer);
+        const auto container = ctx.reader.readNode(node.accessibilityContainer);
         own = container ? container->window : noHandle;
     }
     if (own == noHandle || own == window.handle) return node.frame;

@@ -1,8 +1,8 @@
 #pragma once
 
 // What the tap ladder, the menu lookup and the scroll and text branches share: the host they
-// act on, the log, the locked-view test, tree reading and the accessibility candidates under a
-// point. Internal to the input engine.
+// read and the roles they act through, the log, the locked-view test, tree reading and the
+// accessibility candidates under a point. Internal to the input engine.
 
 #include <cstdint>
 #include <optional>
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "core/ports/host.hpp"
+#include "core/ports/host_actions.hpp"
 #include "core/ports/log.hpp"
 #include "core/redaction/redaction_walk.hpp"
 
@@ -41,11 +42,23 @@ struct WindowRedactions {
 
 // Per engine, reused from input to input so that a tap allocates little once they have grown.
 struct Context {
-    Context(HostInterface& h, HostActions& a, Log* l, WindowRegistry& w)
-        : host(h), actions(a), log(l), windows(w) {}
+    // `actions` must be complete.
+    Context(HostInterface& h, const HostActions& a, Log* l, WindowRegistry& w)
+        : host(h),
+          reader(*a.reader),
+          responders(*a.responders),
+          controls(*a.controls),
+          lists(*a.lists),
+          menus(*a.menus),
+          log(l),
+          windows(w) {}
 
     HostInterface& host;
-    HostActions& actions;
+    NodeReader& reader;
+    ResponderActions& responders;
+    ControlActions& controls;
+    ListActions& lists;
+    MenuActions& menus;
     Log* log;  // may be null
     WindowRegistry& windows;
 
@@ -77,7 +90,7 @@ inline constexpr int maximumChainLength = 1000;
 bool lockedItself(const NodeFacts& node) noexcept;
 // The same test on the view and then each superview. A view that cannot be read counts as
 // locked: nothing is done to what cannot be checked.
-bool isLocked(HostActions& actions, HostHandle view);
+bool isLocked(NodeReader& reader, HostHandle view);
 
 // Whether `rect` (in `window`'s coordinates) overlaps a redaction rectangle of that window, as
 // the capture paints them: a view the customer sees covered is covered for input too, and one

@@ -62,7 +62,7 @@ bool pointInMenuCell(Context& ctx, const WindowFacts& hitWindow, Point point) {
     forEachSceneWindow(ctx, [&](const WindowFacts& window) {
         if (inside) return;
         const bool isHit = window.handle == hitWindow.handle;
-        if (!isHit) ctx.actions.readViews(window.handle, ctx.other);
+        if (!isHit) ctx.reader.readViews(window.handle, ctx.other);
         for (const NodeFacts& node : isHit ? ctx.tree : ctx.other) {
             if (!isMenuCell(node.typeName) || node.window == noHandle) continue;
             const Rect rect = convertRect(node.frame, window, hitWindow);
@@ -115,10 +115,10 @@ void findMenuActions(Context& ctx, const std::optional<std::string>& title,
                      std::vector<Found>& found, std::vector<HostHandle>& windows) {
     forEachSceneWindow(ctx, [&](const WindowFacts& window) {
         windows.push_back(window.handle);
-        ctx.actions.readViews(window.handle, ctx.other);
+        ctx.reader.readViews(window.handle, ctx.other);
         for (const NodeFacts& node : ctx.other) {
             if (node.kind != ViewKind::button || !node.hasMenu) continue;
-            if (const auto menu = ctx.actions.buttonMenu(node.handle)) {
+            if (const auto menu = ctx.menus.buttonMenu(node.handle)) {
                 flatten(*menu, title, isProtected(ctx, node), found);
             }
         }
@@ -148,8 +148,8 @@ MenuRun runMenuItemByTitle(Context& ctx, const std::string& title) {
                                        " distinct actions) — refusing to guess");
         return MenuRun::notRun;
     }
-    if (!ctx.actions.runMenuAction(found.front().action)) return MenuRun::notRun;  // freed
-    for (HostHandle w : windows) ctx.actions.dismissContextMenus(w);
+    if (!ctx.menus.runMenuAction(found.front().action)) return MenuRun::notRun;  // freed
+    for (HostHandle w : windows) ctx.menus.dismissContextMenus(w);
     return MenuRun::ran;
 }
 

@@ -21,7 +21,7 @@ std::optional<NodeFacts> scrollViewAbove(Context& ctx, HostHandle view, bool& en
             endless = true;
             return std::nullopt;
         }
-        auto node = ctx.actions.readNode(h);
+        auto node = ctx.reader.readNode(h);
         if (!node) return std::nullopt;
         if (scrollable(*node)) return node;
         h = node->superview;
@@ -32,7 +32,7 @@ std::optional<NodeFacts> scrollViewAbove(Context& ctx, HostHandle view, bool& en
 // With nothing scrollable under the point: the largest scroll view of the target window whose
 // content overflows it. The first found wins a tie.
 std::optional<NodeFacts> largestOverflowing(Context& ctx, const WindowFacts& target) {
-    ctx.actions.readViews(target.handle, ctx.other);
+    ctx.reader.readViews(target.handle, ctx.other);
     const NodeFacts* best = nullptr;
     for (const NodeFacts& n : ctx.other) {
         if (!scrollable(n) || n.hidden) continue;
@@ -64,7 +64,7 @@ void scroll(Context& ctx, std::optional<double> x, std::optional<double> y,
     if (!std::isfinite(point.x) || !std::isfinite(point.y)) return;
     for (const WindowFacts& window : inputWindowList(ctx.windows, target)) {
         const Point inWindow = convertPoint(point, target, window);
-        const HostHandle hit = ctx.actions.hitTest(window.handle, inWindow);
+        const HostHandle hit = ctx.reader.hitTest(window.handle, inWindow);
         if (hit == noHandle) continue;
         claimed = true;
         if (pointInRedaction(ctx, window.handle, inWindow)) return;
@@ -77,7 +77,7 @@ void scroll(Context& ctx, std::optional<double> x, std::optional<double> y,
         if (!claimed && pointInRedaction(ctx, target.handle, point)) return;
         view = largestOverflowing(ctx, target);
     }
-    if (!view || isLocked(ctx.actions, view->handle)) return;
+    if (!view || isLocked(ctx.reader, view->handle)) return;
 
     const EdgeInsets& inset = view->adjustedContentInset;
     const double minX = -inset.left;
@@ -88,29 +88,29 @@ void scroll(Context& ctx, std::optional<double> x, std::optional<double> y,
     const Point offset{std::min(maxX, std::max(view->contentOffset.x + moveX, minX)),
                        std::min(maxY, std::max(view->contentOffset.y + moveY, minY))};
     if (!std::isfinite(offset.x) || !std::isfinite(offset.y)) return;
-    ctx.actions.setContentOffset(view->handle, offset);
+    ctx.controls.setContentOffset(view->handle, offset);
 }
 
 void typeText(Context& ctx, const std::optional<std::string>& text, const WindowFacts& target) {
     if (!text) return;
     const HostHandle responder = focusedResponder(ctx, target);
     if (responder == noHandle) return;
-    const auto node = ctx.actions.readNode(responder);
+    const auto node = ctx.reader.readNode(responder);
     if (!node || (node->isView && isProtected(ctx, *node))) return;
-    if (node->keyInput) ctx.actions.insertText(responder, *text);
+    if (node->keyInput) ctx.responders.insertText(responder, *text);
 }
 
 void pressKey(Context& ctx, const std::optional<std::string>& key, const WindowFacts& target) {
     const HostHandle responder = focusedResponder(ctx, target);
     if (responder == noHandle) return;
-    const auto node = ctx.actions.readNode(responder);
+    const auto node = ctx.reader.readNode(responder);
     if (!node || (node->isView && isProtected(ctx, *node))) return;
     if (!key) return;
     if (*key == "backspace") {
-        if (node->keyInput) ctx.actions.deleteBackward(responder);
+        if (node->keyInput) ctx.responders.deleteBackward(responder);
     } else if (*key == "enter") {
         // Enter ends editing; it never inserts a line break or fires a return-key action.
-        if (node->isView) ctx.actions.resignFirstResponder(responder);
+        if (node->isView) ctx.responders.resignFirstResponder(responder);
     }
 }
 

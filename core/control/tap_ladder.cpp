@@ -28,11 +28,11 @@ bool activationPass(Context& ctx, const WindowFacts& window, Pass pass) {
     for (const Candidate& c : ctx.found) {
         if (c.isView != (pass == Pass::views)) continue;
         const bool locked =
-            c.isView ? isLocked(ctx.actions, c.handle)
+            c.isView ? isLocked(ctx.reader, c.handle)
                      : contains(c.identifier, "virela-redact") ||
-                           (c.container != noHandle && isLocked(ctx.actions, c.container));
+                           (c.container != noHandle && isLocked(ctx.reader, c.container));
         if (locked || touchesRedaction(ctx, window.handle, c.frame)) continue;
-        if (ctx.actions.accessibilityActivate(c.handle)) return true;
+        if (ctx.controls.accessibilityActivate(c.handle)) return true;
     }
     return false;
 }
@@ -43,7 +43,7 @@ bool readChain(Context& ctx, HostHandle view, std::vector<NodeFacts>& chain) {
     chain.clear();
     for (HostHandle h = view; h != noHandle;) {
         if (chain.size() == static_cast<std::size_t>(maximumChainLength)) return false;
-        auto node = ctx.actions.readNode(h);
+        auto node = ctx.reader.readNode(h);
         if (!node) return false;
         h = node->superview;
         chain.push_back(std::move(*node));
@@ -68,19 +68,19 @@ Step listCell(Context& ctx, const std::vector<NodeFacts>& chain, const WindowFac
     });
     if (!cell) return Step::passed;
     if (touchesRedaction(ctx, window.handle, cell->frame)) return Step::locked;
-    const auto found = ctx.actions.listOfCell(cell->handle);
+    const auto found = ctx.lists.listOfCell(cell->handle);
     if (!found) return Step::passed;
     const auto& [list, path] = *found;
 
     if (list.isTable) {
         IndexPath row = path;
         if (list.answersWillSelect) {
-            const auto answer = ctx.actions.willSelectRow(list.list, path);
+            const auto answer = ctx.lists.willSelectRow(list.list, path);
             if (!answer) return Step::handled;  // the delegate vetoed the row
             row = *answer;
         }
-        ctx.actions.selectRow(list.list, row);
-        if (list.answersDidSelect) ctx.actions.didSelectRow(list.list, row);
+        ctx.lists.selectRow(list.list, row);
+        if (list.answersDidSelect) ctx.lists.didSelectRow(list.list, row);
         return Step::handled;
     }
 
@@ -88,11 +88,11 @@ Step listCell(Context& ctx, const std::vector<NodeFacts>& chain, const WindowFac
     if (contains(description, "ContextMenu") || contains(description, "MenuList")) {
         // The system's own menu list: selecting its rows does not run their actions.
         inertMenu = true;
-        if (ctx.actions.platformVersionAtLeast(listPrimaryActionVersion) &&
+        if (ctx.reader.platformVersionAtLeast(listPrimaryActionVersion) &&
             list.answersPerformPrimaryAction) {
             ctx.write(LogLevel::debug, "menu machinery (" + description +
                                            ") — running performPrimaryActionForItemAt");
-            ctx.actions.performPrimaryActionForItem(list.list, path);
+            ctx.lists.performPrimaryActionForItem(list.list, path);
             return Step::handled;
         }
         ctx.write(LogLevel::debug,
@@ -104,10 +104,10 @@ Step listCell(Context& ctx, const std::vector<NodeFacts>& chain, const WindowFac
         ctx.write(LogLevel::debug, "list-cell candidate: cell " + cell->typeName + " in " +
                                        list.typeName + " delegate " + list.delegateTypeName);
     }
-    if (list.answersShouldSelect && !ctx.actions.shouldSelectItem(list.list, path))
+    if (list.answersShouldSelect && !ctx.lists.shouldSelectItem(list.list, path))
         return Step::handled;
-    ctx.actions.selectRow(list.list, path);
-    if (list.answersDidSelect) ctx.actions.didSelectRow(list.list, path);
+    ctx.lists.selectRow(list.list, path);
+    if (list.answersDidSelect) ctx.lists.didSelectRow(list.list, path);
     return Step::handled;
 }
 
@@ -121,11 +121,10 @@ enum class Actuation { done, ranMenu, menuNotRun };
 Actuation actuate(Context& ctx, const NodeFacts& control, Point inWindow) {
     const Point p{inWindow.x - control.frame.x + control.bounds.x,
                   inWindow.y - control.frame.y + control.bounds.y};
-    HostActions& a = ctx.actions;
     switch (control.kind) {
         case ViewKind::switchControl:
-            a.setOn(control.handle, !control.isOn, true);
-            a.sendActions(control.handle, controlEventValueChanged);
+            ctx.controls.setOn(control.handle, !control.isOn, true);
+            ctx.controls.sendActions(control.handle, controlEventValueChanged);
             return Actuation::done;
         case ViewKind::slider: {
             const Rect& track = control.trackRect;
@@ -135,8 +134,8 @@ Actuation actuate(Context& ctx, const NodeFacts& control, Point inWindow) {
                                                    (control.maximumValue - control.minimumValue),
                         control.minimumValue, control.maximumValue);
             if (value == control.value || !std::isfinite(value)) return Actuation::done;
-            a.setValue(control.handle, value, true);
-            a.sendActions(control.handle, controlEventValueChanged);
+            ctx.controls.setValue(control.handle, value, true);
+            ctx.controls.sendActions(control.handle, controlEventValueChanged);
             return Actuation::done;
         }
         case ViewKind::stepper: {
@@ -150,8 +149,8 @@ Actuation actuate(Context& ctx, const NodeFacts& control, Point inWindow) {
                 value = clampTo(value, control.minimumValue, control.maximumValue);
             }
             if (value == control.value || !std::isfinite(value)) return Actuation::done;
-            a.setValue(control.handle, value, false);
-            a.sendActions(control.handle, controlEventValueChanged);
+            ctx.controls.setValue(control.handle, value, false);
+            ctx.controls.sendActions(control.handle, controlEventValueChanged);
             return Actuation::done;
         }
         case ViewKind::segmentedControl: {
@@ -161,28 +160,28 @@ Actuation actuate(Context& ctx, const NodeFacts& control, Point inWindow) {
             if (!(width > 0)) return Actuation::done;
             const double index = clampTo(std::trunc(p.x / width), 0,
                                          static_cast<double>(control.numberOfSegments - 1));
-            a.setSelectedSegment(control.handle, static_cast<long>(index));
-            a.sendActions(control.handle, controlEventValueChanged);
+            ctx.controls.setSelectedSegment(control.handle, static_cast<long>(index));
+            ctx.controls.sendActions(control.handle, controlEventValueChanged);
             return Actuation::done;
         }
         case ViewKind::button:
             if (control.hasMenu && control.showsMenuAsPrimaryAction) {
                 // Only a menu that really opened counts; where the platform cannot open it from
                 // code, accessibility activation may still.
-                return a.platformVersionAtLeast(buttonMenuVersion) &&
-                               a.performPrimaryAction(control.handle)
+                return ctx.reader.platformVersionAtLeast(buttonMenuVersion) &&
+                               ctx.controls.performPrimaryAction(control.handle)
                            ? Actuation::ranMenu
                            : Actuation::menuNotRun;
             }
             // A finger's tap also triggers the primary action, which buttons built around one
             // listen for.
-            a.sendActions(control.handle,
-                          controlEventTouchUpInside | controlEventPrimaryActionTriggered);
+            ctx.controls.sendActions(
+                control.handle, controlEventTouchUpInside | controlEventPrimaryActionTriggered);
             return Actuation::done;
         default:
             break;
     }
-    a.sendActions(control.handle, controlEventTouchUpInside);
+    ctx.controls.sendActions(control.handle, controlEventTouchUpInside);
     return Actuation::done;
 }
 
@@ -204,7 +203,7 @@ bool isChrome(Context& ctx, const WindowFacts& window) {
 std::string describeHit(Context& ctx, const NodeFacts& view, const WindowFacts& window) {
     std::string root = "nil";
     if (window.rootViewController != noHandle) {
-        if (const auto controller = ctx.actions.readController(window.rootViewController)) {
+        if (const auto controller = ctx.reader.readController(window.rootViewController)) {
             root = "Optional(" + controller->typeName + ")";
         }
     }
@@ -217,7 +216,7 @@ std::string describeHit(Context& ctx, const NodeFacts& view, const WindowFacts& 
 ControlOutcome refuseLocked(Context& ctx, const WindowFacts& target) {
     ctx.write(LogLevel::info, "tap ignored: locked target (redacted or secure field) — by design");
     const HostHandle focused = focusedResponder(ctx, target);
-    if (focused != noHandle) ctx.actions.resignFirstResponder(focused);
+    if (focused != noHandle) ctx.responders.resignFirstResponder(focused);
     return ControlOutcome::none;
 }
 
@@ -234,7 +233,7 @@ std::optional<Hit> hitTest(Context& ctx, Point point, const WindowFacts& target)
     if (!std::isfinite(point.x) || !std::isfinite(point.y)) return std::nullopt;
     for (WindowFacts& window : inputWindowList(ctx.windows, target)) {
         const Point inWindow = convertPoint(point, target, window);
-        const HostHandle view = ctx.actions.hitTest(window.handle, inWindow);
+        const HostHandle view = ctx.reader.hitTest(window.handle, inWindow);
         if (view != noHandle) return Hit{std::move(window), view, inWindow};
     }
     return std::nullopt;
@@ -269,7 +268,7 @@ ControlOutcome tap(Context& ctx, std::optional<double> x, std::optional<double> 
 
     // 3. The accessibility elements under the point. Read once: the steps below that fail act
     // on nothing, so the tree they would read again is the same.
-    ctx.actions.readViews(window.handle, ctx.tree);
+    ctx.reader.readViews(window.handle, ctx.tree);
     collectCandidates(ctx, window, p, ctx.tree, ctx.found);
     sortByArea(ctx.found);
     const bool menuHint = std::any_of(ctx.found.begin(), ctx.found.end(), [](const Candidate& c) {
@@ -306,7 +305,7 @@ ControlOutcome tap(Context& ctx, std::optional<double> x, std::optional<double> 
         if (ctx.logs()) {
             ctx.write(LogLevel::debug, "tap handled by text-input focus " + input->typeName);
         }
-        ctx.actions.becomeFirstResponder(input->handle);
+        ctx.responders.becomeFirstResponder(input->handle);
         return ControlOutcome::none;
     }
 
@@ -377,14 +376,14 @@ ControlOutcome tap(Context& ctx, std::optional<double> x, std::optional<double> 
     HostHandle responder = hit->view;
     for (int hops = 0; responder != noHandle; ++hops) {
         if (hops == maximumChainLength) return refuseLocked(ctx, target);
-        const auto node = ctx.actions.readNode(responder);
+        const auto node = ctx.reader.readNode(responder);
         if (node && node->keyInput) {
             if (node->isView && isProtected(ctx, *node)) return refuseLocked(ctx, target);
             ctx.write(LogLevel::debug, "tap handled by responder focus");
-            if (node->isView) ctx.actions.becomeFirstResponder(responder);
+            if (node->isView) ctx.responders.becomeFirstResponder(responder);
             return ControlOutcome::none;
         }
-        responder = ctx.actions.nextResponder(responder);
+        responder = ctx.reader.nextResponder(responder);
     }
 
     // 12. Nothing acted: say why, so the host app's developers know what to add.

@@ -29,7 +29,7 @@ class ControlIntake : public std::enable_shared_from_this<ControlIntake> {
         std::shared_ptr<MainExecutor> main;
         std::shared_ptr<Log> log;
         std::shared_ptr<HostInterface> host;
-        std::shared_ptr<HostActions> actions;
+        HostActions actions;
         std::shared_ptr<ControlLease> lease;
         // Empty: the input engine over the platform's host, actions and log. Tests put their
         // own here to see which inputs would land.

@@ -16,13 +16,13 @@ constexpr int kMaxScreenDepth = 64;
 
 }  // namespace
 
-HostHandle topScreen(HostInterface& host, HostActions* actions, HostHandle window) {
-    if (!actions || window == noHandle) return noHandle;
+HostHandle topScreen(HostInterface& host, NodeReader* reader, HostHandle window) {
+    if (!reader || window == noHandle) return noHandle;
     const std::optional<WindowFacts> facts = host.readWindow(window);
     if (!facts) return noHandle;
     HostHandle current = facts->rootViewController;
     for (int depth = 0; current != noHandle && depth < kMaxScreenDepth; ++depth) {
-        const std::optional<ControllerFacts> controller = actions->readController(current);
+        const std::optional<ControllerFacts> controller = reader->readController(current);
         if (!controller) return current;
         if (controller->presented != noHandle) {
             current = controller->presented;
@@ -144,7 +144,7 @@ void LiveOverlay::notePointing(double seconds) {
 
 void LiveOverlay::beginWatch() {
     marksShowing_ = true;
-    markedScreen_ = topScreen(*parts_.host, parts_.actions.get(), anchor_);
+    markedScreen_ = topScreen(*parts_.host, parts_.reader.get(), anchor_);
     if (scrollWatch_ || anchor_ == noHandle || !parts_.host->readWindow(anchor_)) return;
     std::weak_ptr<LiveOverlay> weak = weak_from_this();
     scrollWatch_ = parts_.presenter->watchScrolls(anchor_, [weak] {
@@ -176,10 +176,10 @@ void LiveOverlay::scrolled() {
 }
 
 void LiveOverlay::checkScreen() {
-    if (!marksShowing_ || markedScreen_ == noHandle || !parts_.actions) return;
+    if (!marksShowing_ || markedScreen_ == noHandle || !parts_.reader) return;
     // A marked screen that has been freed proves nothing about where the customer is now.
-    if (!parts_.actions->readController(markedScreen_)) return;
-    if (markedScreen_ != topScreen(*parts_.host, parts_.actions.get(), anchor_)) {
+    if (!parts_.reader->readController(markedScreen_)) return;
+    if (markedScreen_ != topScreen(*parts_.host, parts_.reader.get(), anchor_)) {
         viewChanged("nav");
     }
 }

@@ -16,6 +16,7 @@
 #include "core/lease/control_lease.hpp"
 #include "core/ports/clock.hpp"
 #include "core/ports/host.hpp"
+#include "core/ports/host_actions.hpp"
 #include "core/ports/overlay.hpp"
 #include "core/wire/push_records.hpp"
 
@@ -33,14 +34,14 @@ inline constexpr std::string_view snapshotWithMarks =
 // The screen the customer is on in `window`: from the root view controller, follow the presented
 // controller, else a navigation controller's top one, else a tab bar controller's selected one.
 // noHandle without a window or root view controller.
-HostHandle topScreen(HostInterface& host, HostActions* actions, HostHandle window);
+HostHandle topScreen(HostInterface& host, NodeReader* reader, HostHandle window);
 
 class LiveOverlay final : public ControlBanner, public std::enable_shared_from_this<LiveOverlay> {
   public:
     struct Parts {
         std::shared_ptr<OverlayPresenter> presenter;
         std::shared_ptr<HostInterface> host;
-        std::shared_ptr<HostActions> actions;  // may be empty: no screen tracking then
+        std::shared_ptr<NodeReader> reader;  // may be empty: no screen tracking then
         std::shared_ptr<VirelaClock> clock;
     };
     static std::shared_ptr<LiveOverlay> create(Parts parts);

@@ -45,7 +45,7 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
         std::shared_ptr<MainExecutor> main;
         std::shared_ptr<Log> log;
         std::shared_ptr<HostInterface> host;
-        std::shared_ptr<HostActions> actions;  // for remote input
+        HostActions actions;  // for remote input
         std::shared_ptr<Renderer> renderer;
         std::shared_ptr<AppLifecycle> lifecycle;
         std::shared_ptr<VirelaClock> clock;

@@ -8,6 +8,7 @@
 #include <string>
 #include "core/ports/device_facts.hpp"
 #include "core/ports/executor.hpp"
+#include "core/ports/host_actions.hpp"
 #include "core/ports/key_value_store.hpp"
 #include "core/ports/lifecycle.hpp"
 #include "core/ports/log.hpp"
@@ -17,8 +18,6 @@
 namespace virela {
 
 class HttpClient;
-class HostInterface;
-class HostActions;
 class Renderer;
 class PromptPresenter;
 class BannerPresenter;
@@ -35,9 +34,10 @@ struct Platform {
     std::function<std::shared_ptr<SerialQueue>(const std::string& label)> makeSerialQueue;
     std::function<std::shared_ptr<PathMonitor>()> makePathMonitor;
     SocketFactory makeSocket;
-    // The host app's interface: reading it, acting on it, and drawing it into images.
+    // The host app's interface: reading it, acting on it (one port per role), and drawing it into
+    // images.
     std::shared_ptr<HostInterface> host;
-    std::shared_ptr<HostActions> actions;
+    HostActions actions;
     std::shared_ptr<Renderer> renderer;
     // What the library puts on the customer's screen: the bottom sheets, the session banner and
     // the live overlay.

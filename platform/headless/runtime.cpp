@@ -43,7 +43,7 @@ Runtime::Runtime(RuntimeOptions options)
     platform->makeSocket = beastSocketFactory(http_, options.webSocket);
     host_ = std::make_shared<HeadlessHost>();
     platform->host = host_;
-    platform->actions = host_;
+    platform->actions = host_->actions();
     platform->renderer = std::make_shared<HeadlessRenderer>();
     auto appearance = [settings = settings_] { return settings->get().appearance; };
     prompts_ = std::make_shared<HeadlessPromptPresenter>(appearance);

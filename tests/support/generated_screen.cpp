@@ -604,7 +604,7 @@ std::string InputWatch::after() {
 void InputWatch::customerFocuses(std::size_t index) {
     if (impl_->keyInputs.empty()) return;
     View& v = *impl_->keyInputs[index % impl_->keyInputs.size()];
-    impl_->screen.host->becomeFirstResponder(v.handle());
+    impl_->screen.host->actions().responders->becomeFirstResponder(v.handle());
 }
 
 }  // namespace virela::headless::testing

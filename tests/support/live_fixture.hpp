@@ -44,7 +44,7 @@ class LiveFixture : public ::testing::Test {
 
     void SetUp() override {
         fake.platform->host = host;
-        fake.platform->actions = host;
+        fake.platform->actions = host->actions();
         fake.platform->renderer = std::make_shared<headless::HeadlessRenderer>();
         fake.platform->prompts = prompts;
         fake.platform->overlay = overlay;

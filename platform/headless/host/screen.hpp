@@ -2,7 +2,8 @@
 
 // The headless host's interface objects: scenes, windows, views of every kind the library reads
 // or acts on, accessibility elements, menus and view controllers. Tests and the demo build
-// screens from them (see builder.hpp); HeadlessHost reads them for core.
+// screens from them (see builder.hpp); HeadlessHost and its host-action roles read and act on
+// them for core.
 //
 // Like UIKit, these objects belong to the main thread.
 
@@ -16,6 +17,7 @@
 #include "core/base/geometry.hpp"
 #include "core/base/records.hpp"
 #include "core/ports/host.hpp"
+#include "core/ports/host_actions.hpp"
 
 namespace virela {
 struct RedactionMark;

@@ -5,10 +5,15 @@
 #include <string_view>
 
 #include "platform/ios/objc/src/banner_presenter.hpp"
+#include "platform/ios/objc/src/control_actions.hpp"
+#include "platform/ios/objc/src/list_actions.hpp"
+#include "platform/ios/objc/src/menu_actions.hpp"
+#include "platform/ios/objc/src/node_reader.hpp"
+#include "platform/ios/objc/src/object_handles.hpp"
 #include "platform/ios/objc/src/overlay_presenter.hpp"
 #include "platform/ios/objc/src/ports.hpp"
 #include "platform/ios/objc/src/prompt_presenter.hpp"
-#include "platform/ios/objc/src/uikit_actions.hpp"
+#include "platform/ios/objc/src/responder_actions.hpp"
 #include "platform/ios/objc/src/uikit_host.hpp"
 
 namespace virela::ios {
@@ -32,7 +37,11 @@ std::shared_ptr<const Platform> makePlatform() {
     platform->prompts = makePromptPresenter(windows);
     platform->banner = makeBannerPresenter(windows);
     platform->overlay = makeOverlayPresenter(windows);
-    platform->actions = makeUIKitActions(windows);
+    // One handle table for every role: what the reader hands out, the others act on.
+    auto handles = std::make_shared<ObjectHandles>(windows);
+    platform->actions = {makeUIKitNodeReader(handles), makeUIKitResponderActions(handles),
+                         makeUIKitControlActions(handles), makeUIKitListActions(handles),
+                         makeUIKitMenuActions(handles)};
     return platform;
 }
 
