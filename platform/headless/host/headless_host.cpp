@@ -4,7 +4,6 @@
 #include <atomic>
 
 #include "core/control/windows.hpp"
-#include "core/redaction/redaction_style.hpp"
 #include "platform/headless/host/notifier.hpp"
 
 namespace virela::headless {
