@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <atomic>
 
-#include "core/control/windows.hpp"
 #include "platform/headless/host/notifier.hpp"
+#include "platform/headless/host/passthrough.hpp"
 
 namespace virela::headless {
 namespace {
