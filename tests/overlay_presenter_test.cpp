@@ -13,7 +13,7 @@
 #include "core/capture/capture.hpp"
 #include "core/live/live_overlay.hpp"
 #include "core/ports/manual_clock.hpp"
-#include "core/theme/palette.hpp"
+#include "core/ports/palette.hpp"
 #include "platform/headless/host/builder.hpp"
 #include "platform/headless/overlay_presenter.hpp"
 #include "platform/headless/render/customer_view.hpp"

@@ -24,7 +24,6 @@
 #include "core/api/virela.hpp"
 #include "core/base/errors.hpp"
 #include "platform/headless/runtime.hpp"
-#include "tools/devserver/console_auth.hpp"
 #include "tools/devserver/server.hpp"
 
 namespace {

@@ -5,6 +5,7 @@
 #include "core/api/virela.hpp"
 #include "core/capture/capture.hpp"
 #include "core/client/client.hpp"
+#include "core/control/windows.hpp"
 
 namespace virela {
 
@@ -53,6 +54,10 @@ ScreenDiagnostics VirelaDiagnostics::captureScreen(bool live) {
         }
         return screen;
     });
+}
+
+std::optional<WindowFacts> VirelaDiagnostics::captureWindow(HostInterface& host) {
+    return findCaptureWindow(host);
 }
 
 }  // namespace virela

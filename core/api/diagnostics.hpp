@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/base/records.hpp"
+#include "core/ports/host.hpp"
 #include "core/transport/realtime_channel.hpp"
 
 namespace virela {
@@ -41,6 +42,10 @@ class VirelaDiagnostics {
     // The app's screen as an agent would receive it, with every sensitive view painted over.
     // Throws VirelaError ("no_window", "encode_failed") as a capture for an agent would fail.
     static ScreenDiagnostics captureScreen(bool live);
+    // The window a capture on `host` is drawn over right now, chosen as captureScreen() chooses
+    // it; nullopt when there is none. Reads `host` on the calling thread and needs no client, so
+    // a platform can line its own picture of the screen up with the agent's.
+    static std::optional<WindowFacts> captureWindow(HostInterface& host);
 };
 
 }  // namespace virela

@@ -1,12 +1,11 @@
 #include "core/api/virela.hpp"
 
-#include "core/redaction/redaction_style.hpp"
-
 #include <mutex>
 
 #include "core/client/client.hpp"
 #include "core/ports/fatal.hpp"
 #include "core/ports/platform.hpp"
+#include "core/ports/redaction_style.hpp"
 
 namespace virela {
 

@@ -10,7 +10,6 @@
 
 #include "core/ports/host.hpp"
 #include "core/ports/presenters.hpp"
-#include "core/theme/palette.hpp"
 
 namespace virela {
 
@@ -21,17 +20,6 @@ inline constexpr double sessionBannerRefreshSeconds = 15;
 
 // "Screenshots allowed · 12 min left" for `remainingSeconds` > 0, minutes rounded up.
 std::string sessionBannerText(double remainingSeconds);
-
-struct BannerColors {
-    AdaptiveColor background;
-    AdaptiveColor text;
-    AdaptiveColor border;
-};
-inline constexpr BannerColors bannerColors{
-    .background = palette::promptTheme[6],
-    .text = palette::promptTheme[7],
-    .border = palette::sessionTint,
-};
 
 class SessionBanner : public std::enable_shared_from_this<SessionBanner> {
   public:

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "core/ports/platform.hpp"
+#include "core/ports/renderer.hpp"
 
 namespace virela {
 
@@ -149,16 +150,6 @@ std::vector<WindowFacts> inputWindowList(WindowRegistry& registry, const WindowF
                      [](const WindowFacts& a, const WindowFacts& b) { return a.level < b.level; });
     std::reverse(windows.begin(), windows.end());
     return windows;
-}
-
-std::optional<std::size_t> passthroughTarget(
-    std::size_t count, const std::function<PassthroughTarget(std::size_t)>& probe) {
-    for (std::size_t i = 0; i < count; ++i) {
-        const PassthroughTarget t = probe(i);
-        if (!t.exists || t.hidden) continue;
-        if (t.containsPoint) return i;
-    }
-    return std::nullopt;
 }
 
 }  // namespace virela

@@ -4,8 +4,6 @@
 // remote input may reach, and the registry of windows the platform reported visible (scene
 // window lists miss some, such as the system's menu windows).
 
-#include <cstddef>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -13,8 +11,6 @@
 #include "core/ports/host.hpp"
 
 namespace virela {
-
-inline constexpr double minimumWindowAlpha = 0.01;
 
 class WindowRegistry {
   public:
@@ -60,16 +56,5 @@ void captureWindowList(WindowRegistry& registry, const WindowFacts& captureWindo
 // The windows a remote input hit-tests, front to back: higher levels first, and for equal
 // levels the later window first.
 std::vector<WindowFacts> inputWindowList(WindowRegistry& registry, const WindowFacts& target);
-
-// The overlay window's hit-test: which of its targets, tried in order, takes a touch. `probe`
-// says for one target whether it exists, whether it is hidden and whether the touch lies inside
-// its bounds; no answer lets the touch fall through to the app.
-struct PassthroughTarget {
-    bool exists = false;
-    bool hidden = false;
-    bool containsPoint = false;
-};
-std::optional<std::size_t> passthroughTarget(
-    std::size_t count, const std::function<PassthroughTarget(std::size_t)>& probe);
 
 }  // namespace virela

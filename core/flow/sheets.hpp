@@ -1,7 +1,7 @@
 #pragma once
 
-// What the library's bottom sheets say and which palette colour each part takes. How a sheet is
-// laid out belongs to the platform's presenter.
+// What the library's bottom sheets say. Which palette colour each part takes sits beside the
+// presenter (core/ports/presenters.hpp); how a sheet is laid out belongs to the presenter.
 
 #include <optional>
 #include <string>
@@ -9,7 +9,6 @@
 #include "core/base/records.hpp"
 #include "core/base/url.hpp"
 #include "core/ports/presenters.hpp"
-#include "core/theme/palette.hpp"
 
 namespace virela {
 
@@ -46,44 +45,5 @@ ConsentSheet makeControlSheet(const std::string& consentCopy,
                               const std::optional<std::string>& agentName,
                               const std::optional<std::string>& workspaceName,
                               const std::optional<std::string>& logoUrl);
-
-// Which palette colour each element of a sheet takes. The prompts share the eight theme slots.
-struct SheetColors {
-    AdaptiveColor dimming;  // drawn at `dimmingAlpha`
-    double dimmingAlpha;
-    AdaptiveColor card;
-    AdaptiveColor shadow;
-    AdaptiveColor title;
-    AdaptiveColor body;
-    AdaptiveColor secondary;  // request line, note
-    AdaptiveColor grabber;
-    AdaptiveColor logoTile;
-    AdaptiveColor logoDot;
-    AdaptiveColor allowBackground;
-    AdaptiveColor allowTitle;
-    AdaptiveColor denyBackground;
-    AdaptiveColor denyTitle;
-    AdaptiveColor codeBox;
-    AdaptiveColor code;
-};
-
-inline constexpr SheetColors sheetColors{
-    .dimming = palette::backdrop,
-    .dimmingAlpha = 0.45,
-    .card = palette::promptTheme[0],
-    .shadow = palette::shadowDeep,
-    .title = palette::promptTheme[1],
-    .body = palette::promptTheme[2],
-    .secondary = palette::promptTheme[3],
-    .grabber = palette::promptTheme[5],
-    .logoTile = palette::promptTheme[6],
-    .logoDot = palette::accentDeep,
-    .allowBackground = palette::promptTheme[7],
-    .allowTitle = palette::onAccent,
-    .denyBackground = palette::promptTheme[4],
-    .denyTitle = palette::promptTheme[1],
-    .codeBox = palette::promptTheme[6],
-    .code = palette::promptTheme[7],
-};
 
 }  // namespace virela

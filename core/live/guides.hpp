@@ -30,21 +30,13 @@ std::optional<Color> guideColor(const std::optional<std::string>& color);
 // marks, an emoji with its modifiers and joined parts); "Tap here" when nothing is left.
 std::string guideLabelText(const std::optional<std::string>& text);
 
+// What the rules below lay marks out and time them with; the sizes and timings the presenter
+// draws with sit beside its port, in core/ports/overlay.hpp.
 namespace guide {
-inline constexpr double laserSize = 15;
-inline constexpr double laserMoveSeconds = 0.12;
-inline constexpr double boxBorderWidth = 2.5;
-inline constexpr double arrowLineWidth = 4.5;
 inline constexpr double arrowMargin = 16;
 inline constexpr double arrowHeadLength = 13;
-inline constexpr double labelFontSize = 12;
-inline constexpr double labelPaddingX = 16;  // the bubble is this much wider than its text
-inline constexpr double labelPaddingY = 6;
 inline constexpr double labelMaxWidthFraction = 0.7;
-inline constexpr double markStartScale = 0.86;
-inline constexpr double popInSeconds = 0.35;
 inline constexpr double fadeAfterSeconds = 3.6;
-inline constexpr double fadeSeconds = 1.4;
 inline constexpr std::size_t labelMaxCharacters = 40;
 }  // namespace guide
 

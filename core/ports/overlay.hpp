@@ -55,6 +55,21 @@ struct MarkGeometry {
     friend bool operator==(const MarkGeometry&, const MarkGeometry&) = default;
 };
 
+// How the presenter draws the agent's guides: the laser dot, the marks' strokes and the label's
+// bubble, and how marks come and go.
+namespace guide {
+inline constexpr double laserSize = 15;
+inline constexpr double laserMoveSeconds = 0.12;
+inline constexpr double boxBorderWidth = 2.5;
+inline constexpr double arrowLineWidth = 4.5;
+inline constexpr double labelFontSize = 12;
+inline constexpr double labelPaddingX = 16;  // the bubble is this much wider than its text
+inline constexpr double labelPaddingY = 6;
+inline constexpr double markStartScale = 0.86;
+inline constexpr double popInSeconds = 0.35;
+inline constexpr double fadeSeconds = 1.4;
+}  // namespace guide
+
 // A toast under the pill.
 struct OverlayToast {
     bool recording = false;  // a pulsing dot; otherwise a check mark

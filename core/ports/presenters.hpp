@@ -1,8 +1,9 @@
 #pragma once
 
 // What the library puts on the customer's screen, as plain descriptions the platform draws: the
-// bottom sheets and the session banner. Core decides what they say and when they come and go;
-// a presenter only lays them out. Main thread only.
+// bottom sheets and the session banner, and the palette colour of each of their parts. Core
+// decides what they say and when they come and go; a presenter only lays them out. Main thread
+// only.
 
 #include <functional>
 #include <optional>
@@ -11,6 +12,7 @@
 
 #include "core/base/handles.hpp"
 #include "core/base/url.hpp"
+#include "core/ports/palette.hpp"
 
 namespace virela {
 
@@ -42,6 +44,45 @@ struct SheetActions {
     std::function<void()> done;
 };
 
+// Which palette colour each element of a sheet takes. The prompts share the eight theme slots.
+struct SheetColors {
+    AdaptiveColor dimming;  // drawn at `dimmingAlpha`
+    double dimmingAlpha;
+    AdaptiveColor card;
+    AdaptiveColor shadow;
+    AdaptiveColor title;
+    AdaptiveColor body;
+    AdaptiveColor secondary;  // request line, note
+    AdaptiveColor grabber;
+    AdaptiveColor logoTile;
+    AdaptiveColor logoDot;
+    AdaptiveColor allowBackground;
+    AdaptiveColor allowTitle;
+    AdaptiveColor denyBackground;
+    AdaptiveColor denyTitle;
+    AdaptiveColor codeBox;
+    AdaptiveColor code;
+};
+
+inline constexpr SheetColors sheetColors{
+    .dimming = palette::backdrop,
+    .dimmingAlpha = 0.45,
+    .card = palette::promptTheme[0],
+    .shadow = palette::shadowDeep,
+    .title = palette::promptTheme[1],
+    .body = palette::promptTheme[2],
+    .secondary = palette::promptTheme[3],
+    .grabber = palette::promptTheme[5],
+    .logoTile = palette::promptTheme[6],
+    .logoDot = palette::accentDeep,
+    .allowBackground = palette::promptTheme[7],
+    .allowTitle = palette::onAccent,
+    .denyBackground = palette::promptTheme[4],
+    .denyTitle = palette::promptTheme[1],
+    .codeBox = palette::promptTheme[6],
+    .code = palette::promptTheme[7],
+};
+
 // The platform's side of the sheet: puts it on screen over a window and takes it away. Main
 // thread only. The model removes a sheet before it presents the next one.
 class PromptPresenter {
@@ -55,6 +96,18 @@ class PromptPresenter {
     // replaces the placeholder; false leaves the placeholder.
     virtual bool showLogo(std::string_view bytes) = 0;
     virtual void dismiss() = 0;
+};
+
+// Which palette colour each part of the session banner's pill takes.
+struct BannerColors {
+    AdaptiveColor background;
+    AdaptiveColor text;
+    AdaptiveColor border;
+};
+inline constexpr BannerColors bannerColors{
+    .background = palette::promptTheme[6],
+    .text = palette::promptTheme[7],
+    .border = palette::sessionTint,
 };
 
 // The session banner's side: a raised passthrough window in the scene of `window`, carrying the

@@ -20,6 +20,10 @@ struct CaptureStep {
     VirelaRedaction style;  // paintRedaction
 };
 
+// A window this transparent or less shows nothing: captures leave it out, and so does any picture
+// of the screen a platform draws for itself.
+inline constexpr double minimumWindowAlpha = 0.01;
+
 struct CapturePlan {
     Rect bounds;        // the capture window's bounds
     double scale = 1;   // pixels per point

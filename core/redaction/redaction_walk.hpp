@@ -10,7 +10,7 @@
 
 #include "core/base/records.hpp"
 #include "core/ports/host.hpp"
-#include "core/redaction/redaction_style.hpp"
+#include "core/ports/redaction_style.hpp"
 
 namespace virela {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "core/theme/palette.hpp"
+#include "core/ports/palette.hpp"
 #include "platform/headless/host/builder.hpp"
 #include "platform/headless/render/font.hpp"
 

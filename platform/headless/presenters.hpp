@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "core/flow/consent_prompt.hpp"
-#include "core/consent/session_banner.hpp"
+#include "core/ports/presenters.hpp"
 #include "platform/headless/host/screen.hpp"
 
 namespace virela::headless {

@@ -9,6 +9,7 @@
 #include "tools/devserver/console_files.hpp"
 #include "tools/devserver/exchange.hpp"
 #include "tools/devserver/router.hpp"
+#include "tools/devserver/server.hpp"
 
 namespace virela::devserver {
 

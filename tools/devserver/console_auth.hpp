@@ -13,9 +13,6 @@ namespace virela::devserver {
 class Router;
 struct Reply;
 
-// 128 random bits as 32 hex digits, for Options::consoleToken.
-std::string freshConsoleToken();
-
 // Paths the console's token guards while the console is on: the page, its API, and the images
 // and frames devices sent, which only the agent may see.
 bool consoleGuards(std::string_view path);

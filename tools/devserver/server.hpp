@@ -56,6 +56,9 @@ struct Options {
     std::function<void(const SocketEvent&)> onSocketEvent;
 };
 
+// 128 random bits as 32 hex digits, for Options::consoleToken.
+std::string freshConsoleToken();
+
 // The local backend: a loopback HTTP/1.1 server on its own thread. Device state, the recorded
 // requests and the frames devices sent survive stop() and start(), so a restart looks like the
 // same backend. All member functions are thread-safe.

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 
-#include "core/redaction/redaction_style.hpp"
 #include "platform/headless/host/notifier.hpp"
 
 namespace virela::headless {

@@ -1,7 +1,7 @@
 #include "platform/headless/host/node_reader.hpp"
 
-#include "core/control/windows.hpp"
 #include "platform/headless/host/headless_host.hpp"
+#include "platform/headless/host/passthrough.hpp"
 #include "platform/headless/host/screen.hpp"
 
 namespace virela::headless {

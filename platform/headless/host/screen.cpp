@@ -5,7 +5,7 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "core/redaction/redaction_style.hpp"
+#include "core/ports/redaction_style.hpp"
 #include "platform/headless/host/notifier.hpp"
 
 namespace virela::headless {

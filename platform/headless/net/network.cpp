@@ -9,7 +9,7 @@
 #include <cctype>
 #include <stdexcept>
 
-#include "core/registration/registration_body.hpp"
+#include "core/base/version.hpp"
 #include "platform/headless/stderr_log.hpp"
 
 namespace virela::headless::detail {

@@ -2,13 +2,14 @@
 
 #include <algorithm>
 
-#include "core/control/windows.hpp"
+#include "core/api/diagnostics.hpp"
+#include "core/ports/renderer.hpp"
 #include "platform/headless/render/renderer.hpp"
 
 namespace virela::headless {
 
 Image drawCustomerView(HeadlessHost& host) {
-    const std::optional<WindowFacts> screen = findCaptureWindow(host);
+    const std::optional<WindowFacts> screen = VirelaDiagnostics::captureWindow(host);
     if (!screen || screen->bounds.isEmpty()) return {};
     std::vector<WindowFacts> windows;
     for (const auto& scene : host.scenes()) {

@@ -7,8 +7,6 @@
 
 #include <stdexcept>
 
-#include "core/transport/transport.hpp"
-
 namespace virela::ios {
 namespace {
 
@@ -115,27 +113,6 @@ TEST(IosHostError, AnythingElseIsUnknownButStillDescribed) {
     HostError thrownInt = hostError(std::make_exception_ptr(42));
     EXPECT_EQ(thrownInt.family, Family::unknown);
     EXPECT_EQ(thrownInt.message, "unknown failure");
-}
-
-// The binding hands the host the URL session's own NSError by throwing a NetworkError subclass
-// that carries it. That works only while the transport passes platform errors through as the
-// very same exception object.
-struct CarriesOriginal : NetworkError {
-    CarriesOriginal() : NetworkError(networkError(true, url_error::timedOut, "timed out")) {}
-    int original = 7;
-};
-
-TEST(IosHostError, TheTransportPassesThePlatformsErrorObjectThrough) {
-    SendResult result =
-        Transport::interpret(HttpOutcome{std::nullopt, std::make_exception_ptr(CarriesOriginal())});
-    ASSERT_TRUE(result.error);
-    try {
-        std::rethrow_exception(result.error);
-    } catch (const CarriesOriginal& e) {
-        EXPECT_EQ(e.original, 7);
-    } catch (...) {
-        ADD_FAILURE() << "the platform's error did not survive the transport";
-    }
 }
 
 }  // namespace

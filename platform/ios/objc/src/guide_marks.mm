@@ -8,7 +8,7 @@
 #include <cmath>
 #include <variant>
 
-#include "core/live/guides.hpp"
+#include "core/ports/overlay.hpp"
 #include "platform/ios/objc/src/overlay_chrome.hpp"
 #include "platform/ios/objc/src/strings.hpp"
 #include "platform/ios/objc/src/theme.hpp"

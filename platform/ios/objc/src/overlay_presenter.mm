@@ -12,7 +12,7 @@
 #include <string>
 #include <utility>
 
-#include "core/live/guides.hpp"
+#include "core/ports/overlay.hpp"
 #include "platform/ios/objc/src/guide_marks.hpp"
 #include "platform/ios/objc/src/overlay_chrome.hpp"
 #import "platform/ios/objc/src/passthrough_window.h"

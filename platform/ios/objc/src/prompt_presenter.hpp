@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "core/flow/consent_prompt.hpp"
+#include "core/ports/presenters.hpp"
 #include "platform/ios/objc/src/uikit_host.hpp"
 
 namespace virela::ios {

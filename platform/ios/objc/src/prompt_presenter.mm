@@ -10,7 +10,7 @@
 #include <utility>
 
 #import "VirelaAgentObjC/VIRThemedLayerView.h"
-#include "core/flow/sheets.hpp"
+#include "core/ports/presenters.hpp"
 #include "platform/ios/objc/src/strings.hpp"
 #include "platform/ios/objc/src/theme.hpp"
 

@@ -9,7 +9,7 @@
 
 #include <memory>
 
-#include "core/redaction/redaction_style.hpp"
+#include "core/ports/redaction_style.hpp"
 
 NS_ASSUME_NONNULL_BEGIN
 

@@ -6,8 +6,8 @@
 #import <UIKit/UIKit.h>
 
 #include "core/base/records.hpp"
+#include "core/ports/palette.hpp"
 #include "core/ports/platform.hpp"
-#include "core/theme/palette.hpp"
 
 NS_ASSUME_NONNULL_BEGIN
 

@@ -1,4 +1,4 @@
-#include "core/redaction/redaction_style.hpp"
+#include "core/ports/redaction_style.hpp"
 
 #include <mutex>
 

@@ -1,4 +1,4 @@
-#include "core/theme/palette.hpp"
+#include "core/ports/palette.hpp"
 
 #include <cstdint>
 

@@ -1,7 +1,8 @@
 #pragma once
 
-// The one palette every piece of interface the library shows takes its colours from. Adaptive
-// colours follow the device's light and dark appearance; fixed ones never change.
+// The one palette every piece of interface the library shows takes its colours from: core picks
+// the colour of each part, and the platform's presenters paint with it. Adaptive colours follow
+// the device's light and dark appearance; fixed ones never change.
 
 #include <string_view>
 

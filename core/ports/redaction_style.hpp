@@ -1,5 +1,8 @@
 #pragma once
 
+// The marks a platform attaches to the views it redacts, which the host hands back to core as it
+// reads the tree, and the process-wide default style a new mark copies.
+
 #include <memory>
 #include <optional>
 #include <string>
