@@ -57,8 +57,6 @@ class CaptureConsentFlow : public std::enable_shared_from_this<CaptureConsentFlo
     // Takes down the session banner (stop, reset).
     void endCall();
 
-    const SessionBanner& sessionBanner() const noexcept { return *sessionBanner_; }
-
   private:
     CaptureConsentFlow(Parts parts, FlowContext& context);
 

@@ -77,12 +77,6 @@ class LiveSessionFlow : public std::enable_shared_from_this<LiveSessionFlow> {
     void onEnterForeground();
 
     const std::optional<std::string>& sessionId() const noexcept { return sessionId_; }
-    const std::optional<std::string>& sharingGeneration() const noexcept {
-        return sharingGeneration_;
-    }
-    const std::optional<std::string>& recordingGeneration() const noexcept {
-        return recordingGeneration_;
-    }
 
     const ControlLease& lease() const noexcept { return *lease_; }
 
