@@ -55,6 +55,9 @@ template <class... Handler>
 struct RoutingTable : Handler... {
     using Handler::operator()...;
 };
+// Older compilers deduce no aggregate's arguments on their own.
+template <class... Handler>
+RoutingTable(Handler...) -> RoutingTable<Handler...>;
 }  // namespace
 
 // Each push to the flow that owns it. Every push type has its line: a new type that is missing
