@@ -319,6 +319,17 @@ TEST_F(DevServerTest, DeviceEndpointsAreAuthorisedByTheTokenAlone) {
     EXPECT_EQ(wrongMethod->status, 405);
     EXPECT_EQ(unknown->status, 404);
     EXPECT_EQ(errorOf(unknown)["error"], "not_found");
+
+    // A report nested 100,000 deep (200 KB) is refused unparsed; the backend carries on.
+    const std::string deep =
+        "{\"a\":" + std::string(100'000, '[') + std::string(100'000, ']') + "}";
+    auto tooDeep = roundTrip(server.port(), post("/v1/sdk/devices/health", deep, auth));
+    ASSERT_TRUE(tooDeep);
+    EXPECT_EQ(tooDeep->status, 400);
+    EXPECT_EQ(errorOf(tooDeep)["error"], "bad_request");
+    const std::string limit = "{\"a\":" + std::string(63, '[') + std::string(63, ']') + "}";
+    EXPECT_EQ(roundTrip(server.port(), post("/v1/sdk/devices/health", limit, auth))->status, 200);
+    EXPECT_EQ(server.device(code)->lastHealth, limit);
 }
 
 TEST_F(DevServerTest, QueuedRepliesAndClosesReplaceTheNextRequestsInOrder) {
@@ -1364,6 +1375,38 @@ TEST_F(ConsoleTest, TheTokenGuardsThePageItsApiAndWhatDevicesSentAndNothingElse)
     EXPECT_EQ(getWith("/console/API.md", "Cookie: " + cookie + "\r\n")->status, 404);
     // A device's own endpoints stay on the device token.
     EXPECT_EQ(roundTrip(server.port(), post("/v1/sdk/devices/health", "{}", auth))->status, 200);
+}
+
+TEST_F(ConsoleTest, TheCookieAloneChangesNothingAndSessionIdsCannotBeGuessed) {
+    const std::string cookie =
+        "Cookie: virela_console_" + std::to_string(server.port()) + "=" + kToken + "\r\n";
+    const std::string host = "127.0.0.1";  // what post() sends as Host
+    const std::string path = "/console/api/devices/" + deviceId + "/live";
+    auto live = [&](const std::string& headers) {
+        return roundTrip(server.port(), post(path, "{}", headers))->status;
+    };
+    // Another page (another port of this host, or a site) makes the browser send the cookie.
+    EXPECT_EQ(live(cookie), 401);
+    EXPECT_EQ(live(cookie + "Sec-Fetch-Site: same-site\r\nOrigin: http://127.0.0.1:1\r\n"), 401);
+    EXPECT_EQ(live(cookie + "Sec-Fetch-Site: same-origin\r\nOrigin: http://127.0.0.1:1\r\n"), 401);
+    EXPECT_EQ(live(cookie + "Sec-Fetch-Site: cross-site\r\nOrigin: http://" + host + "\r\n"), 401);
+    // The console's own page: its token as a Bearer, or the browser's word that it sent it.
+    EXPECT_EQ(live(cookie + "Sec-Fetch-Site: same-origin\r\nOrigin: http://" + host + "\r\n"), 200);
+    auto asked = act("devices/" + deviceId + "/live", "{}");
+    ASSERT_TRUE(asked && asked->status == 200);
+    const std::string first = json::parse(asked->body)["sessionId"];
+    const std::string second =
+        json::parse(act("devices/" + deviceId + "/live", "{}")->body)["sessionId"];
+    EXPECT_TRUE(first.starts_with("live_") && first.size() == 21) << first;
+    EXPECT_NE(first, second);
+    EXPECT_NE(first, "live_1");
+
+    // A body nested past the limit is refused with the reason, before it is parsed.
+    auto deep = act("devices/" + deviceId + "/live",
+                    "{\"a\":" + std::string(100'000, '[') + std::string(100'000, ']') + "}");
+    ASSERT_TRUE(deep);
+    EXPECT_EQ(deep->status, 400);
+    EXPECT_NE(errorOf(deep)["message"].get<std::string>().find("64"), std::string::npos);
 }
 
 TEST_F(ConsoleTest, MalformedActionsGetA400WithTheReasonAndTheBackendCarriesOn) {

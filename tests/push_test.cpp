@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "core/base/json.hpp"
 #include "core/ports/socket.hpp"
 #include "core/wire/push_records.hpp"
 
@@ -70,6 +71,21 @@ TEST(PushDecoding, DropsWhatDoesNotFitItsRecord) {
         "\xff\xfe",
     };
     for (const char* text : dropped) EXPECT_FALSE(decodePush(text)) << text;
+}
+
+TEST(PushDecoding, NestingDeeperThanTheLimitIsDroppedUnparsed) {
+    auto nested = [](std::size_t depth) {
+        return R"({"type":"capture","payload":{"requestId":"r","extra":)" +
+               std::string(depth - 2, '[') + std::string(depth - 2, ']') + "}}";
+    };
+    EXPECT_TRUE(decodePush(nested(kMaxJsonDepth)));
+    EXPECT_FALSE(decodePush(nested(kMaxJsonDepth + 1)));
+    EXPECT_FALSE(decodePush(nested(100'000)));
+    // Brackets inside strings are text, escaped quotes included.
+    EXPECT_TRUE(decodePush(R"({"type":"capture","payload":{"requestId":"a\"[[[[)" +
+                           std::string(100, '[') + "\"}}"));
+    EXPECT_TRUE(jsonNestsWithin(std::string(64, '[')));
+    EXPECT_FALSE(jsonNestsWithin(std::string(65, '{')));
 }
 
 TEST(CloseFrame, CodesThatOnlyDescribeACloseGoOutAsNormalClosure) {

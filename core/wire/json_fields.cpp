@@ -1,6 +1,7 @@
 #include "core/wire/json_fields.hpp"
 
 #include "core/base/errors.hpp"
+#include "core/base/json.hpp"
 
 namespace virela::wire {
 
@@ -17,6 +18,7 @@ const json* lookup(const json& object, const char* key) {
 }  // namespace
 
 json parse(std::string_view bytes) {
+    if (!jsonNestsWithin(bytes)) throw DecodingError("nested too deep");
     json value = json::parse(bytes.begin(), bytes.end(), nullptr, false);
     if (value.is_discarded()) throw DecodingError("not JSON");
     return value;

@@ -151,6 +151,7 @@ RespondResult RespondResult::decode(std::string_view bytes) {
 }
 
 std::optional<Push> decodePush(std::string_view text) {
+    if (!jsonNestsWithin(text)) return std::nullopt;
     json frame = json::parse(text.begin(), text.end(), nullptr, false);
     if (frame.is_discarded() || !frame.is_object()) return std::nullopt;
     auto type = frame.find("type");

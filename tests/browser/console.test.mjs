@@ -7,6 +7,7 @@ import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { once } from 'node:events';
 import fs from 'node:fs';
+import http from 'node:http';
 import os from 'node:os';
 import path from 'node:path';
 import readline from 'node:readline';
@@ -188,7 +189,9 @@ before(async () => {
     args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
       '--disable-background-networking', '--disable-component-update', '--disable-sync'],
   });
-  page = await browser.newPage({ viewport: { width: 1440, height: 900 } });
+  // A context of its own, so that a test can open another page beside it with the same cookies.
+  const context = await browser.newContext({ viewport: { width: 1440, height: 900 } });
+  page = await context.newPage();
   page.on('pageerror', (e) => assert.fail(`the page threw: ${e.message}`));
 });
 
@@ -229,6 +232,38 @@ test('the console lists the demo device, connected, with its user and health', a
   assert.match(await text('device-support-code'), /\S/);
   assert.match(await text('device-user'), /\S/);
   assert.ok(await byId('device-panel').isVisible(), 'the only device is selected');
+});
+
+test('a page of another local origin cannot act with the console cookie', async () => {
+  const origin = new URL(consoleUrl).origin;
+  const token = new URL(consoleUrl).searchParams.get('token');
+  const state = async () => (await fetch(`${origin}/console/api/state?token=${token}`)).json();
+  const before = await state();
+  const deviceId = before.devices[0].deviceId;
+  // Another server of this machine: the same site to the browser, so the cookie goes along.
+  const elsewhere = http.createServer((req, res) => {
+    res.writeHead(200, { 'Content-Type': 'text/html' });
+    res.end('<!doctype html><title>elsewhere</title>');
+  });
+  elsewhere.listen(0, '127.0.0.1');
+  await once(elsewhere, 'listening');
+  const other = await page.context().newPage();
+  try {
+    await other.goto(`http://127.0.0.1:${elsewhere.address().port}/`);
+    const from = demo.lines.length;
+    await other.evaluate(async (url) => {
+      // A simple request, so no preflight stops it first: only the backend can refuse it.
+      await fetch(url, { method: 'POST', mode: 'no-cors', credentials: 'include', body: '{}' });
+    }, `${origin}/console/api/devices/${deviceId}/live`);
+    await new Promise((resolve) => setTimeout(resolve, 1000));
+    const after = await state();
+    assert.equal(after.sessions.length, before.sessions.length, 'no live session was asked for');
+    assert.ok(!demo.lines.slice(from).some((l) => /live|Share your screen/i.test(l)),
+      `the customer saw nothing: ${demo.lines.slice(from).join(' | ')}`);
+  } finally {
+    await other.close();
+    elsewhere.close();
+  }
 });
 
 test('screenshots arrive with their sensitive views painted over, once and for the call', async () => {

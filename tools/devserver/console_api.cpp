@@ -10,6 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/base/json.hpp"
 #include "tools/devserver/agent.hpp"
 #include "tools/devserver/capture_book.hpp"
 #include "tools/devserver/console_auth.hpp"
@@ -264,9 +265,14 @@ void ConsoleApi::addRoutes(Router& router) {
     auto action = [](Action handle) -> RouteHandler {
         return
             [handle = std::move(handle)](const RecordedRequest& request, const PathParams& params) {
+                if (!jsonNestsWithin(request.body)) {
+                    return badRequest("The body must be a JSON object, nested at most 64 deep.");
+                }
                 const json body = request.body.empty() ? json::object()
                                                        : json::parse(request.body, nullptr, false);
-                if (!body.is_object()) return badRequest("The body must be a JSON object.");
+                if (!body.is_object()) {
+                    return badRequest("The body must be a JSON object, nested at most 64 deep.");
+                }
                 try {
                     return handle(Fields{body}, params);
                 } catch (const std::invalid_argument& wrong) {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <utility>
 
 #include "tools/devserver/console_files.hpp"
@@ -97,14 +96,7 @@ std::optional<std::string_view> queryValue(std::string_view target, std::string_
 }
 
 std::string freshConsoleToken() {
-    std::random_device random;
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string token;
-    for (int word = 0; word < 4; ++word) {
-        std::uint32_t bits = random();
-        for (int i = 0; i < 8; ++i, bits >>= 4) token += kDigits[bits & 0xf];
-    }
-    return token;
+    return randomHex(32);
 }
 
 bool consoleGuards(std::string_view path) {
@@ -114,6 +106,7 @@ bool consoleGuards(std::string_view path) {
 
 bool carriesConsoleToken(const RecordedRequest& request, std::string_view token,
                          std::uint16_t port) {
+    // The token itself, in the query or as a Bearer token: only whoever was given it has it.
     if (auto given = queryValue(request.target, "token"); given && sameSecret(*given, token)) {
         return true;
     }
@@ -124,11 +117,18 @@ bool carriesConsoleToken(const RecordedRequest& request, std::string_view token,
             return true;
         }
     }
+    // The cookie goes with every request the browser makes, whichever page asks for it, so on
+    // its own it only lets the page and the images be read. A change needs proof that the
+    // console's own page asked: the browser's word that the request is same-origin, and an
+    // Origin that is this server.
     if (auto cookies = request.header("Cookie")) {
-        if (auto given = cookieValue(*cookies, cookieName(port));
-            given && sameSecret(*given, token)) {
-            return true;
-        }
+        auto given = cookieValue(*cookies, cookieName(port));
+        if (!given || !sameSecret(*given, token)) return false;
+        if (request.method == "GET" || request.method == "HEAD") return true;
+        const auto site = request.header("Sec-Fetch-Site");
+        const auto origin = request.header("Origin");
+        const auto host = request.header("Host");
+        return site == "same-origin" && origin && host && *origin == "http://" + *host;
     }
     return false;
 }

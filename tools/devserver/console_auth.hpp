@@ -16,7 +16,8 @@ struct Reply;
 // Paths the console's token guards while the console is on: the page, its API, and the images
 // and frames devices sent, which only the agent may see.
 bool consoleGuards(std::string_view path);
-// The token given as "token" in the query, as a Bearer token, or in the console's cookie.
+// The token given as "token" in the query or as a Bearer token; or in the console's cookie, which
+// admits a GET or HEAD, and a change only when the browser says the console's own page sent it.
 bool carriesConsoleToken(const RecordedRequest& request, std::string_view token,
                          std::uint16_t port);
 // 401, saying nothing about what is behind the path.

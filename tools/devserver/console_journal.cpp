@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/base/json.hpp"
 #include "tools/devserver/capture_book.hpp"
 
 namespace virela::devserver {
@@ -127,6 +128,7 @@ void ConsoleJournal::note(const SocketEvent& event) {
         case SocketEvent::Kind::text:
             break;
     }
+    if (!jsonNestsWithin(event.data)) return;
     const json message = json::parse(event.data, nullptr, false);
     if (!message.is_object()) return;
     const std::string type =

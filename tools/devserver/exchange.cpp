@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <random>
 
 #include <nlohmann/json.hpp>
 
@@ -24,6 +25,18 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
                return std::tolower(static_cast<unsigned char>(x)) ==
                       std::tolower(static_cast<unsigned char>(y));
            });
+}
+
+std::string randomHex(std::size_t digits) {
+    std::random_device random;
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    std::uint32_t bits = 0;
+    for (std::size_t i = 0; i < digits; ++i, bits >>= 4) {
+        if (i % 8 == 0) bits = random();
+        hex += kDigits[bits & 0xf];
+    }
+    return hex;
 }
 
 }  // namespace virela::devserver

@@ -41,4 +41,8 @@ Reply jsonReply(const nlohmann::ordered_json& body, int status = 200);
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
 
+// `digits` lowercase hex digits from the system's random source: tokens, and ids that another
+// page must not guess.
+std::string randomHex(std::size_t digits);
+
 }  // namespace virela::devserver

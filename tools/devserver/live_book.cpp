@@ -1,5 +1,7 @@
 #include "tools/devserver/live_book.hpp"
 
+#include "tools/devserver/exchange.hpp"
+
 #include <algorithm>
 #include <utility>
 
@@ -23,9 +25,10 @@ void endControlWith(LiveRecord& record) {
 std::string LiveBook::freshSessionId() {
     std::lock_guard lock(mutex_);
     std::string id;
-    // Skips ids a test chose by hand, so that a fresh one never merges with another session.
+    // Random, so that no other page can name a session it was not told of; never one a test
+    // chose by hand, so that a fresh one never merges with another session.
     do {
-        id = "live_" + std::to_string(nextSession_++);
+        id = "live_" + randomHex(16);
     } while (lookup(id) != nullptr);
     return id;
 }

@@ -103,7 +103,6 @@ class LiveBook {
     std::map<std::string, std::string, std::less<>> promptSessions_;
     std::set<std::string, std::less<>> refusedKinds_;
     bool enforceLeases_ = false;
-    std::uint64_t nextSession_ = 1;
     std::uint64_t nextControlRequest_ = 1;
 };
 

@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/base/json.hpp"
 #include "tools/devserver/multipart.hpp"
 
 namespace virela::devserver {
@@ -23,10 +24,11 @@ Reply unauthorized() {
 }
 
 Reply notAnObject() {
-    return jsonError(400, "bad_request", "The body must be a JSON object.");
+    return jsonError(400, "bad_request", "The body must be a JSON object, nested at most 64 deep.");
 }
 
 std::optional<json> parseObject(const std::string& body) {
+    if (!jsonNestsWithin(body)) return std::nullopt;
     json value = json::parse(body, nullptr, /*allow_exceptions=*/false);
     if (!value.is_object()) return std::nullopt;
     return value;

@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/base/json.hpp"
 #include "tools/devserver/agent.hpp"
 #include "tools/devserver/capture_book.hpp"
 #include "tools/devserver/console_api.hpp"
@@ -49,6 +50,7 @@ std::optional<ViewChange> parseViewChange(const std::string& text) {
                               text.substr(sessionAt, text.size() - kTail.size() - sessionAt), text};
         }
     }
+    if (!jsonNestsWithin(text)) return std::nullopt;
     const nlohmann::json value = nlohmann::json::parse(text, nullptr, false);
     if (!value.is_object() || value.value("type", nlohmann::json()) != "view") return std::nullopt;
     auto member = [&](const char* key) {
