@@ -947,6 +947,12 @@ class LiveTest : public ScreenshotTest {
     }
 };
 
+std::string repeated(const std::string& text, int times) {
+    std::string out;
+    for (int i = 0; i < times; ++i) out += text;
+    return out;
+}
+
 std::string jpeg(char tag) {
     return std::string("\xff\xd8\xff\xe0\0\x10JFIF", 10) + tag + "\xff\xd9";
 }
@@ -1421,6 +1427,11 @@ TEST_F(ConsoleTest, MalformedActionsGetA400WithTheReasonAndTheBackendCarriesOn) 
         {session + "/guide", R"({"kind":"box","x":"0.5"})", 400},
         {session + "/guide", R"({"kind":"box","color":"red"})", 400},
         {session + "/guide", R"({"kind":"label","text":")" + std::string(5000, 'a') + "\"}", 400},
+        {session + "/guide", R"({"kind":"laser","y":0.5})", 400},
+        {session + "/guide", R"({"kind":"fill","x":0.2,"w":0.1,"h":0.1})", 400},
+        {session + "/guide", R"({"kind":"label","x":0.5,"y":0.5,"text":""})", 400},
+        {session + "/guide", R"({"kind":"label","x":0.5,"y":0.5,"text":"\u202e\u0007\n"})", 400},
+        {session + "/guide", R"({"kind":"label","text":")" + repeated("\u00e9", 201) + "\"}", 400},
         {session + "/input", R"({"action":"tap","x":0.5})", 400},
         {session + "/input", R"({"action":"swipe"})", 400},
         {session + "/input", R"({"action":"type","text":""})", 400},
@@ -1436,7 +1447,9 @@ TEST_F(ConsoleTest, MalformedActionsGetA400WithTheReasonAndTheBackendCarriesOn) 
         {session + "/input", R"({"action":"tap","x":0.5,"y":0.5})", 409},
         {session + "/control", "{}", 409},
         {session + "/control/end", "{}", 409},
-        {session + "/guide", R"({"kind":"laser"})", 409},
+        {session + "/guide", R"({"kind":"laser","x":0.5,"y":0.5})", 409},
+        {session + "/guide", R"({"kind":"laser-off"})", 409},
+        {session + "/guide", R"({"kind":"label","text":")" + repeated("\u00e9", 200) + "\"}", 409},
         {session + "/end", "{}", 200},
         {session + "/end", "{}", 409},
     };
@@ -1480,6 +1493,13 @@ TEST_F(ConsoleTest, ItsSessionsStartOnTheCustomersAllowAndTheJournalTellsWhatThe
     ASSERT_EQ(act("refuse", R"({"kind":"sharing","refuse":false})")->status, 200);
     EXPECT_EQ(confirm(session, "sharing", "share-1")->status, 200);
     EXPECT_EQ(state()["sessions"][0]["lapsed"], json::array());
+
+    // A label reaches the customer without what could break its line or reorder it.
+    ASSERT_EQ(act("sessions/" + session + "/guide",
+                  R"({"kind":"label","x":0.5,"y":0.5,"text":"Tap\u202e here\n\u0007now"})")
+                  ->status,
+              200);
+    EXPECT_EQ(nextPush()["payload"]["text"], "Tap herenow");
 
     // A silent stream turns stale; a frame makes it fresh again.
     EXPECT_FALSE(state()["sessions"][0]["stale"]);

@@ -31,6 +31,33 @@ using ordered = nlohmann::ordered_json;
 constexpr std::chrono::milliseconds kStaleAfterFrame{2000};
 constexpr std::chrono::milliseconds kStaleAfterActivation{3000};
 constexpr std::size_t kMaxText = 1000;
+constexpr std::size_t kMaxLabelCharacters = 200;
+
+// A label as the customer will read it: without control characters, which could break its
+// line or hide in it, and without the marks and overrides that reorder text, which could make
+// it read as something else. The text is valid UTF-8 (the JSON parser saw to that).
+std::string readableLabel(std::string_view text, std::size_t& characters) {
+    std::string kept;
+    characters = 0;
+    for (std::size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+        const std::string_view unit = text.substr(i, length);
+        i += length;
+        char32_t code = length == 1 ? lead : lead & (0x7F >> length);
+        for (std::size_t k = 1; k < unit.size(); ++k) {
+            code = (code << 6) | (static_cast<unsigned char>(unit[k]) & 0x3F);
+        }
+        const bool control = code < 0x20 || (code >= 0x7F && code <= 0x9F);
+        const bool reorders = code == 0x061C || code == 0x200E || code == 0x200F ||
+                              (code >= 0x202A && code <= 0x202E) ||
+                              (code >= 0x2066 && code <= 0x2069);
+        if (control || reorders) continue;
+        kept.append(unit);
+        ++characters;
+    }
+    return kept;
+}
 
 Reply badRequest(const std::string& message) {
     return jsonError(400, "bad_request", message);
@@ -407,6 +434,10 @@ void ConsoleApi::addRoutes(Router& router) {
             }
             guide.x = fields.number("x", 0, 1);
             guide.y = fields.number("y", 0, 1);
+            // Every mark but a label's is drawn at its point, and the laser goes there.
+            if (oneOf(guide.kind, {"laser", "arrow", "box", "fill"}) && (!guide.x || !guide.y)) {
+                return badRequest("A " + guide.kind + " needs \"x\" and \"y\" from 0 to 1.");
+            }
             guide.x2 = fields.number("x2", 0, 1);
             guide.y2 = fields.number("y2", 0, 1);
             guide.w = fields.number("w", 0, 1);
@@ -415,9 +446,15 @@ void ConsoleApi::addRoutes(Router& router) {
             if (guide.color && !hexColor(*guide.color)) {
                 return badRequest("\"color\" must be written #RRGGBB.");
             }
-            guide.text = fields.text("text");
-            if (guide.text && guide.text->size() > kMaxText) {
-                return badRequest("\"text\" is too long.");
+            if (const std::optional<std::string> text = fields.text("text")) {
+                std::size_t characters = 0;
+                guide.text = readableLabel(*text, characters);
+                if (characters > kMaxLabelCharacters) {
+                    return badRequest("\"text\" is longer than 200 characters.");
+                }
+            }
+            if (guide.kind == "label" && (!guide.text || guide.text->empty())) {
+                return badRequest("A label needs \"text\" that shows.");
             }
             const std::string session(params.get("session"));
             if (live->state != "active") return notActive();
