@@ -1471,6 +1471,46 @@ TEST_F(ConsoleTest, MalformedActionsGetA400WithTheReasonAndTheBackendCarriesOn) 
     EXPECT_EQ(state()["devices"].size(), 2u);
 }
 
+TEST_F(ConsoleTest, AnotherScreenshotNeedsTheCallsAllowanceAndOneQuestionWaitsAtATime) {
+    auto answer = [&](const std::string& requestId, bool allow) {
+        return roundTrip(server.port(),
+                         post("/v1/sdk/captures/" + requestId + "/respond",
+                              allow ? R"({"allow":true})" : R"({"allow":false})", auth))
+            ->status;
+    };
+    auto another = [&](const std::string& requestId) {
+        return act("devices/" + deviceId + "/capture", R"({"requestId":")" + requestId + "\"}");
+    };
+    auto ask = [&](const std::string& body) {
+        auto reply = act("devices/" + deviceId + "/screenshot", body);
+        EXPECT_EQ(reply->status, 200) << reply->body;
+        EXPECT_EQ(nextPush()["type"], "consent");
+        return json::parse(reply->body)["requestId"].get<std::string>();
+    };
+
+    const std::string call = ask(R"({"mode":"PerSession"})");
+    // Unanswered: no second sheet over the first, and no image without an answer.
+    auto stacked = act("devices/" + deviceId + "/screenshot", "{}");
+    EXPECT_EQ(stacked->status, 409);
+    EXPECT_EQ(errorOf(stacked)["error"], "pending");
+    EXPECT_EQ(another(call)->status, 409);
+    // Allowed for the call: another image goes out without a sheet.
+    ASSERT_EQ(answer(call, true), 200);
+    EXPECT_EQ(another(call)->status, 200);
+    EXPECT_EQ(nextPush(),
+              json::parse(R"({"type":"capture","payload":{"requestId":")" + call + "\"}}"));
+
+    const std::string once = ask("{}");
+    ASSERT_EQ(answer(once, true), 200);
+    auto used = another(once);
+    EXPECT_EQ(used->status, 409);
+    EXPECT_EQ(errorOf(used)["error"], "not_allowed");
+    const std::string declined = ask("{}");
+    ASSERT_EQ(answer(declined, false), 200);
+    EXPECT_EQ(another(declined)->status, 409);
+    EXPECT_EQ(events("refused").size(), 4u);
+}
+
 TEST_F(ConsoleTest, ItsSessionsStartOnTheCustomersAllowAndTheJournalTellsWhatTheDeviceReported) {
     auto asked = act("devices/" + deviceId + "/live", "{}");
     ASSERT_EQ(asked->status, 200);

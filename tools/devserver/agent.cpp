@@ -65,15 +65,16 @@ std::optional<AskedScreenshot> Agent::askScreenshot(std::string_view device,
     if (request.agentName) payload["agentName"] = *request.agentName;
     if (request.workspaceName) payload["workspaceName"] = *request.workspaceName;
     if (request.logoUrl) payload["logoUrl"] = *request.logoUrl;
-    payload["expiresAt"] =
-        request.expiresAt ? *request.expiresAt
-                          : isoUtc(std::chrono::system_clock::now() + fromSeconds(promptSeconds));
+    std::optional<std::chrono::system_clock::time_point> expires;
+    if (!request.expiresAt) expires = std::chrono::system_clock::now() + fromSeconds(promptSeconds);
+    payload["expiresAt"] = request.expiresAt ? *request.expiresAt : isoUtc(*expires);
     asked.push = frame("consent", payload);
 
     const std::string deviceId = registry_.deviceIdOf(device).value_or(std::string(device));
-    const bool sent = book.ask(asked.requestId, deviceId, request.mode, asked.promptId, [&] {
-        return sockets_.send(device, {Outgoing::Kind::text, asked.push, 0});
-    });
+    const bool sent =
+        book.ask(asked.requestId, deviceId, request.mode, asked.promptId, expires, [&] {
+            return sockets_.send(device, {Outgoing::Kind::text, asked.push, 0});
+        });
     if (!sent) return std::nullopt;
     return asked;
 }

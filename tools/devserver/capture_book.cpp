@@ -42,7 +42,9 @@ std::string CaptureBook::freshPromptId() {
 }
 
 bool CaptureBook::ask(const std::string& requestId, std::string deviceId, std::string mode,
-                      std::string promptId, const std::function<bool()>& deliver) {
+                      std::string promptId,
+                      std::optional<std::chrono::system_clock::time_point> promptExpires,
+                      const std::function<bool()>& deliver) {
     {
         std::lock_guard lock(mutex_);
         if (!deliver()) return false;
@@ -52,6 +54,7 @@ bool CaptureBook::ask(const std::string& requestId, std::string deviceId, std::s
         record.deviceId = std::move(deviceId);
         record.mode = std::move(mode);
         record.promptId = std::move(promptId);
+        record.promptExpires = promptExpires;
     }
     changed_.notify_all();
     return true;
@@ -82,7 +85,9 @@ CaptureBook::Answer CaptureBook::answer(std::string_view requestId, bool allow,
         CaptureRecord& record = recordFor(requestId);
         reply.status = allow ? respondStatus_ : "Denied";
         if (allow && record.mode == "PerSession") {
-            reply.sessionExpiresAt = isoUtc(std::chrono::system_clock::now() + session);
+            const auto until = std::chrono::system_clock::now() + session;
+            reply.sessionExpiresAt = isoUtc(until);
+            record.sessionExpires = until;
         }
         record.answer = allow;
         record.sessionExpiresAt = reply.sessionExpiresAt;
@@ -142,6 +147,8 @@ std::vector<CaptureRecord> CaptureBook::all(bool images) const {
         copy.promptShown = record.promptShown;
         copy.answer = record.answer;
         copy.sessionExpiresAt = record.sessionExpiresAt;
+        copy.promptExpires = record.promptExpires;
+        copy.sessionExpires = record.sessionExpires;
         copy.captureId = record.captureId;
         copy.captureIds = record.captureIds;
         copy.imageUrl = record.imageUrl;

@@ -30,7 +30,9 @@ class CaptureBook {
     // in from the device always finds it. Asking again for a known id starts its record afresh
     // in the same place. Lock order: the book, then whatever `deliver` takes (the socket hub).
     bool ask(const std::string& requestId, std::string deviceId, std::string mode,
-             std::string promptId, const std::function<bool()>& deliver);
+             std::string promptId,
+             std::optional<std::chrono::system_clock::time_point> promptExpires,
+             const std::function<bool()>& deliver);
     // Makes sure the request is known once `deliver` succeeds (a capture push for it).
     bool touch(const std::string& requestId, const std::function<bool()>& deliver);
 

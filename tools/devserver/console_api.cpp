@@ -335,6 +335,18 @@ void ConsoleApi::addRoutes(Router& router) {
             if (!oneOf(mode, {"AskEveryTime", "PerSession"})) {
                 return badRequest("\"mode\" must be \"AskEveryTime\" or \"PerSession\".");
             }
+            // One question at a time: a customer is never stacked two sheets for one screen.
+            const auto now = std::chrono::system_clock::now();
+            for (const CaptureRecord& open : captures_.all(false)) {
+                if (open.deviceId == *device && !open.answer && open.promptExpires &&
+                    now < *open.promptExpires) {
+                    journal_.record(*device, {}, "refused",
+                                    "screenshot refused: " + open.requestId +
+                                        " still waits for the customer's answer");
+                    return jsonError(409, "pending",
+                                     "The customer has not answered " + open.requestId + " yet.");
+                }
+            }
             ScreenshotRequest ask;
             ask.mode = mode;
             ask.agentName = "Support (local console)";
@@ -356,6 +368,24 @@ void ConsoleApi::addRoutes(Router& router) {
                    const std::optional<CaptureRecord> capture = captures_.find(*requestId);
                    if (!capture || capture->deviceId != *device) {
                        return jsonError(404, "not_found", "No such screenshot request.");
+                   }
+                   // Another image needs the customer's allowance for the call, still running;
+                   // the device would refuse anything else, and so does the backend.
+                   std::string why;
+                   if (!capture->answer) {
+                       why = "the customer has not answered it";
+                   } else if (!*capture->answer) {
+                       why = "the customer declined it";
+                   } else if (capture->mode != "PerSession") {
+                       why = "it was allowed once, and used";
+                   } else if (!capture->sessionExpires ||
+                              std::chrono::system_clock::now() >= *capture->sessionExpires) {
+                       why = "its call has ended";
+                   }
+                   if (!why.empty()) {
+                       journal_.record(*device, {}, "refused",
+                                       "another screenshot refused (" + *requestId + "): " + why);
+                       return jsonError(409, "not_allowed", "No further screenshot: " + why + ".");
                    }
                    if (!agent_.sendCapture(*device, *requestId)) return notConnected();
                    journal_.record(*device, {}, "asked",

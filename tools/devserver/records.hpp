@@ -97,8 +97,12 @@ struct CaptureRecord {
     bool promptShown = false;  // the device reported the prompt on screen
     std::optional<bool> answer;
     std::optional<std::string> sessionExpiresAt;  // what the answer replied, for PerSession
-    std::optional<std::string> captureId;         // of the latest upload stored
-    std::vector<std::string> captureIds;          // of every upload stored, oldest first
+    // When the sheet stops waiting for an answer, and when an allowed call's screenshots end;
+    // unknown when the asker set its own expiry text.
+    std::optional<std::chrono::system_clock::time_point> promptExpires;
+    std::optional<std::chrono::system_clock::time_point> sessionExpires;
+    std::optional<std::string> captureId;  // of the latest upload stored
+    std::vector<std::string> captureIds;   // of every upload stored, oldest first
     std::optional<std::string> imageUrl;
     std::string png;  // the uploaded file
     std::string uploadContentType;
