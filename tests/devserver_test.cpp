@@ -409,6 +409,8 @@ class SocketTest : public DevServerTest {
         Options options;
         options.port = port;
         options.consoleToken = consoleToken;
+        options.leaseGraceSeconds = leaseSeconds.first;
+        options.leaseSeconds = leaseSeconds.second;
         options.onSocketEvent = [this](const SocketEvent& event) {
             std::lock_guard lock(mutex_);
             events_.push_back(event);
@@ -436,6 +438,8 @@ class SocketTest : public DevServerTest {
     }
 
     std::optional<std::string> consoleToken;
+    // The grace for a lease's first confirmation and the time each confirmation holds.
+    std::pair<double, double> leaseSeconds{5, 15};
 
   private:
     std::mutex mutex_;
@@ -684,10 +688,10 @@ std::optional<double> secondsUntil(const std::string& text) {
 
 const std::string kPng = std::string("\x89PNG\r\n\x1a\n", 8) + std::string("\0\r\n--\xff IEND", 11);
 
-std::string filePart(const std::string& boundary, const std::string& name,
-                     const std::string& data) {
+std::string filePart(const std::string& boundary, const std::string& name, const std::string& data,
+                     const std::string& type = "image/png") {
     return "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + name +
-           "\"; filename=\"capture.png\"\r\nContent-Type: image/png\r\n\r\n" + data + "\r\n";
+           "\"; filename=\"capture.png\"\r\nContent-Type: " + type + "\r\n\r\n" + data + "\r\n";
 }
 
 // A device with its socket open, ready to be asked for screenshots.
@@ -752,6 +756,12 @@ TEST_F(ScreenshotTest, PushesCarryDefaultsOrTheGivenFieldsAndTheRequestsAreRemem
     given.expiresAt = "2030-01-01T00:00:00.000Z";
     given.promptId = "";
     given.requestId = "r-7";
+    // One question at a time: the next waits for the customer's answer to the first.
+    EXPECT_FALSE(server.askScreenshot(deviceId, given));
+    EXPECT_EQ(roundTrip(server.port(), post("/v1/sdk/captures/" + asked->requestId + "/respond",
+                                            R"({"allow":false})", auth))
+                  ->status,
+              200);
     auto custom = server.askScreenshot(deviceId, given);
     ASSERT_TRUE(custom);
     EXPECT_EQ(nextPush(), json::parse(R"({"type":"consent","payload":{"requestId":"r-7",
@@ -762,30 +772,30 @@ TEST_F(ScreenshotTest, PushesCarryDefaultsOrTheGivenFieldsAndTheRequestsAreRemem
     EXPECT_NE(server.askScreenshot(token)->requestId, asked->requestId);
     nextPush();
 
-    EXPECT_TRUE(server.sendCapture(token, "r-7"));
-    EXPECT_TRUE(server.sendCapture(token, "invented"));
+    // Another image needs a call the customer allowed.
+    EXPECT_FALSE(server.sendCapture(token, "r-7"));
+    EXPECT_FALSE(server.sendCapture(token, "invented"));
     EXPECT_TRUE(server.sendExpired(token));
     EXPECT_TRUE(server.sendDenied(token));
-    EXPECT_EQ(nextPush(), json::parse(R"({"type":"capture","payload":{"requestId":"r-7"}})"));
-    EXPECT_EQ(nextPush(), json::parse(R"({"type":"capture","payload":{"requestId":"invented"}})"));
     EXPECT_EQ(nextPush(), json::parse(R"({"type":"expired","payload":{}})"));
     EXPECT_EQ(nextPush(), json::parse(R"({"type":"denied","payload":{}})"));
 
     auto records = server.captureRequests();
-    ASSERT_EQ(records.size(), 4u);
+    ASSERT_EQ(records.size(), 3u);
     EXPECT_EQ(records[0].requestId, asked->requestId);
     EXPECT_EQ(records[1].requestId, "r-7");
     EXPECT_EQ(records[1].mode, "Sometimes");
     EXPECT_EQ(records[1].promptId, "");
-    EXPECT_EQ(records[3].requestId, "invented");
-    EXPECT_EQ(records[3].mode, "");
 }
 
 TEST_F(ScreenshotTest, RespondRecordsTheAnswerAndAnAllowedPerSessionRequestGetsASession) {
     virela::devserver::ScreenshotRequest perSession;
     perSession.mode = "PerSession";
+    // With expiries of the test's own making, which the backend does not track, so that the
+    // two questions may wait side by side.
+    perSession.expiresAt = "2030-01-01T00:00:00.000Z";
     const auto session = server.askScreenshot(token, perSession);
-    const auto once = server.askScreenshot(token);
+    const auto once = server.askScreenshot(token, {.expiresAt = perSession.expiresAt});
     ASSERT_TRUE(session && once);
     auto respond = [&](const std::string& requestId, const std::string& body,
                        const std::string& headers) {
@@ -814,11 +824,21 @@ TEST_F(ScreenshotTest, RespondRecordsTheAnswerAndAnAllowedPerSessionRequestGetsA
     EXPECT_EQ(server.captureRequest(session->requestId)->sessionExpiresAt,
               allowed["sessionExpiresAt"]);
 
+    // Inside the allowed call the agent may take another image without asking.
+    EXPECT_FALSE(server.sendCapture(token, once->requestId));
+    nextPush();
+    nextPush();
+    EXPECT_TRUE(server.sendCapture(token, session->requestId));
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"capture","payload":{"requestId":")" +
+                                      session->requestId + R"("}})"));
+
     server.setRespondStatus("AllowedOnce");
     EXPECT_EQ(respond(once->requestId, R"({"allow":true})", auth).second,
               json::parse(R"({"status":"AllowedOnce"})"));
+    EXPECT_FALSE(server.sendCapture(token, once->requestId));
     EXPECT_EQ(respond(session->requestId, R"({"allow":false})", auth).second,
               json::parse(R"({"status":"Denied"})"));
+    EXPECT_FALSE(server.sendCapture(token, session->requestId));
     EXPECT_EQ(server.captureRequest(session->requestId)->answer, false);
     EXPECT_FALSE(server.captureRequest(session->requestId)->sessionExpiresAt);
     EXPECT_EQ(respond("never-asked", R"({"allow":true})", auth).first, 200);
@@ -945,6 +965,16 @@ class LiveTest : public ScreenshotTest {
     std::optional<RawReply> get(const std::string& path) {
         return roundTrip(server.port(), "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
     }
+
+    // A session the customer allowed, so that its frames are taken.
+    std::string allowedSession() {
+        auto requested = server.requestLive(token);
+        EXPECT_TRUE(requested);
+        if (!requested) return {};
+        auto allowed = postLive(requested->sessionId, "respond", R"({"allow":true})", "");
+        EXPECT_TRUE(allowed && allowed->status == 200);
+        return requested->sessionId;
+    }
 };
 
 std::string repeated(const std::string& text, int times) {
@@ -1029,9 +1059,7 @@ TEST_F(LiveTest, PushesCarryTheSessionAndWhatTheDeviceReportsIsRecorded) {
 }
 
 TEST_F(LiveTest, FramesAreKeptServedAndCountedUntilTheSessionEnds) {
-    auto requested = server.requestLive(token);
-    ASSERT_TRUE(requested);
-    const std::string session = requested->sessionId;
+    const std::string session = allowedSession();
     auto unknown = sendFrame("live_999", jpeg('a'));
     ASSERT_TRUE(unknown);
     EXPECT_EQ(unknown->status, 404);
@@ -1077,18 +1105,15 @@ TEST_F(LiveTest, FramesAreKeptServedAndCountedUntilTheSessionEnds) {
     EXPECT_EQ(get("/live/" + session + "/latest.jpg")->body, jpeg('c'));
 
     // The customer's stop ends a session just as the backend's end does.
-    auto stopped = server.requestLive(token);
-    ASSERT_TRUE(stopped);
-    EXPECT_EQ(sendFrame(stopped->sessionId, jpeg('e'))->status, 200);
-    EXPECT_EQ(postLive(stopped->sessionId, "respond", R"({"allow":false})", "")->status, 200);
-    EXPECT_EQ(sendFrame(stopped->sessionId, jpeg('f'))->status, 410);
-    EXPECT_EQ(server.liveSession(stopped->sessionId)->answers, std::vector<bool>{false});
+    const std::string stopped = allowedSession();
+    EXPECT_EQ(sendFrame(stopped, jpeg('e'))->status, 200);
+    EXPECT_EQ(postLive(stopped, "respond", R"({"allow":false})", "")->status, 200);
+    EXPECT_EQ(sendFrame(stopped, jpeg('f'))->status, 410);
+    EXPECT_EQ(server.liveSession(stopped)->answers, (std::vector<bool>{true, false}));
 }
 
 TEST_F(LiveTest, AStalledBackendHoldsFramesUntilItRecoversAndKeepsNoneOfThem) {
-    auto requested = server.requestLive(token);
-    ASSERT_TRUE(requested);
-    const std::string session = requested->sessionId;
+    const std::string session = allowedSession();
     server.stallFrames(400ms);
     const auto start = std::chrono::steady_clock::now();
     auto held = sendFrame(session, jpeg('a'));
@@ -1104,8 +1129,7 @@ TEST_F(LiveTest, AStalledBackendHoldsFramesUntilItRecoversAndKeepsNoneOfThem) {
 }
 
 TEST_F(LiveTest, FramesWithoutAWholeFormAndAJpegFilePartAreRefused) {
-    const auto requested = server.requestLive(token);
-    ASSERT_TRUE(requested);
+    const std::string session = allowedSession();
     const std::string type = "multipart/form-data; boundary=b0";
     const std::vector<std::pair<std::string, std::string>> refused{
         {"image/jpeg", jpeg('a')},
@@ -1115,19 +1139,23 @@ TEST_F(LiveTest, FramesWithoutAWholeFormAndAJpegFilePartAreRefused) {
         {type, filePart("b0", "file", jpeg('a'))},
     };
     for (const auto& [contentType, body] : refused) {
-        auto reply =
-            postLive(requested->sessionId, "frame", body, "Content-Type: " + contentType + "\r\n");
+        auto reply = postLive(session, "frame", body, "Content-Type: " + contentType + "\r\n");
         ASSERT_TRUE(reply);
         EXPECT_EQ(reply->status, 400) << contentType << '\n' << body;
         EXPECT_EQ(errorOf(reply)["error"], "bad_request");
     }
-    EXPECT_EQ(server.liveSession(requested->sessionId)->frames, 0u);
+    EXPECT_EQ(server.liveSession(session)->frames, 0u);
 }
 
 TEST_F(LiveTest, ARefusedIndicatorKindGetsALeaseMismatchAndEveryConfirmationIsRecorded) {
     auto requested = server.requestLive(token);
     ASSERT_TRUE(requested);
     const std::string session = requested->sessionId;
+    ASSERT_TRUE(server.activateLive(token, session, "g-1"));
+    virela::devserver::LiveNote note;
+    note.kind = "recordingStarted";
+    note.generation = "r-1";
+    ASSERT_TRUE(server.sendLiveNote(token, session, note));
     server.refuseIndicator("recording");
 
     auto sharing = confirm(session, "sharing", "g-1");
@@ -1140,6 +1168,8 @@ TEST_F(LiveTest, ARefusedIndicatorKindGetsALeaseMismatchAndEveryConfirmationIsRe
     EXPECT_TRUE(errorOf(recording)["message"].is_string());
 
     server.refuseIndicator("recording", false);
+    note.generation = "r-2";
+    ASSERT_TRUE(server.sendLiveNote(token, session, note));
     EXPECT_EQ(confirm(session, "recording", "r-2")->status, 200);
     EXPECT_EQ(postLive(session, "indicator", R"({"kind":"sharing","generation":3})", "")->status,
               400);
@@ -1157,7 +1187,8 @@ TEST_F(LiveTest, ARefusedIndicatorKindGetsALeaseMismatchAndEveryConfirmationIsRe
     EXPECT_EQ(confirm(session, "sharing", "g-1")->status, 410);
 }
 
-// A live session on a device with its socket open, under remote control.
+// A live session the backend started with the sharing lease "g-1", on a device with its socket
+// open, ready for remote control.
 class ControlTest : public LiveTest {
   protected:
     void SetUp() override {
@@ -1166,10 +1197,20 @@ class ControlTest : public LiveTest {
         ASSERT_TRUE(requested);
         session = requested->sessionId;
         nextPush();
+        ASSERT_TRUE(server.activateLive(token, session, "g-1"));
+        nextPush();
     }
 
     std::optional<RawReply> feedback(const std::string& body) {
         return postLive(session, "control/feedback", body, "");
+    }
+    int answerControl(const std::string& body) {
+        auto reply = postLive(session, "control/respond", body, "");
+        return reply ? reply->status : 0;
+    }
+    int confirmStatus(const std::string& kind, const std::string& generation) {
+        auto reply = confirm(session, kind, generation);
+        return reply ? reply->status : 0;
     }
 
     std::string session;
@@ -1203,12 +1244,18 @@ TEST_F(ControlTest, ControlAndInputPushesCarryWhatWasGivenAndNothingElse) {
                                       server.logoUrl() + R"("}})"));
 
     const std::string head = R"({"type":"control","payload":{"sessionId":")" + session + "\"";
+    EXPECT_EQ(answerControl(R"({"allow":true})"), 200);
     EXPECT_TRUE(server.grantControl(token, session));
     EXPECT_EQ(nextPush(), json::parse(head + R"(,"state":"active"}})"));
     EXPECT_EQ(server.controlSession(session)->state, "active");
+    auto again = server.requestControl(token, session);
+    ASSERT_TRUE(again);
+    nextPush();
+    EXPECT_EQ(answerControl(json{{"allow", true}, {"requestId", again->requestId}}.dump()), 200);
     EXPECT_TRUE(server.grantControl(token, session, "c-2"));
     EXPECT_EQ(nextPush(), json::parse(head + R"(,"state":"active","generation":"c-2"}})"));
     EXPECT_EQ(server.controlSession(session)->generation, "c-2");
+    EXPECT_EQ(confirmStatus("control", "c-2"), 200);
 
     using virela::devserver::ControlInput;
     ControlInput unknown;
@@ -1236,7 +1283,7 @@ TEST_F(ControlTest, ControlAndInputPushesCarryWhatWasGivenAndNothingElse) {
     EXPECT_EQ(nextPush(), json::parse(head + R"(,"state":"ended"}})"));
     const auto control = server.controlSession(session);
     EXPECT_EQ(control->state, "ended");
-    EXPECT_EQ(control->requestId, "");
+    EXPECT_EQ(control->requestId, again->requestId);
     EXPECT_EQ(control->inputs, inputs.size());
 }
 
@@ -1272,7 +1319,7 @@ TEST_F(ControlTest, AnswersFeedbackAndControlConfirmationsAreRecordedPerSession)
     ASSERT_TRUE(server.waitForControlAnswer(session, 5s, 2));
     const auto record = server.liveSession(session);
     ASSERT_TRUE(record);
-    EXPECT_EQ(record->state, "requested");
+    EXPECT_EQ(record->state, "active");
     EXPECT_EQ(record->control.state, "ended");
     EXPECT_EQ(record->control.answers, (std::vector<virela::devserver::ControlAnswer>{
                                            {true, asked->requestId}, {false, std::nullopt}}));
@@ -1306,6 +1353,132 @@ TEST_F(ControlTest, FeedbackNeedsAStringKindAndAnOpenSessionOfThisDevice) {
     EXPECT_TRUE(control->feedback.empty());
     // The lease ends with its live session.
     EXPECT_EQ(control->state, "ended");
+}
+
+// The backend as a referee: what a device sends outside the leases it was given is refused and
+// not kept, and the agent cannot push what the customer did not allow. Leases here lapse after
+// a second, so that a test can watch one lapse.
+class RefereeTest : public ControlTest {
+  protected:
+    RefereeTest() { leaseSeconds = {1, 1}; }
+
+    int frameStatus(const std::string& id, char tag) {
+        auto reply = sendFrame(id, jpeg(tag));
+        return reply ? reply->status : 0;
+    }
+};
+
+TEST_F(RefereeTest, FramesNeedAnAllowedOrStartedSessionAndASharingLeaseThatHolds) {
+    auto requested = server.requestLive(token);
+    ASSERT_TRUE(requested);
+    const std::string asked = requested->sessionId;
+    auto refused = sendFrame(asked, jpeg('a'));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 409);
+    EXPECT_EQ(errorOf(refused)["error"], "not_allowed");
+    EXPECT_EQ(postLive(asked, "respond", R"({"allow":true})", "")->status, 200);
+    EXPECT_EQ(frameStatus(asked, 'b'), 200);  // allowed, and no lease issued yet to lapse
+    EXPECT_EQ(server.liveSession(asked)->frames, 1u);
+
+    EXPECT_EQ(frameStatus(session, 'a'), 200);  // inside the grace for the first confirmation
+    // A frame is a JPEG in the part "file", declared as an image.
+    auto mislabelled =
+        postLive(session, "frame", filePart("b1", "file", jpeg('x'), "text/plain") + "--b1--\r\n",
+                 "Content-Type: multipart/form-data; boundary=b1\r\n");
+    ASSERT_TRUE(mislabelled);
+    EXPECT_EQ(mislabelled->status, 400);
+    EXPECT_EQ(
+        postLive(session, "frame", filePart("b1", "file", jpeg('y'), "image/jpeg") + "--b1--\r\n",
+                 "Content-Type: multipart/form-data; boundary=b1\r\n")
+            ->status,
+        200);
+
+    // Never confirmed: the lease lapses once the grace is over, and frames are dropped.
+    std::this_thread::sleep_for(1300ms);
+    auto lapsed = sendFrame(session, jpeg('c'));
+    ASSERT_TRUE(lapsed);
+    EXPECT_EQ(lapsed->status, 409);
+    EXPECT_EQ(errorOf(lapsed)["error"], "lease_mismatch");
+    EXPECT_EQ(server.liveSession(session)->lapsed, std::vector<std::string>{"sharing"});
+    EXPECT_EQ(confirmStatus("sharing", "g-1"), 200);
+    EXPECT_EQ(frameStatus(session, 'd'), 200);
+    // A stale generation is refused without costing the lease in force its standing.
+    EXPECT_EQ(confirmStatus("sharing", "g-0"), 409);
+    EXPECT_EQ(frameStatus(session, 'e'), 200);
+    // A confirmation holds for its time only.
+    std::this_thread::sleep_for(1300ms);
+    EXPECT_EQ(frameStatus(session, 'f'), 409);
+    EXPECT_EQ(confirmStatus("sharing", "g-1"), 200);
+    // A confirmation the backend refuses lapses the lease at once.
+    server.refuseIndicator("sharing");
+    EXPECT_EQ(confirmStatus("sharing", "g-1"), 409);
+    EXPECT_EQ(frameStatus(session, 'g'), 409);
+    const auto record = server.liveSession(session);
+    EXPECT_EQ(record->frames, 4u);
+    EXPECT_EQ(record->latestFrame, jpeg('e'));
+}
+
+TEST_F(RefereeTest, ConfirmationsMustNameALeaseInForceWithItsGeneration) {
+    auto requested = server.requestLive(token);
+    ASSERT_TRUE(requested);
+    EXPECT_EQ(confirm(requested->sessionId, "sharing", "g-1")->status, 409);  // not started
+    EXPECT_EQ(confirmStatus("sharing", "g-2"), 409);
+    EXPECT_EQ(confirmStatus("control", "g-1"), 409);  // control never granted
+    EXPECT_EQ(confirmStatus("recording", "r-1"), 409);
+    EXPECT_EQ(confirmStatus("Sharing", "g-1"), 409);
+
+    virela::devserver::LiveNote note;
+    note.kind = "recordingStarted";
+    note.generation = "r-1";
+    ASSERT_TRUE(server.sendLiveNote(token, session, note));
+    EXPECT_EQ(confirmStatus("recording", "r-1"), 200);
+    note = {};
+    note.kind = "recordingStopped";
+    ASSERT_TRUE(server.sendLiveNote(token, session, note));
+    auto late = confirm(session, "recording", "r-1");
+    ASSERT_TRUE(late);
+    EXPECT_EQ(late->status, 409);
+    EXPECT_EQ(errorOf(late)["error"], "lease_mismatch");
+
+    const auto indicators = server.liveSession(session)->indicators;
+    ASSERT_EQ(indicators.size(), 6u);
+    for (const auto& one : indicators) {
+        EXPECT_EQ(one.accepted, one.reason.empty()) << one.kind << ' ' << one.generation;
+    }
+    EXPECT_TRUE(indicators[4].accepted);
+    EXPECT_FALSE(indicators[5].accepted);
+}
+
+TEST_F(RefereeTest, ControlIsGrantedOnlyInAnswerToTheCustomerAndInputOnlyUnderAConfirmedLease) {
+    using virela::devserver::ControlInput;
+    EXPECT_EQ(confirmStatus("sharing", "g-1"), 200);
+    EXPECT_FALSE(server.grantControl(token, session, "c-1"));  // nobody asked
+
+    auto asked = server.requestControl(token, session);
+    ASSERT_TRUE(asked);
+    EXPECT_FALSE(server.grantControl(token, session, "c-1"));  // the customer has not answered
+    EXPECT_EQ(answerControl(R"({"allow":true,"requestId":"ctl_other"})"), 200);
+    EXPECT_FALSE(server.grantControl(token, session, "c-1"));  // an answer to another request
+    EXPECT_EQ(answerControl(json{{"allow", true}, {"requestId", asked->requestId}}.dump()), 200);
+    EXPECT_TRUE(server.grantControl(token, session, "c-1"));
+    EXPECT_FALSE(server.grantControl(token, session, "c-2"));  // once
+    EXPECT_EQ(server.controlSession(session)->generation, "c-1");
+
+    // Granted but never confirmed: nothing goes through.
+    EXPECT_FALSE(server.sendInput(token, session, ControlInput::tapAt(0.5, 0.5)));
+    EXPECT_EQ(confirmStatus("control", "c-1"), 200);
+    EXPECT_TRUE(server.sendInput(token, session, ControlInput::tapAt(0.5, 0.5)));
+    std::this_thread::sleep_for(1300ms);
+    EXPECT_FALSE(server.sendInput(token, session, ControlInput::tapAt(0.5, 0.5)));
+    EXPECT_EQ(confirmStatus("control", "c-1"), 200);
+    EXPECT_TRUE(server.sendInput(token, session, ControlInput::typeText("a")));
+
+    // The customer takes control back: no input, and no grant without asking again.
+    EXPECT_EQ(answerControl(R"({"allow":false})"), 200);
+    EXPECT_FALSE(server.sendInput(token, session, ControlInput::typeText("b")));
+    EXPECT_FALSE(server.grantControl(token, session, "c-3"));
+    EXPECT_EQ(confirmStatus("control", "c-1"), 409);
+    EXPECT_EQ(server.controlSession(session)->inputs, 2u);
 }
 
 }  // namespace
@@ -1522,9 +1695,10 @@ TEST_F(ConsoleTest, ItsSessionsStartOnTheCustomersAllowAndTheJournalTellsWhatThe
 
     ASSERT_EQ(act("refuse", R"({"kind":"sharing","refuse":true})")->status, 200);
     EXPECT_EQ(confirm(session, "sharing", "share-1")->status, 409);
-    EXPECT_EQ(
-        events("indicator"),
-        std::vector<std::string>{"indicator sharing (generation share-1) refused: lease_mismatch"});
+    EXPECT_EQ(events("indicator"),
+              std::vector<std::string>{"indicator sharing (generation share-1) refused: "
+                                       "lease_mismatch (the backend refuses confirmations of "
+                                       "this kind)"});
     EXPECT_TRUE(state()["refusing"]["sharing"]);
     // Until the device confirms again the lease stays lapsed and its frames are dropped.
     EXPECT_EQ(sendFrame(session, jpeg('x'))->status, 409);
@@ -1553,13 +1727,27 @@ TEST_F(ConsoleTest, ItsSessionsStartOnTheCustomersAllowAndTheJournalTellsWhatThe
     EXPECT_EQ(fresh["frameUrl"], "/live/" + session + "/latest.jpg");
 
     ASSERT_EQ(act("sessions/" + session + "/control", "{}")->status, 200);
-    EXPECT_EQ(nextPush()["payload"]["state"], "requested");
+    const json request = nextPush()["payload"];
+    EXPECT_EQ(request["state"], "requested");
     EXPECT_EQ(act("sessions/" + session + "/input", R"({"action":"key","key":"enter"})")->status,
               409);
-    ASSERT_EQ(postLive(session, "control/respond", R"({"allow":true})", "")->status, 200);
+    ASSERT_EQ(postLive(session, "control/respond",
+                       json{{"allow", true}, {"requestId", request["requestId"]}}.dump(), "")
+                  ->status,
+              200);
     const json granted = nextPush();
     EXPECT_EQ(granted["payload"]["state"], "active");
     EXPECT_EQ(granted["payload"]["generation"], "ctl-1");
+    // Granted, but input waits for the device to confirm the lease; then it goes out.
+    auto early = act("sessions/" + session + "/input", R"({"action":"key","key":"enter"})");
+    EXPECT_EQ(early->status, 409);
+    EXPECT_EQ(errorOf(early)["error"], "lease_mismatch");
+    EXPECT_EQ(events("refused").back(),
+              "input refused: the device has not confirmed the control lease, or not in time");
+    ASSERT_EQ(confirm(session, "control", "ctl-1")->status, 200);
+    EXPECT_EQ(act("sessions/" + session + "/input", R"({"action":"key","key":"enter"})")->status,
+              200);
+    EXPECT_EQ(nextPush()["type"], "control-input");
     ASSERT_EQ(postLive(session, "control/feedback", R"({"kind":"menuOpened"})", "")->status, 200);
     EXPECT_EQ(events("feedback"), std::vector<std::string>{"control feedback: menuOpened"});
 

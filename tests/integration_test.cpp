@@ -620,9 +620,13 @@ TEST_F(Integration, RemoteControlActsOnlyUnderTheLeaseAndNeverOnASecureField) {
         return backend.sendInput(deviceId, id,
                                  devserver::ControlInput::tapAt(326.0 / 390, 256.0 / 844));
     };
+    // The backend refuses to send input outside a confirmed lease; a rogue one would not.
+    const std::string rogueTap = R"({"type":"control-input","payload":{"sessionId":"s-ctl",)"
+                                 R"("action":"tap","x":0.8359,"y":0.3033}})";
 
     // Input before control is granted goes nowhere.
-    ASSERT_TRUE(tapSwitch());
+    EXPECT_FALSE(tapSwitch());
+    ASSERT_TRUE(backend.pushText(deviceId, rogueTap));
     ASSERT_TRUE(eventually(*runtime, [&] {
         return log->contains(
             "control input 'tap' dropped: control is not active on this device (banner never "
@@ -666,7 +670,8 @@ TEST_F(Integration, RemoteControlActsOnlyUnderTheLeaseAndNeverOnASecureField) {
     ASSERT_TRUE(runtime->runOnMain([&] { return runtime->overlay()->press("Take back control"); }));
     ASSERT_TRUE(backend.waitForControlAnswer(id, 5s, answers + 1));
     EXPECT_FALSE(backend.controlSession(id)->answers.back().allow);
-    ASSERT_TRUE(tapSwitch());
+    EXPECT_FALSE(tapSwitch());
+    ASSERT_TRUE(backend.pushText(deviceId, rogueTap));
     std::this_thread::sleep_for(300ms);
     EXPECT_FALSE(switchOn());  // still as the last granted tap left it
     std::lock_guard lock(mutex);

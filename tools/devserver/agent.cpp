@@ -44,8 +44,7 @@ bool Agent::push(std::string_view device, std::string text) {
     return sockets_.send(device, {Outgoing::Kind::text, std::move(text), 0});
 }
 
-std::optional<AskedScreenshot> Agent::askScreenshot(std::string_view device,
-                                                    ScreenshotRequest request) {
+Attempt<AskedScreenshot> Agent::askScreenshot(std::string_view device, ScreenshotRequest request) {
     std::string consentCopy;
     double promptSeconds = 0;
     {
@@ -71,17 +70,20 @@ std::optional<AskedScreenshot> Agent::askScreenshot(std::string_view device,
     asked.push = frame("consent", payload);
 
     const std::string deviceId = registry_.deviceIdOf(device).value_or(std::string(device));
-    const bool sent =
+    Attempt<Done> sent =
         book.ask(asked.requestId, deviceId, request.mode, asked.promptId, expires, [&] {
             return sockets_.send(device, {Outgoing::Kind::text, asked.push, 0});
         });
-    if (!sent) return std::nullopt;
-    return asked;
+    Attempt<AskedScreenshot> attempt;
+    attempt.refusal = std::move(sent.refusal);
+    if (sent) attempt.value = std::move(asked);
+    return attempt;
 }
 
-bool Agent::sendCapture(std::string_view device, std::string_view requestId) {
+Attempt<Done> Agent::sendCapture(std::string_view device, std::string_view requestId) {
     const std::string push = frame("capture", {{"requestId", requestId}});
-    return captures_.touch(std::string(requestId), [&] {
+    const std::string deviceId = registry_.deviceIdOf(device).value_or(std::string(device));
+    return captures_.another(requestId, deviceId, [&] {
         return sockets_.send(device, {Outgoing::Kind::text, push, 0});
     });
 }
@@ -159,9 +161,16 @@ std::optional<LivePushed> Agent::sendLiveNote(std::string_view device, std::stri
     payload["promptId"] = pushed.promptId;
     if (note.generation) payload["generation"] = *note.generation;
     pushed.push = frame("live-note", payload);
-    // Known before the push goes out, so that a report racing back finds its session.
+    // Known before the push goes out, so that a report racing back finds its session, and a
+    // confirmation racing back finds its lease.
     live_.notePrompt(sessionId, pushed.promptId);
-    if (!push(device, pushed.push)) return std::nullopt;
+    const bool starts = note.kind == "recordingStarted";
+    if (starts) live_.issueLease(sessionId, "recording", note.generation);
+    if (!push(device, pushed.push)) {
+        if (starts) live_.withdrawLease(sessionId, "recording");
+        return std::nullopt;
+    }
+    if (note.kind == "recordingStopped") live_.withdrawLease(sessionId, "recording");
     return pushed;
 }
 
@@ -195,20 +204,19 @@ std::optional<ControlPushed> Agent::requestControl(std::string_view device,
     if (request.workspaceName) payload["workspaceName"] = *request.workspaceName;
     if (request.logoUrl) payload["logoUrl"] = *request.logoUrl;
     pushed.push = frame("control", payload);
-    const bool sent =
-        live_.pushControl(sessionId, "requested", pushed.requestId, std::nullopt, [&] {
-            return sockets_.send(device, {Outgoing::Kind::text, pushed.push, 0});
-        });
+    const bool sent = live_.requestControl(sessionId, pushed.requestId, [&] {
+        return sockets_.send(device, {Outgoing::Kind::text, pushed.push, 0});
+    });
     if (!sent) return std::nullopt;
     return pushed;
 }
 
-bool Agent::grantControl(std::string_view device, std::string_view sessionId,
-                         std::optional<std::string> generation) {
+Attempt<Done> Agent::grantControl(std::string_view device, std::string_view sessionId,
+                                  std::optional<std::string> generation) {
     nlohmann::ordered_json payload{{"sessionId", sessionId}, {"state", "active"}};
     if (generation) payload["generation"] = *generation;
     const std::string push = frame("control", payload);
-    return live_.pushControl(sessionId, "active", std::nullopt, std::move(generation), [&] {
+    return live_.grantControl(sessionId, std::move(generation), [&] {
         return sockets_.send(device, {Outgoing::Kind::text, push, 0});
     });
 }
@@ -219,8 +227,11 @@ bool Agent::endControl(std::string_view device, std::string_view sessionId) {
     return push(device, frame("control", {{"sessionId", sessionId}, {"state", "ended"}}));
 }
 
-bool Agent::sendInput(std::string_view device, std::string_view sessionId,
-                      const ControlInput& input) {
+Attempt<Done> Agent::sendInput(std::string_view device, std::string_view sessionId,
+                               const ControlInput& input) {
+    Attempt<Done> attempt;
+    attempt.refusal = live_.admitInput(sessionId);
+    if (attempt.refusal) return attempt;
     nlohmann::ordered_json payload{{"sessionId", sessionId}, {"action", input.action}};
     const std::pair<const char*, const std::optional<double>*> numbers[] = {
         {"x", &input.x}, {"y", &input.y}, {"dx", &input.dx}, {"dy", &input.dy}};
@@ -230,9 +241,12 @@ bool Agent::sendInput(std::string_view device, std::string_view sessionId,
     if (input.text) payload["text"] = *input.text;
     if (input.key) payload["key"] = *input.key;
     const std::string push = frame("control-input", payload);
-    return live_.pushInput(sessionId, [&] {
-        return sockets_.send(device, {Outgoing::Kind::text, push, 0});
-    });
+    if (live_.pushInput(sessionId, [&] {
+            return sockets_.send(device, {Outgoing::Kind::text, push, 0});
+        })) {
+        attempt.value = Done{};
+    }
+    return attempt;
 }
 
 }  // namespace virela::devserver

@@ -21,6 +21,11 @@ class SocketHub;
 // class, so that a test and a person at the page are the same agent. Thread-safe; like the
 // books it outlives server runs. Wherever a `device` is asked for, its id, any of its tokens or
 // its current support code will do.
+//
+// The agent keeps the rules a real backend keeps, and an action they forbid is refused with its
+// reason, sending nothing: one screenshot question at a time, another image only inside an
+// allowed call still running, control granted only in answer to the customer, once, and input
+// only under a control lease the device confirmed.
 class Agent {
   public:
     Agent(const DeviceRegistry& registry, CaptureBook& captures, LiveBook& live,
@@ -32,9 +37,8 @@ class Agent {
 
     bool connected(std::string_view device) const;
 
-    std::optional<AskedScreenshot> askScreenshot(std::string_view device,
-                                                 ScreenshotRequest request = {});
-    bool sendCapture(std::string_view device, std::string_view requestId);
+    Attempt<AskedScreenshot> askScreenshot(std::string_view device, ScreenshotRequest request = {});
+    Attempt<Done> sendCapture(std::string_view device, std::string_view requestId);
     bool sendExpired(std::string_view device);
     bool sendDenied(std::string_view device);
     void setRespondStatus(std::string status);
@@ -50,10 +54,11 @@ class Agent {
 
     std::optional<ControlPushed> requestControl(std::string_view device, std::string_view sessionId,
                                                 ControlRequest request = {});
-    bool grantControl(std::string_view device, std::string_view sessionId,
-                      std::optional<std::string> generation = std::nullopt);
+    Attempt<Done> grantControl(std::string_view device, std::string_view sessionId,
+                               std::optional<std::string> generation = std::nullopt);
     bool endControl(std::string_view device, std::string_view sessionId);
-    bool sendInput(std::string_view device, std::string_view sessionId, const ControlInput& input);
+    Attempt<Done> sendInput(std::string_view device, std::string_view sessionId,
+                            const ControlInput& input);
 
   private:
     bool push(std::string_view device, std::string text);

@@ -41,13 +41,24 @@ std::string CaptureBook::freshPromptId() {
     return id;
 }
 
-bool CaptureBook::ask(const std::string& requestId, std::string deviceId, std::string mode,
-                      std::string promptId,
-                      std::optional<std::chrono::system_clock::time_point> promptExpires,
-                      const std::function<bool()>& deliver) {
+Attempt<Done> CaptureBook::ask(const std::string& requestId, std::string deviceId, std::string mode,
+                               std::string promptId,
+                               std::optional<std::chrono::system_clock::time_point> promptExpires,
+                               const std::function<bool()>& deliver) {
+    Attempt<Done> attempt;
     {
         std::lock_guard lock(mutex_);
-        if (!deliver()) return false;
+        // One question at a time: a customer is never stacked two sheets for one screen.
+        const auto now = std::chrono::system_clock::now();
+        for (const CaptureRecord& open : records_) {
+            if (open.deviceId == deviceId && !open.answer && open.promptExpires &&
+                now < *open.promptExpires) {
+                attempt.refusal =
+                    Refusal{"pending", open.requestId + " still waits for the customer's answer"};
+                return attempt;
+            }
+        }
+        if (!deliver()) return attempt;
         CaptureRecord& record = recordFor(requestId);
         record = CaptureRecord{};
         record.requestId = requestId;
@@ -55,16 +66,36 @@ bool CaptureBook::ask(const std::string& requestId, std::string deviceId, std::s
         record.mode = std::move(mode);
         record.promptId = std::move(promptId);
         record.promptExpires = promptExpires;
+        attempt.value = Done{};
     }
     changed_.notify_all();
-    return true;
+    return attempt;
 }
 
-bool CaptureBook::touch(const std::string& requestId, const std::function<bool()>& deliver) {
+Attempt<Done> CaptureBook::another(std::string_view requestId, std::string_view deviceId,
+                                   const std::function<bool()>& deliver) {
+    Attempt<Done> attempt;
     std::lock_guard lock(mutex_);
-    if (!deliver()) return false;
-    recordFor(requestId);
-    return true;
+    const CaptureRecord* capture = lookup(requestId);
+    std::string why;
+    if (capture == nullptr || capture->deviceId != deviceId) {
+        why = "the device was never asked for it";
+    } else if (!capture->answer) {
+        why = "the customer has not answered it";
+    } else if (!*capture->answer) {
+        why = "the customer declined it";
+    } else if (capture->mode != "PerSession") {
+        why = "it was allowed once, and used";
+    } else if (!capture->sessionExpires ||
+               std::chrono::system_clock::now() >= *capture->sessionExpires) {
+        why = "its call has ended";
+    }
+    if (!why.empty()) {
+        attempt.refusal = Refusal{"not_allowed", std::move(why)};
+        return attempt;
+    }
+    if (deliver()) attempt.value = Done{};
+    return attempt;
 }
 
 void CaptureBook::promptShown(std::string_view promptId) {

@@ -29,12 +29,15 @@ class CaptureBook {
     // Records an ask once `deliver` succeeds, under the book's lock, so that an answer racing
     // in from the device always finds it. Asking again for a known id starts its record afresh
     // in the same place. Lock order: the book, then whatever `deliver` takes (the socket hub).
-    bool ask(const std::string& requestId, std::string deviceId, std::string mode,
-             std::string promptId,
-             std::optional<std::chrono::system_clock::time_point> promptExpires,
-             const std::function<bool()>& deliver);
-    // Makes sure the request is known once `deliver` succeeds (a capture push for it).
-    bool touch(const std::string& requestId, const std::function<bool()>& deliver);
+    // Refused ("pending") while an earlier request of the device waits for the customer.
+    Attempt<Done> ask(const std::string& requestId, std::string deviceId, std::string mode,
+                      std::string promptId,
+                      std::optional<std::chrono::system_clock::time_point> promptExpires,
+                      const std::function<bool()>& deliver);
+    // Delivers the push for another image of an allowed call that still runs; refused
+    // ("not_allowed"), delivering nothing, for any other request.
+    Attempt<Done> another(std::string_view requestId, std::string_view deviceId,
+                          const std::function<bool()>& deliver);
 
     void promptShown(std::string_view promptId);
 

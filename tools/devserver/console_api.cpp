@@ -67,6 +67,11 @@ Reply notConnected() {
     return jsonError(409, "not_connected", "The device is not connected.");
 }
 
+std::string capitalised(std::string text) {
+    if (!text.empty() && text.front() >= 'a' && text.front() <= 'z') text.front() -= 'a' - 'A';
+    return text;
+}
+
 // What a console action reads from its body; a wrong type is the caller's mistake, never ours.
 struct Fields {
     const json& body;
@@ -118,6 +123,12 @@ ConsoleApi::ConsoleApi(Agent& agent, const DeviceRegistry& registry, const Captu
                        LiveBook& live, ConsoleJournal& journal)
     : agent_(agent), registry_(registry), captures_(captures), live_(live), journal_(journal) {}
 
+Reply ConsoleApi::refused(const std::string& deviceId, const std::string& sessionId,
+                          const std::string& what, const Refusal& refusal) {
+    journal_.record(deviceId, sessionId, "refused", what + " refused: " + refusal.reason);
+    return jsonError(409, refusal.error, capitalised(what) + " refused: " + refusal.reason + ".");
+}
+
 std::string ConsoleApi::nextGeneration(std::string_view prefix) {
     std::lock_guard lock(mutex_);
     auto it = generations_.try_emplace(std::string(prefix), 0).first;
@@ -140,9 +151,13 @@ void ConsoleApi::react(const DeviceReport& report) {
     } else if (const auto* control = std::get_if<report::ControlAnswered>(&report.what)) {
         if (!control->allow || !own(control->sessionId)) return;
         const std::string generation = nextGeneration("ctl");
-        if (agent_.grantControl(report.deviceId, control->sessionId, generation)) {
+        const Attempt<Done> granted =
+            agent_.grantControl(report.deviceId, control->sessionId, generation);
+        if (granted) {
             journal_.record(report.deviceId, control->sessionId, "control-active",
                             "control started (generation " + generation + ")");
+        } else if (granted.refusal) {
+            refused(report.deviceId, control->sessionId, "control", *granted.refusal);
         }
     }
 }
@@ -201,7 +216,6 @@ std::string ConsoleApi::state(std::uint64_t since) const {
                            : live.sinceActivation && *live.sinceActivation > kStaleAfterActivation);
         // The device re-confirms every few seconds; the latest of each kind is what stands.
         ordered indicators = ordered::array();
-        ordered lapses = ordered::array();
         for (const char* kind : {"sharing", "recording", "control"}) {
             auto latest = std::find_if(live.indicators.rbegin(), live.indicators.rend(),
                                        [kind](const auto& one) { return one.kind == kind; });
@@ -210,7 +224,6 @@ std::string ConsoleApi::state(std::uint64_t since) const {
                                       {"generation", latest->generation},
                                       {"accepted", latest->accepted}});
             }
-            if (latest != live.indicators.rend() && !latest->accepted) lapses.push_back(kind);
         }
         const ControlRecord& control = live.control;
         sessions.push_back(
@@ -225,7 +238,7 @@ std::string ConsoleApi::state(std::uint64_t since) const {
              {"frameAgeMs", live.sinceFrame ? ordered(live.sinceFrame->count()) : ordered()},
              {"stale", stale},
              {"indicators", indicators},
-             {"lapsed", lapses},
+             {"lapsed", live.lapsed},
              {"control",
               {{"state", control.state},
                {"generation", optionalJson(control.generation)},
@@ -326,38 +339,27 @@ void ConsoleApi::addRoutes(Router& router) {
         return jsonError(409, "not_active", "The live session is not running.");
     };
 
-    router.add(
-        "POST", "/console/api/devices/{device}/screenshot",
-        action([=, this](const Fields& fields, const PathParams& params) {
-            const std::optional<std::string> device = knownDevice(params);
-            if (!device) return unknownDevice();
-            const std::string mode = fields.text("mode").value_or("AskEveryTime");
-            if (!oneOf(mode, {"AskEveryTime", "PerSession"})) {
-                return badRequest("\"mode\" must be \"AskEveryTime\" or \"PerSession\".");
-            }
-            // One question at a time: a customer is never stacked two sheets for one screen.
-            const auto now = std::chrono::system_clock::now();
-            for (const CaptureRecord& open : captures_.all(false)) {
-                if (open.deviceId == *device && !open.answer && open.promptExpires &&
-                    now < *open.promptExpires) {
-                    journal_.record(*device, {}, "refused",
-                                    "screenshot refused: " + open.requestId +
-                                        " still waits for the customer's answer");
-                    return jsonError(409, "pending",
-                                     "The customer has not answered " + open.requestId + " yet.");
-                }
-            }
-            ScreenshotRequest ask;
-            ask.mode = mode;
-            ask.agentName = "Support (local console)";
-            std::optional<AskedScreenshot> asked = agent_.askScreenshot(*device, ask);
-            if (!asked) return notConnected();
-            journal_.record(*device, {}, "asked",
-                            "agent asked for a screenshot " +
-                                std::string(mode == "PerSession" ? "for the call" : "once") + " (" +
-                                asked->requestId + ")");
-            return jsonReply({{"requestId", asked->requestId}, {"promptId", asked->promptId}});
-        }));
+    router.add("POST", "/console/api/devices/{device}/screenshot",
+               action([=, this](const Fields& fields, const PathParams& params) {
+                   const std::optional<std::string> device = knownDevice(params);
+                   if (!device) return unknownDevice();
+                   const std::string mode = fields.text("mode").value_or("AskEveryTime");
+                   if (!oneOf(mode, {"AskEveryTime", "PerSession"})) {
+                       return badRequest("\"mode\" must be \"AskEveryTime\" or \"PerSession\".");
+                   }
+                   ScreenshotRequest ask;
+                   ask.mode = mode;
+                   ask.agentName = "Support (local console)";
+                   Attempt<AskedScreenshot> asked = agent_.askScreenshot(*device, ask);
+                   if (asked.refusal) return refused(*device, {}, "screenshot", *asked.refusal);
+                   if (!asked) return notConnected();
+                   journal_.record(*device, {}, "asked",
+                                   "agent asked for a screenshot " +
+                                       std::string(mode == "PerSession" ? "for the call" : "once") +
+                                       " (" + asked.value->requestId + ")");
+                   return jsonReply({{"requestId", asked.value->requestId},
+                                     {"promptId", asked.value->promptId}});
+               }));
 
     router.add("POST", "/console/api/devices/{device}/capture",
                action([=, this](const Fields& fields, const PathParams& params) {
@@ -369,25 +371,12 @@ void ConsoleApi::addRoutes(Router& router) {
                    if (!capture || capture->deviceId != *device) {
                        return jsonError(404, "not_found", "No such screenshot request.");
                    }
-                   // Another image needs the customer's allowance for the call, still running;
-                   // the device would refuse anything else, and so does the backend.
-                   std::string why;
-                   if (!capture->answer) {
-                       why = "the customer has not answered it";
-                   } else if (!*capture->answer) {
-                       why = "the customer declined it";
-                   } else if (capture->mode != "PerSession") {
-                       why = "it was allowed once, and used";
-                   } else if (!capture->sessionExpires ||
-                              std::chrono::system_clock::now() >= *capture->sessionExpires) {
-                       why = "its call has ended";
+                   const Attempt<Done> sent = agent_.sendCapture(*device, *requestId);
+                   if (sent.refusal) {
+                       return refused(*device, {}, "another screenshot (" + *requestId + ")",
+                                      *sent.refusal);
                    }
-                   if (!why.empty()) {
-                       journal_.record(*device, {}, "refused",
-                                       "another screenshot refused (" + *requestId + "): " + why);
-                       return jsonError(409, "not_allowed", "No further screenshot: " + why + ".");
-                   }
-                   if (!agent_.sendCapture(*device, *requestId)) return notConnected();
+                   if (!sent) return notConnected();
                    journal_.record(*device, {}, "asked",
                                    "agent asked for another screenshot (" + *requestId + ")");
                    return jsonReply(ordered::object());
@@ -563,16 +552,9 @@ void ConsoleApi::addRoutes(Router& router) {
                 return badRequest("\"action\" must be tap, scroll, type or key.");
             }
             const std::string session(params.get("session"));
-            if (live->state != "active" || live->control.state != "active") {
-                return jsonError(409, "no_control",
-                                 "Control is not granted: ask for it and wait for the customer.");
-            }
-            if (live_.lapsed(session, "control")) {
-                return jsonError(409, "lease_mismatch",
-                                 "The device has not confirmed the control lease; input is "
-                                 "dropped until it does.");
-            }
-            if (!agent_.sendInput(live->deviceId, session, input)) return notConnected();
+            const Attempt<Done> sent = agent_.sendInput(live->deviceId, session, input);
+            if (sent.refusal) return refused(live->deviceId, session, "input", *sent.refusal);
+            if (!sent) return notConnected();
             if (act != "scroll")
                 journal_.record(live->deviceId, session, "input", "agent input: " + act);
             return jsonReply(ordered::object());

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "tools/devserver/device_report.hpp"
+#include "tools/devserver/exchange.hpp"
 
 namespace virela::devserver {
 
@@ -37,6 +38,9 @@ class ConsoleApi {
   private:
     std::string state(std::uint64_t since) const;
     std::string nextGeneration(std::string_view prefix);
+    // Journals the refusal of `what` and makes its 409.
+    Reply refused(const std::string& deviceId, const std::string& sessionId,
+                  const std::string& what, const Refusal& refusal);
     bool own(std::string_view sessionId) const;
 
     Agent& agent_;

@@ -68,7 +68,8 @@ void ConsoleJournal::note(const DeviceReport& report) {
                 record(device, what.sessionId, "indicator",
                        "indicator " + shortened(what.kind) + " (generation " +
                            shortened(what.generation) + ") " +
-                           (what.accepted ? "confirmed" : "refused: lease_mismatch"));
+                           (what.accepted ? "confirmed"
+                                          : "refused: lease_mismatch (" + what.reason + ")"));
             },
             [&](const report::FrameReceived& what) {
                 bool first = false;
@@ -84,7 +85,7 @@ void ConsoleJournal::note(const DeviceReport& report) {
                 if (!first) return;
                 if (what.dropped) {
                     record(device, what.sessionId, "frames-dropped",
-                           "frames dropped: the sharing lease lapsed");
+                           "frames dropped: " + what.reason);
                 } else {
                     record(device, what.sessionId, "frames-started", "first frame received");
                 }

@@ -32,10 +32,12 @@ struct IndicatorConfirmed {
     std::string kind;
     std::string generation;
     bool accepted = true;  // false: answered 409 lease_mismatch
+    std::string reason;    // why it was refused
 };
 struct FrameReceived {
     std::string sessionId;
-    bool dropped = false;  // refused because the sharing lease lapsed
+    bool dropped = false;  // refused: not allowed, or the sharing lease lapsed
+    std::string reason;    // why it was refused
 };
 struct LiveAnswered {
     std::string sessionId;

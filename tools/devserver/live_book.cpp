@@ -13,6 +13,8 @@ namespace {
 // soon after it stops.
 constexpr std::chrono::seconds kRateWindow{5};
 
+using Clock = std::chrono::steady_clock;
+
 // Control lives inside the live session: when the session ends, so does any lease in it.
 void endControlWith(LiveRecord& record) {
     if (record.control.state == "requested" || record.control.state == "active") {
@@ -21,6 +23,13 @@ void endControlWith(LiveRecord& record) {
 }
 
 }  // namespace
+
+void LiveBook::endSessionOf(Entry& entry) {
+    entry.record.state = "ended";
+    endControlWith(entry.record);
+    entry.leases.clear();
+    entry.controlAllowed = false;
+}
 
 std::string LiveBook::freshSessionId() {
     std::lock_guard lock(mutex_);
@@ -57,7 +66,8 @@ bool LiveBook::activate(const std::string& sessionId, const std::string& deviceI
         std::lock_guard lock(mutex_);
         if (!deliver()) return false;
         Entry& entry = entryFor(sessionId);
-        entry.activated = std::chrono::steady_clock::now();
+        entry.activated = Clock::now();
+        entry.leases["sharing"] = Lease{generation.value_or(""), *entry.activated, {}, false};
         LiveRecord& record = entry.record;
         record.deviceId = deviceId;
         record.state = "active";
@@ -70,10 +80,9 @@ bool LiveBook::activate(const std::string& sessionId, const std::string& deviceI
 void LiveBook::end(std::string_view sessionId, const std::string& deviceId) {
     {
         std::lock_guard lock(mutex_);
-        LiveRecord& record = entryFor(sessionId).record;
-        if (record.deviceId.empty()) record.deviceId = deviceId;
-        record.state = "ended";
-        endControlWith(record);
+        Entry& entry = entryFor(sessionId);
+        if (entry.record.deviceId.empty()) entry.record.deviceId = deviceId;
+        endSessionOf(entry);
     }
     changed_.notify_all();
 }
@@ -104,12 +113,9 @@ LiveBook::Standing LiveBook::standing(std::string_view sessionId, std::string_vi
 void LiveBook::answer(std::string_view sessionId, bool allow) {
     {
         std::lock_guard lock(mutex_);
-        LiveRecord& record = entryFor(sessionId).record;
-        record.answers.push_back(allow);
-        if (!allow) {
-            record.state = "ended";
-            endControlWith(record);
-        }
+        Entry& entry = entryFor(sessionId);
+        entry.record.answers.push_back(allow);
+        if (!allow) endSessionOf(entry);
     }
     changed_.notify_all();
 }
@@ -118,7 +124,7 @@ void LiveBook::storeFrame(std::string_view sessionId, std::string jpeg, std::str
     {
         std::lock_guard lock(mutex_);
         Entry& entry = entryFor(sessionId);
-        const auto now = std::chrono::steady_clock::now();
+        const auto now = Clock::now();
         entry.recentFrames.push_back(now);
         entry.lastFrame = now;
         while (now - entry.recentFrames.front() > kRateWindow) entry.recentFrames.pop_front();
@@ -136,6 +142,25 @@ std::optional<std::string> LiveBook::latestFrame(std::string_view sessionId) con
     return entry->latestFrame;
 }
 
+void LiveBook::setLeaseTimes(std::chrono::milliseconds grace, std::chrono::milliseconds timeout) {
+    std::lock_guard lock(mutex_);
+    leaseGrace_ = grace;
+    leaseTimeout_ = timeout;
+}
+
+void LiveBook::issueLease(std::string_view sessionId, std::string kind,
+                          std::optional<std::string> generation) {
+    std::lock_guard lock(mutex_);
+    entryFor(sessionId).leases[std::move(kind)] =
+        Lease{generation.value_or(""), Clock::now(), {}, false};
+}
+
+void LiveBook::withdrawLease(std::string_view sessionId, std::string_view kind) {
+    std::lock_guard lock(mutex_);
+    Entry& entry = entryFor(sessionId);
+    if (auto it = entry.leases.find(kind); it != entry.leases.end()) entry.leases.erase(it);
+}
+
 void LiveBook::refuseIndicator(std::string kind, bool refuse) {
     std::lock_guard lock(mutex_);
     if (refuse) {
@@ -145,42 +170,83 @@ void LiveBook::refuseIndicator(std::string kind, bool refuse) {
     }
 }
 
-bool LiveBook::confirmIndicator(std::string_view sessionId, std::string kind,
-                                std::string generation) {
-    bool accepted = false;
+std::optional<Refusal> LiveBook::confirmIndicator(std::string_view sessionId, std::string kind,
+                                                  std::string generation) {
+    std::optional<Refusal> refusal;
     {
         std::lock_guard lock(mutex_);
-        accepted = !refusedKinds_.contains(kind);
-        entryFor(sessionId).record.indicators.push_back(
-            {std::move(kind), std::move(generation), accepted});
+        Entry& entry = entryFor(sessionId);
+        auto lease = entry.leases.find(kind);
+        if (lease == entry.leases.end()) {
+            refusal = Refusal{"lease_mismatch", "no lease of this kind is in force"};
+        } else if (lease->second.generation.empty() || generation != lease->second.generation) {
+            // A stale generation says nothing about the one in force, which keeps its standing.
+            refusal = Refusal{"lease_mismatch", "not the generation the backend issued"};
+        } else if (refusedKinds_.contains(kind)) {
+            refusal = Refusal{"lease_mismatch", "the backend refuses confirmations of this kind"};
+            lease->second.refused = true;
+        } else {
+            lease->second.confirmed = Clock::now();
+            lease->second.refused = false;
+        }
+        entry.record.indicators.push_back({std::move(kind), std::move(generation), !refusal,
+                                           refusal ? refusal->reason : std::string()});
     }
     changed_.notify_all();
-    return accepted;
+    return refusal;
 }
 
 bool LiveBook::lapsed(std::string_view sessionId, std::string_view kind) const {
     std::lock_guard lock(mutex_);
-    return lapsedLocked(sessionId, kind);
-}
-
-bool LiveBook::lapsedLocked(std::string_view sessionId, std::string_view kind) const {
     const Entry* entry = lookup(sessionId);
-    if (entry == nullptr) return false;
-    const auto& confirmations = entry->record.indicators;
-    auto latest =
-        std::find_if(confirmations.rbegin(), confirmations.rend(),
-                     [kind](const IndicatorConfirmation& one) { return one.kind == kind; });
-    return latest != confirmations.rend() && !latest->accepted;
+    return entry != nullptr && lapsedLocked(*entry, kind);
 }
 
-void LiveBook::enforceLeases(bool enforce) {
-    std::lock_guard lock(mutex_);
-    enforceLeases_ = enforce;
+bool LiveBook::lapsedLocked(const Entry& entry, std::string_view kind) const {
+    auto found = entry.leases.find(kind);
+    if (found == entry.leases.end()) return false;
+    const Lease& lease = found->second;
+    if (lease.refused) return true;
+    // Sharing started without a generation has nothing to confirm and nothing to lapse.
+    if (lease.generation.empty() && kind == "sharing") return false;
+    const auto now = Clock::now();
+    return lease.confirmed ? now - *lease.confirmed > leaseTimeout_
+                           : now - lease.issued > leaseGrace_;
 }
 
-bool LiveBook::refusesFrames(std::string_view sessionId) const {
+std::optional<Refusal> LiveBook::admitFrame(std::string_view sessionId) const {
     std::lock_guard lock(mutex_);
-    return enforceLeases_ && lapsedLocked(sessionId, "sharing");
+    const Entry* entry = lookup(sessionId);
+    if (entry == nullptr) return Refusal{"not_allowed", "the session is unknown"};
+    const auto& answers = entry->record.answers;
+    const bool allowed = std::find(answers.begin(), answers.end(), true) != answers.end();
+    if (!allowed && !entry->activated) {
+        return Refusal{"not_allowed",
+                       "the customer has not allowed the session and the backend has not "
+                       "started it"};
+    }
+    if (lapsedLocked(*entry, "sharing")) {
+        return Refusal{"lease_mismatch",
+                       "the sharing lease has lapsed: the device has not "
+                       "confirmed it in time, or its confirmation was refused"};
+    }
+    return std::nullopt;
+}
+
+std::optional<Refusal> LiveBook::admitInput(std::string_view sessionId) const {
+    std::lock_guard lock(mutex_);
+    const Entry* entry = lookup(sessionId);
+    if (entry == nullptr || entry->record.state != "active" ||
+        entry->record.control.state != "active") {
+        return Refusal{"no_control", "control is not granted"};
+    }
+    auto lease = entry->leases.find("control");
+    if (lease == entry->leases.end() || !lease->second.confirmed ||
+        lapsedLocked(*entry, "control")) {
+        return Refusal{"lease_mismatch",
+                       "the device has not confirmed the control lease, or not in time"};
+    }
+    return std::nullopt;
 }
 
 std::string LiveBook::freshControlRequestId() {
@@ -188,26 +254,54 @@ std::string LiveBook::freshControlRequestId() {
     return "ctl_" + std::to_string(nextControlRequest_++);
 }
 
-bool LiveBook::pushControl(std::string_view sessionId, std::string state,
-                           std::optional<std::string> requestId,
-                           std::optional<std::string> generation,
-                           const std::function<bool()>& deliver) {
+bool LiveBook::requestControl(std::string_view sessionId, std::string requestId,
+                              const std::function<bool()>& deliver) {
     {
         std::lock_guard lock(mutex_);
         if (!deliver()) return false;
-        ControlRecord& control = entryFor(sessionId).record.control;
-        if (state == "requested") control.requestId = requestId.value_or("");
-        control.state = std::move(state);
-        control.generation = std::move(generation);
+        Entry& entry = entryFor(sessionId);
+        entry.record.control.requestId = std::move(requestId);
+        entry.record.control.state = "requested";
+        entry.record.control.generation.reset();
+        entry.leases.erase("control");
+        entry.controlAllowed = false;
     }
     changed_.notify_all();
     return true;
 }
 
+Attempt<Done> LiveBook::grantControl(std::string_view sessionId,
+                                     std::optional<std::string> generation,
+                                     const std::function<bool()>& deliver) {
+    Attempt<Done> attempt;
+    {
+        std::lock_guard lock(mutex_);
+        const Entry* known = lookup(sessionId);
+        if (known == nullptr || known->record.state != "active" || !known->controlAllowed) {
+            attempt.refusal =
+                Refusal{"not_allowed",
+                        "control is granted only when the customer allows a pending request, once"};
+            return attempt;
+        }
+        if (!deliver()) return attempt;
+        Entry& entry = entryFor(sessionId);
+        entry.controlAllowed = false;
+        entry.leases["control"] = Lease{generation.value_or(""), Clock::now(), {}, false};
+        entry.record.control.state = "active";
+        entry.record.control.generation = std::move(generation);
+        attempt.value = Done{};
+    }
+    changed_.notify_all();
+    return attempt;
+}
+
 void LiveBook::endControl(std::string_view sessionId) {
     {
         std::lock_guard lock(mutex_);
-        entryFor(sessionId).record.control.state = "ended";
+        Entry& entry = entryFor(sessionId);
+        entry.record.control.state = "ended";
+        entry.leases.erase("control");
+        entry.controlAllowed = false;
     }
     changed_.notify_all();
 }
@@ -223,9 +317,18 @@ void LiveBook::answerControl(std::string_view sessionId, bool allow,
                              std::optional<std::string> requestId) {
     {
         std::lock_guard lock(mutex_);
-        ControlRecord& control = entryFor(sessionId).record.control;
+        Entry& entry = entryFor(sessionId);
+        ControlRecord& control = entry.record.control;
+        // Only the answer to the request still pending opens the way to a grant.
+        if (allow && control.state == "requested" && requestId.value_or("") == control.requestId) {
+            entry.controlAllowed = true;
+        }
         control.answers.push_back({allow, std::move(requestId)});
-        if (!allow) control.state = "ended";
+        if (!allow) {
+            control.state = "ended";
+            entry.leases.erase("control");
+            entry.controlAllowed = false;
+        }
     }
     changed_.notify_all();
 }
@@ -279,12 +382,15 @@ const LiveBook::Entry* LiveBook::lookup(std::string_view sessionId) const {
 LiveRecord LiveBook::snapshot(const Entry& entry, bool frames) const {
     LiveRecord record = entry.record;
     if (frames) record.latestFrame = entry.latestFrame;
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = Clock::now();
     auto since = [now](std::chrono::steady_clock::time_point at) {
         return std::chrono::duration_cast<std::chrono::milliseconds>(now - at);
     };
     if (entry.lastFrame) record.sinceFrame = since(*entry.lastFrame);
     if (entry.activated) record.sinceActivation = since(*entry.activated);
+    for (const auto& [kind, lease] : entry.leases) {
+        if (lapsedLocked(entry, kind)) record.lapsed.push_back(kind);
+    }
     // Measured from the first to the last frame still inside the window, so a stream that has
     // only just begun is not diluted by the part of the window before it.
     auto first = std::find_if(entry.recentFrames.begin(), entry.recentFrames.end(),

@@ -345,7 +345,9 @@ bool runControlCommand(virela::devserver::Server& server, Console& console,
         const bool sent = server.grantControl(
             device, session,
             args.empty() ? std::nullopt : std::optional<std::string>(args.front()));
-        say(sent ? "granted control of " + session + " on " + device : noSocket);
+        say(sent ? "granted control of " + session + " on " + device
+                 : "not granted: no socket for " + device +
+                       ", or the customer has not allowed a pending request");
         return true;
     }
     if (command == "release" && args.empty()) {
@@ -383,7 +385,8 @@ bool runControlCommand(virela::devserver::Server& server, Console& console,
     }
     say(server.sendInput(device, session, *input)
             ? "sent " + input->action + " to " + session + " on " + device
-            : noSocket);
+            : "not sent: no socket for " + device +
+                  ", or no control lease the device has confirmed");
     return true;
 }
 
@@ -466,7 +469,9 @@ void runCommand(virela::devserver::Server& server, Console& console, std::string
     } else if (command == "capture") {
         const std::string requestId(nextWord(rest));
         if (requestId.empty()) return say(kCommands);
-        say(server.sendCapture(device, requestId) ? "capture sent for " + requestId : noSocket);
+        say(server.sendCapture(device, requestId)
+                ? "capture sent for " + requestId
+                : "not sent: no socket for " + device + ", or no allowed call for " + requestId);
     } else if (command == "expire") {
         say(server.sendExpired(device) ? "expired sent to " + device : noSocket);
     } else if (command == "deny") {

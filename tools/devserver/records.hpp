@@ -150,7 +150,27 @@ struct IndicatorConfirmation {
     std::string kind;
     std::string generation;
     bool accepted = true;  // false: answered 409 lease_mismatch
+    std::string reason;    // why it was refused; empty when accepted
 };
+
+// Why the backend turned an agent's action or a device's request away: the error of its 409
+// ("pending", "not_allowed", "lease_mismatch", "no_control", ...) and a line that says why, for
+// the journal and the reply.
+struct Refusal {
+    std::string error;
+    std::string reason;
+};
+
+// What became of an agent's action: `value` when it went out; otherwise `refusal` when the
+// backend's rules refused it, or neither when the device has no socket to hear it.
+template <class T>
+struct Attempt {
+    std::optional<T> value;
+    std::optional<Refusal> refusal;
+
+    explicit operator bool() const { return value.has_value(); }
+};
+struct Done {};
 
 // What an agent asks when it wants to take control of a device during a live session: the
 // fields of a "control" push with state "requested". Absent fields are left out.
@@ -224,6 +244,9 @@ struct LiveRecord {
     std::optional<std::chrono::milliseconds> sinceFrame;
     std::optional<std::chrono::milliseconds> sinceActivation;
     std::vector<IndicatorConfirmation> indicators;  // in order of arrival, "control" included
+    // The leases in force whose device has stopped confirming them in time, or whose latest
+    // confirmation was refused: "sharing", "recording", "control".
+    std::vector<std::string> lapsed;
     ControlRecord control;
 };
 

@@ -333,28 +333,35 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
                    return jsonReply({{"status", allow->get<bool>() ? "Allowed" : "Denied"}});
                }));
 
-    router.add(
-        "POST", "/v1/sdk/live/{sessionId}/frame",
-        [admit, &registry, &live, shared, baseUrl = std::move(baseUrl)](
-            const RecordedRequest& request, const PathParams& params) {
-            const std::string_view sessionId = params.get("sessionId");
-            if (std::optional<Reply> refused = admit(request, sessionId)) {
-                return std::move(*refused);
-            }
-            if (live.refusesFrames(sessionId)) {
-                tell(*shared, registry, request,
-                     report::FrameReceived{std::string(sessionId), true});
-                return jsonError(409, "lease_mismatch",
-                                 "The device has not confirmed the sharing lease; its "
-                                 "frames are dropped until it does.");
-            }
-            std::variant<Upload, Reply> upload = readUpload(request, kJpegSignature, "JPEG");
-            if (Reply* refused = std::get_if<Reply>(&upload)) return std::move(*refused);
-            live.storeFrame(sessionId, std::move(std::get<Upload>(upload).bytes),
-                            baseUrl() + liveFramePath(sessionId));
-            tell(*shared, registry, request, report::FrameReceived{std::string(sessionId), false});
-            return jsonReply(json::object());
-        });
+    router.add("POST", "/v1/sdk/live/{sessionId}/frame",
+               [admit, &registry, &live, shared, baseUrl = std::move(baseUrl)](
+                   const RecordedRequest& request, const PathParams& params) {
+                   const std::string_view sessionId = params.get("sessionId");
+                   if (std::optional<Reply> refused = admit(request, sessionId)) {
+                       return std::move(*refused);
+                   }
+                   if (std::optional<Refusal> refusal = live.admitFrame(sessionId)) {
+                       tell(*shared, registry, request,
+                            report::FrameReceived{std::string(sessionId), true, refusal->reason});
+                       return jsonError(409, refusal->error,
+                                        "Frame refused: " + refusal->reason + "; it was not kept.");
+                   }
+                   std::variant<Upload, Reply> upload = readUpload(request, kJpegSignature, "JPEG");
+                   if (Reply* refused = std::get_if<Reply>(&upload)) return std::move(*refused);
+                   // Devices label every image a PNG and the bytes tell what it is; anything else
+                   // declared is not a frame.
+                   const std::string& declared = std::get<Upload>(upload).contentType;
+                   if (declared != "image/jpeg" && declared != "image/png") {
+                       return jsonError(
+                           400, "bad_request",
+                           "The part \"file\" must be declared image/jpeg or image/png.");
+                   }
+                   live.storeFrame(sessionId, std::move(std::get<Upload>(upload).bytes),
+                                   baseUrl() + liveFramePath(sessionId));
+                   tell(*shared, registry, request,
+                        report::FrameReceived{std::string(sessionId), false, {}});
+                   return jsonReply(json::object());
+               });
 
     router.add("POST", "/v1/sdk/live/{sessionId}/indicator",
                sessionJson(admit, [&registry, &live, shared](const RecordedRequest& request,
@@ -368,15 +375,16 @@ void addLiveRoutes(Router& router, const DeviceRegistry& registry, LiveBook& liv
                                         "\"kind\" and \"generation\" must be strings.");
                    }
                    const std::string kindText = kind->get<std::string>();
-                   const bool accepted =
+                   const std::optional<Refusal> refusal =
                        live.confirmIndicator(sessionId, kindText, generation->get<std::string>());
                    tell(*shared, registry, request,
                         report::IndicatorConfirmed{std::string(sessionId), kindText,
-                                                   generation->get<std::string>(), accepted});
-                   if (!accepted) {
-                       return jsonError(409, "lease_mismatch",
-                                        "The backend does not hold a \"" + kindText +
-                                            "\" lease with this generation.");
+                                                   generation->get<std::string>(), !refusal,
+                                                   refusal ? refusal->reason : std::string()});
+                   if (refusal) {
+                       return jsonError(409, refusal->error,
+                                        "The backend does not hold this \"" + kindText +
+                                            "\" lease: " + refusal->reason + ".");
                    }
                    return jsonReply({{"ok", true}});
                }));

@@ -201,7 +201,8 @@ void Server::start(Options options) {
                      {fromSeconds(options.sessionSeconds), baseUrl, report});
     addLiveRoutes(impl_->router, impl_->registry, impl_->live, baseUrl, report);
     // The console's agent watches leases lapse, as with a real backend.
-    impl_->live.enforceLeases(!impl_->consoleToken.empty());
+    impl_->live.setLeaseTimes(fromSeconds(options.leaseGraceSeconds),
+                              fromSeconds(options.leaseSeconds));
     if (!impl_->consoleToken.empty()) {
         addConsolePages(impl_->router, impl_->consoleToken, options.consoleDirectory,
                         [impl] { return impl->currentPort(); });
@@ -391,11 +392,11 @@ void Server::refuseConnections(std::chrono::milliseconds duration) {
 
 std::optional<AskedScreenshot> Server::askScreenshot(std::string_view device,
                                                      ScreenshotRequest request) {
-    return impl_->agent.askScreenshot(device, std::move(request));
+    return impl_->agent.askScreenshot(device, std::move(request)).value;
 }
 
 bool Server::sendCapture(std::string_view device, std::string_view requestId) {
-    return impl_->agent.sendCapture(device, requestId);
+    return static_cast<bool>(impl_->agent.sendCapture(device, requestId));
 }
 
 bool Server::sendExpired(std::string_view device) {
@@ -530,7 +531,7 @@ std::optional<ControlPushed> Server::requestControl(std::string_view device,
 
 bool Server::grantControl(std::string_view device, std::string_view sessionId,
                           std::optional<std::string> generation) {
-    return impl_->agent.grantControl(device, sessionId, std::move(generation));
+    return static_cast<bool>(impl_->agent.grantControl(device, sessionId, std::move(generation)));
 }
 
 bool Server::endControl(std::string_view device, std::string_view sessionId) {
@@ -539,7 +540,7 @@ bool Server::endControl(std::string_view device, std::string_view sessionId) {
 
 bool Server::sendInput(std::string_view device, std::string_view sessionId,
                        const ControlInput& input) {
-    return impl_->agent.sendInput(device, sessionId, input);
+    return static_cast<bool>(impl_->agent.sendInput(device, sessionId, input));
 }
 
 std::optional<ControlRecord> Server::controlSession(std::string_view sessionId) const {

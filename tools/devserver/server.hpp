@@ -32,6 +32,11 @@ struct Options {
     double promptSeconds = 60;
     // The session an allowed PerSession request opens.
     double sessionSeconds = 45 * 60;
+    // A lease the backend issued (sharing, recording, control) lapses when the device has not
+    // confirmed it within `leaseGraceSeconds` of the issue, or then within `leaseSeconds` of its
+    // last accepted confirmation; the device confirms every 10 s.
+    double leaseGraceSeconds = 5;
+    double leaseSeconds = 15;
     // Put before every device token issued, so that tests can hand out tokens with "/", "=",
     // ":" or spaces in them.
     std::string tokenPrefix;
@@ -141,6 +146,11 @@ class Server {
     // The screenshot flow, agent side. askScreenshot() pushes {"type":"consent","payload":...}
     // and remembers the request; nullopt when the device has no socket. A request asked again
     // under the same id starts its record afresh.
+    // The agent's actions below keep the rules a real backend keeps: a push they forbid is not
+    // sent, and the call answers as if the device had no socket (nullopt, false). Those are one
+    // screenshot question at a time, another image only inside an allowed call, control granted
+    // only in answer to the customer allowing the pending request (once), and input only under
+    // a control lease the device has confirmed and keeps confirming. pushText() sends anything.
     std::optional<AskedScreenshot> askScreenshot(std::string_view device,
                                                  ScreenshotRequest request = {});
     // {"type":"capture","payload":{"requestId":...}}, {"type":"expired","payload":{}} and
@@ -203,8 +213,8 @@ class Server {
 
     // Remote control, agent side, within a live session. requestControl() pushes {"type":
     // "control","payload":{...,"state":"requested",...}}; nullopt when the device has no socket.
-    // Control pushes and inputs go out for any session, a stale one included, so that tests can
-    // see the device ignore them; only the live session's record keeps track of them.
+    // Requests go out for any session, a stale one included, so that tests can see the device
+    // ignore them; only the live session's record keeps track of them.
     std::optional<ControlPushed> requestControl(std::string_view device, std::string_view sessionId,
                                                 ControlRequest request = {});
     // State "active", with the generation when one is given. False when the device has no
