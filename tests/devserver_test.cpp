@@ -1710,7 +1710,7 @@ TEST_F(ConsoleTest, ItsSessionsStartOnTheCustomersAllowAndTheJournalTellsWhatThe
 
     // A label reaches the customer without what could break its line or reorder it.
     ASSERT_EQ(act("sessions/" + session + "/guide",
-                  R"({"kind":"label","x":0.5,"y":0.5,"text":"Tap\u202e here\n\u0007now"})")
+                  R"({"kind":"label","x":0.5,"y":0.5,"text":"Tap\u202e here\n\u0007no\u2028w"})")
                   ->status,
               200);
     EXPECT_EQ(nextPush()["payload"]["text"], "Tap herenow");

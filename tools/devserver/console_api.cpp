@@ -48,7 +48,9 @@ std::string readableLabel(std::string_view text, std::size_t& characters) {
         for (std::size_t k = 1; k < unit.size(); ++k) {
             code = (code << 6) | (static_cast<unsigned char>(unit[k]) & 0x3F);
         }
-        const bool control = code < 0x20 || (code >= 0x7F && code <= 0x9F);
+        // The line and paragraph separators break a line as a newline does.
+        const bool control =
+            code < 0x20 || (code >= 0x7F && code <= 0x9F) || code == 0x2028 || code == 0x2029;
         const bool reorders = code == 0x061C || code == 0x200E || code == 0x200F ||
                               (code >= 0x202A && code <= 0x202E) ||
                               (code >= 0x2066 && code <= 0x2069);
