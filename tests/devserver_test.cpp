@@ -1681,7 +1681,12 @@ TEST_F(ConsoleTest, AnotherScreenshotNeedsTheCallsAllowanceAndOneQuestionWaitsAt
     const std::string declined = ask("{}");
     ASSERT_EQ(answer(declined, false), 200);
     EXPECT_EQ(another(declined)->status, 409);
-    EXPECT_EQ(events("refused").size(), 4u);
+    // Once the agent ends the call, its allowance ends with it.
+    ASSERT_EQ(act("devices/" + deviceId + "/end-call", "{}")->status, 200);
+    EXPECT_EQ(nextPush(), json::parse(R"({"type":"session","payload":{"state":"ended"}})"));
+    EXPECT_EQ(errorOf(another(call))["message"],
+              "Another screenshot (" + call + ") refused: its call has ended.");
+    EXPECT_EQ(events("refused").size(), 5u);
 }
 
 TEST_F(ConsoleTest, ItsSessionsStartOnTheCustomersAllowAndTheJournalTellsWhatTheDeviceReported) {

@@ -95,7 +95,7 @@ void playScreenshots(virela::devserver::Server& backend, HostOutcomes& outcomes,
         saveReceived(backend, asked->requestId, outDir / "session-2.png");
     }
     say("agent: ends the call");
-    backend.pushText(deviceId, R"({"type":"session","payload":{"state":"ended"}})");
+    backend.endCall(deviceId);
     std::this_thread::sleep_for(300ms);
 }
 

@@ -88,6 +88,13 @@ Attempt<Done> Agent::sendCapture(std::string_view device, std::string_view reque
     });
 }
 
+bool Agent::endCall(std::string_view device) {
+    const std::optional<std::string> deviceId = registry_.deviceIdOf(device);
+    if (!deviceId) return false;
+    captures_.endCalls(*deviceId);
+    return push(device, frame("session", {{"state", "ended"}}));
+}
+
 bool Agent::sendExpired(std::string_view device) {
     return push(device, frame("expired", nlohmann::ordered_json::object()));
 }

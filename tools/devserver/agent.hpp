@@ -40,6 +40,9 @@ class Agent {
     Attempt<AskedScreenshot> askScreenshot(std::string_view device, ScreenshotRequest request = {});
     Attempt<Done> sendCapture(std::string_view device, std::string_view requestId);
     bool sendExpired(std::string_view device);
+    // {"type":"session","payload":{"state":"ended"}}: the call is over, and so is every
+    // screenshot allowance in it, whether or not the device hears it.
+    bool endCall(std::string_view device);
     bool sendDenied(std::string_view device);
     void setRespondStatus(std::string status);
 

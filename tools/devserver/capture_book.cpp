@@ -98,6 +98,20 @@ Attempt<Done> CaptureBook::another(std::string_view requestId, std::string_view 
     return attempt;
 }
 
+void CaptureBook::endCalls(std::string_view deviceId) {
+    {
+        std::lock_guard lock(mutex_);
+        const auto now = std::chrono::system_clock::now();
+        for (CaptureRecord& record : records_) {
+            if (record.deviceId == deviceId && record.sessionExpires &&
+                *record.sessionExpires > now) {
+                record.sessionExpires = now;
+            }
+        }
+    }
+    changed_.notify_all();
+}
+
 void CaptureBook::promptShown(std::string_view promptId) {
     {
         std::lock_guard lock(mutex_);

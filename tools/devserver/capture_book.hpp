@@ -39,6 +39,9 @@ class CaptureBook {
     Attempt<Done> another(std::string_view requestId, std::string_view deviceId,
                           const std::function<bool()>& deliver);
 
+    // Ends every allowed call of the device now: no further image without asking again.
+    void endCalls(std::string_view deviceId);
+
     void promptShown(std::string_view promptId);
 
     struct Answer {

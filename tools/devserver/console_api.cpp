@@ -384,6 +384,17 @@ void ConsoleApi::addRoutes(Router& router) {
                    return jsonReply(ordered::object());
                }));
 
+    router.add("POST", "/console/api/devices/{device}/end-call",
+               action([=, this](const Fields&, const PathParams& params) {
+                   const std::optional<std::string> device = knownDevice(params);
+                   if (!device) return unknownDevice();
+                   const bool heard = agent_.endCall(*device);
+                   journal_.record(*device, {}, "call-ended",
+                                   heard ? "agent ended the call: no further screenshots"
+                                         : "agent ended the call (the device is not connected)");
+                   return jsonReply(ordered::object());
+               }));
+
     router.add("POST", "/console/api/devices/{device}/live",
                action([=, this](const Fields&, const PathParams& params) {
                    const std::optional<std::string> device = knownDevice(params);

@@ -393,7 +393,8 @@ bool runControlCommand(virela::devserver::Server& server, Console& console,
 void runCommand(virela::devserver::Server& server, Console& console, std::string_view line) {
     constexpr const char* kCommands =
         "commands: push DEVICE TEXT | close DEVICE [CODE] | drop DEVICE | ask DEVICE [MODE] | "
-        "capture DEVICE REQ | expire DEVICE | deny DEVICE | captures | live DEVICE [SESSION] | "
+        "capture DEVICE REQ | expire DEVICE | deny DEVICE | endcall DEVICE | captures | "
+        "live DEVICE [SESSION] | "
         "activate DEVICE SESSION [GEN] | end DEVICE SESSION | note DEVICE SESSION KIND [ARG] | "
         "guide DEVICE SESSION KIND [K=V]... | refuse KIND [off] | frames | views DEVICE | "
         "control [DEVICE SESSION] | grant [DEVICE SESSION] [GEN] | release [DEVICE SESSION] | "
@@ -448,7 +449,7 @@ void runCommand(virela::devserver::Server& server, Console& console, std::string
     }
     const bool known = command == "push" || command == "close" || command == "drop" ||
                        command == "ask" || command == "capture" || command == "expire" ||
-                       command == "deny";
+                       command == "deny" || command == "endcall";
     if (device.empty() || !known) {
         say(kCommands);
         return;
@@ -476,6 +477,9 @@ void runCommand(virela::devserver::Server& server, Console& console, std::string
         say(server.sendExpired(device) ? "expired sent to " + device : noSocket);
     } else if (command == "deny") {
         say(server.sendDenied(device) ? "denied sent to " + device : noSocket);
+    } else if (command == "endcall") {
+        say(server.endCall(device) ? "call ended on " + device
+                                   : "call ended for the backend; " + noSocket);
     } else {
         const std::string code(nextWord(rest));
         try {

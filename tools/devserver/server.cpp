@@ -399,6 +399,10 @@ bool Server::sendCapture(std::string_view device, std::string_view requestId) {
     return static_cast<bool>(impl_->agent.sendCapture(device, requestId));
 }
 
+bool Server::endCall(std::string_view device) {
+    return impl_->agent.endCall(device);
+}
+
 bool Server::sendExpired(std::string_view device) {
     return impl_->agent.sendExpired(device);
 }

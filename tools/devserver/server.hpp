@@ -158,6 +158,9 @@ class Server {
     bool sendCapture(std::string_view device, std::string_view requestId);
     bool sendExpired(std::string_view device);
     bool sendDenied(std::string_view device);
+    // {"type":"session","payload":{"state":"ended"}}; the backend ends the device's screenshot
+    // calls even when it has no socket to hear it (then false).
+    bool endCall(std::string_view device);
     // The status an allow is answered with ("Allowed" until set); a deny is always "Denied".
     void setRespondStatus(std::string status);
 
