@@ -875,13 +875,25 @@ TEST_F(ScreenshotTest, AnUploadIsStoredAndServedAtItsLink) {
     const std::string body = "preamble to skip\r\n--" + boundary +
                              "\r\nContent-Disposition: form-data; name=\"note\"\r\n\r\nhi\r\n" +
                              filePart(boundary, "file", kPng) + "--" + boundary + "--\r\n";
-    auto stored = upload(asked->requestId,
-                         "Multipart/Form-Data; charset=utf-8; boundary=\"" + boundary + "\"", body);
+    const std::string type = "Multipart/Form-Data; charset=utf-8; boundary=\"" + boundary + "\"";
+    // An image the customer has not allowed is refused and not kept.
+    auto early = upload(asked->requestId, type, body);
+    ASSERT_TRUE(early);
+    EXPECT_EQ(early->status, 409);
+    EXPECT_EQ(errorOf(early)["error"], "not_allowed");
+    EXPECT_FALSE(server.captureRequest(asked->requestId)->captureId);
+    ASSERT_EQ(roundTrip(server.port(), post("/v1/sdk/captures/" + asked->requestId + "/respond",
+                                            R"({"allow":true})", auth))
+                  ->status,
+              200);
+    auto stored = upload(asked->requestId, type, body);
     ASSERT_TRUE(stored);
     ASSERT_EQ(stored->status, 200) << stored->body;
+    // Allowed once is one image.
+    EXPECT_EQ(upload(asked->requestId, type, body)->status, 409);
     const json reply = json::parse(stored->body);
     const std::string captureId = reply["captureId"];
-    EXPECT_TRUE(std::regex_match(captureId, std::regex("cap_[0-9]+")));
+    EXPECT_TRUE(std::regex_match(captureId, std::regex("cap_[0-9a-f]{16}")));
     EXPECT_EQ(reply["imageUrl"], server.url() + "/captures/" + captureId + ".png");
 
     ASSERT_TRUE(server.waitForUpload(asked->requestId, 5s));
@@ -931,6 +943,15 @@ TEST_F(ScreenshotTest, UploadsWithoutAWholeFormAndAPngFilePartAreRefused) {
     }
 
     // Every cut short of the closing delimiter is a truncated body; the final CRLF is optional.
+    // The call is allowed, so that whole bodies are kept, as many as come.
+    virela::devserver::ScreenshotRequest call;
+    call.mode = "PerSession";
+    call.requestId = "r-1";
+    ASSERT_TRUE(server.askScreenshot(token, call));
+    ASSERT_EQ(
+        roundTrip(server.port(), post("/v1/sdk/captures/r-1/respond", R"({"allow":true})", auth))
+            ->status,
+        200);
     Connection connection(server.port());
     for (std::size_t size = 0; size <= whole.size(); ++size) {
         connection.send(post("/v1/sdk/captures/r-1/upload", whole.substr(0, size),

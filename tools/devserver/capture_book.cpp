@@ -1,5 +1,7 @@
 #include "tools/devserver/capture_book.hpp"
 
+#include "tools/devserver/exchange.hpp"
+
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
@@ -146,12 +148,33 @@ void CaptureBook::setRespondStatus(std::string status) {
     respondStatus_ = std::move(status);
 }
 
-std::string CaptureBook::store(std::string_view requestId, std::string png, std::string contentType,
-                               std::string fileName, std::string_view linkPrefix) {
-    std::string captureId;
+Attempt<std::string> CaptureBook::store(std::string_view requestId, std::string png,
+                                        std::string contentType, std::string fileName,
+                                        std::string_view linkPrefix) {
+    Attempt<std::string> attempt;
     {
         std::lock_guard lock(mutex_);
-        captureId = "cap_" + std::to_string(nextCapture_++);
+        const CaptureRecord* known = lookup(requestId);
+        std::string why;
+        if (known == nullptr || !known->answer || !*known->answer) {
+            why = "the customer has not allowed it";
+        } else if (known->mode == "PerSession") {
+            if (!known->sessionExpires ||
+                std::chrono::system_clock::now() >= *known->sessionExpires) {
+                why = "its call has ended";
+            }
+        } else if (!known->captureIds.empty()) {
+            why = "it was allowed once, and used";
+        }
+        if (!why.empty()) {
+            attempt.refusal = Refusal{"not_allowed", std::move(why)};
+            return attempt;
+        }
+        std::string captureId;
+        // Random, so that no other page can name an image it was not given the link of.
+        do {
+            captureId = "cap_" + randomHex(16);
+        } while (images_.contains(captureId));
         images_[captureId] = png;
         CaptureRecord& record = recordFor(requestId);
         record.captureId = captureId;
@@ -160,9 +183,10 @@ std::string CaptureBook::store(std::string_view requestId, std::string png, std:
         record.png = std::move(png);
         record.uploadContentType = std::move(contentType);
         record.uploadFileName = std::move(fileName);
+        attempt.value = std::move(captureId);
     }
     changed_.notify_all();
-    return captureId;
+    return attempt;
 }
 
 std::optional<std::string> CaptureBook::image(std::string_view captureId) const {

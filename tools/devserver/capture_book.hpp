@@ -52,9 +52,11 @@ class CaptureBook {
     Answer answer(std::string_view requestId, bool allow, std::chrono::milliseconds session);
     void setRespondStatus(std::string status);
 
-    // Stores an upload and returns its capture id; its link is `linkPrefix` + id + ".png".
-    std::string store(std::string_view requestId, std::string png, std::string contentType,
-                      std::string fileName, std::string_view linkPrefix);
+    // Stores an upload and returns its capture id; its link is `linkPrefix` + id + ".png". An
+    // image needs the customer's allowance: once for a request allowed once, any number while
+    // an allowed call runs; anything else is refused ("not_allowed") and not kept.
+    Attempt<std::string> store(std::string_view requestId, std::string png, std::string contentType,
+                               std::string fileName, std::string_view linkPrefix);
     std::optional<std::string> image(std::string_view captureId) const;
 
     std::optional<CaptureRecord> find(std::string_view requestId) const;
@@ -74,7 +76,6 @@ class CaptureBook {
     std::string respondStatus_ = "Allowed";
     std::uint64_t nextRequest_ = 1;
     std::uint64_t nextPrompt_ = 1;
-    std::uint64_t nextCapture_ = 1;
 };
 
 }  // namespace virela::devserver

@@ -64,6 +64,10 @@ void ConsoleJournal::note(const DeviceReport& report) {
                 record(device, {}, "upload",
                        "screenshot " + what.requestId + " received as " + what.captureId);
             },
+            [&](const report::ScreenshotRefused& what) {
+                record(device, {}, "refused",
+                       "screenshot " + shortened(what.requestId) + " refused: " + what.reason);
+            },
             [&](const report::IndicatorConfirmed& what) {
                 record(device, what.sessionId, "indicator",
                        "indicator " + shortened(what.kind) + " (generation " +

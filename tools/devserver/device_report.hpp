@@ -34,6 +34,10 @@ struct IndicatorConfirmed {
     bool accepted = true;  // false: answered 409 lease_mismatch
     std::string reason;    // why it was refused
 };
+struct ScreenshotRefused {
+    std::string requestId;
+    std::string reason;
+};
 struct FrameReceived {
     std::string sessionId;
     bool dropped = false;  // refused: not allowed, or the sharing lease lapsed
@@ -56,9 +60,9 @@ struct ControlFeedback {
 struct DeviceReport {
     std::string deviceId;
     std::variant<report::Identified, report::HealthReported, report::PromptShown,
-                 report::ScreenshotAnswered, report::ScreenshotUploaded, report::IndicatorConfirmed,
-                 report::FrameReceived, report::LiveAnswered, report::ControlAnswered,
-                 report::ControlFeedback>
+                 report::ScreenshotAnswered, report::ScreenshotUploaded, report::ScreenshotRefused,
+                 report::IndicatorConfirmed, report::FrameReceived, report::LiveAnswered,
+                 report::ControlAnswered, report::ControlFeedback>
         what;
 };
 

@@ -242,9 +242,18 @@ void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBoo
             if (Reply* refused = std::get_if<Reply>(&upload)) return std::move(*refused);
             Upload& file = std::get<Upload>(upload);
             const std::string linkPrefix = shared->baseUrl() + "/captures/";
-            const std::string captureId =
+            Attempt<std::string> stored =
                 book.store(params.get("id"), std::move(file.bytes), std::move(file.contentType),
                            std::move(file.fileName), linkPrefix);
+            if (stored.refusal) {
+                tell(shared->report, registry, request,
+                     report::ScreenshotRefused{std::string(params.get("id")),
+                                               stored.refusal->reason});
+                return jsonError(
+                    409, stored.refusal->error,
+                    "Screenshot refused: " + stored.refusal->reason + "; it was not kept.");
+            }
+            const std::string& captureId = *stored.value;
             tell(shared->report, registry, request,
                  report::ScreenshotUploaded{std::string(params.get("id")), captureId});
             return jsonReply({{"captureId", captureId},
