@@ -661,7 +661,7 @@ test('input the device did not take shows in the panel: what the device reported
   await until('control to end', async () => (await text('control-state')) === 'ended');
 });
 
-test('refusing the recording confirmation shows the lease lapse, and the page keeps the switch', async () => {
+test('refusing the recording confirmation shows the lease lapse; a page reloaded mid-recording tells the customer it stopped', async () => {
   await byId('refuse-recording').check();
   await page.waitForFunction(() => !document.querySelector('[data-testid="refuse-recording"]').dataset.pending);
   await byId('note-recording-start').click();
@@ -671,8 +671,12 @@ test('refusing the recording confirmation shows the lease lapse, and the page ke
   await page.waitForTimeout(700); // a few polls: the switch follows the backend, not the click
   assert.ok(await byId('refuse-recording').isChecked());
   await byId('refuse-recording').uncheck();
-  await byId('note-recording-stop').click();
-  await until('the recording chip to go', async () => (await chip('recording').count()) === 0);
+  const stopped = await noteEvent('recordingStopped').count();
+  await page.reload();
+  await until('the customer told it stopped', async () => (await noteEvent('recordingStopped').count()) > stopped);
+  await chip('sharing').waitFor();
+  assert.equal(await chip('recording').count(), 0);
+  await page.locator('[data-testid="frame"]:not([hidden])').waitFor();
 });
 
 test('the customer leaving the app turns the picture stale, and a lost connection shows and comes back', async () => {
@@ -700,10 +704,11 @@ test('the log folds repeated confirmations into one counted line, filters by kin
     const list = await confirmations();
     return list.length >= 2 && list;
   }, 12000);
-  await page.waitForTimeout(400);
   const lines = page.locator('[data-testid="event"][data-kind="indicator"]', { hasText: journal[0].text });
+  // Another may come in while this looks: the page catches up with the journal.
+  await until('the count to match the journal', async () =>
+    (await lines.getByTestId('event-count').textContent()) === `×${(await confirmations()).length}`);
   assert.equal(await lines.count(), 1, 'one line');
-  assert.equal(await lines.getByTestId('event-count').textContent(), `×${(await confirmations()).length}`);
 
   const list = byId('event-log');
   const newestInView = () => list.evaluate((ol) => {

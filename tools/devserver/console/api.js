@@ -103,6 +103,16 @@ export async function act(what, path, body = {}, refused = null) {
   return answer ?? {};
 }
 
+// A POST that outlives the page, for what must be said as it goes away; nothing hears the answer.
+export function lastWord(path, body) {
+  fetch(path, {
+    method: 'POST',
+    keepalive: true,
+    headers: { ...authHeaders, 'Content-Type': 'application/json' },
+    body: JSON.stringify(body),
+  }).catch(() => {});
+}
+
 // Guides and inputs go out one at a time, in order: a typed word must not overtake the
 // Backspace after it.
 let sendChain = Promise.resolve();

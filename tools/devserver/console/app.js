@@ -142,6 +142,7 @@ function wire() {
   new ResizeObserver(() => marks.draw()).observe(frame.img);
   new ResizeObserver(() => sizing.fit()).observe(sizing.wrap);
   window.addEventListener('resize', () => sizing.fit());
+  window.addEventListener('pagehide', () => recorder.abandon());
 
   listenForKeys({
     tool(name) {

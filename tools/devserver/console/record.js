@@ -3,7 +3,7 @@
 // recorder, so the file holds exactly the agent's view, marks included, and the backend keeps
 // nothing. The customer hears of a save only once the file exists.
 
-import { act, showError } from './api.js';
+import { act, lastWord, showError } from './api.js';
 import { enc } from './dom.js';
 import { picture } from './stage.js';
 import { view } from './state.js';
@@ -122,6 +122,14 @@ export const recorder = {
       seconds: (performance.now() - this.startedAt) / 1000,
     });
     if (tell) await note(this.sessionId, 'recordingStopped', 'Stop recording');
+  },
+
+  // The page is going (closed, reloaded) and its recording with it: the customer hears it
+  // stopped.
+  abandon() {
+    if (!this.running()) return;
+    lastWord(`/console/api/sessions/${enc(this.sessionId)}/note`, { kind: 'recordingStopped' });
+    this.discard();
   },
 
   discard() {
