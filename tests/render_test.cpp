@@ -3,9 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
+#include <map>
 #include <stdexcept>
+#include <string>
 
 #include "platform/headless/host/builder.hpp"
 #include "platform/headless/render/font.hpp"
@@ -199,6 +203,56 @@ TEST(Raster, TextStaysInsideItsClip) {
         }
     }
     EXPECT_GT(labelPixels, 10);
+}
+
+// The word a fill mark carries, read back glyph by glyph at the sizes the overlay and capture
+// labels use: every row and column of each capital must come out, each glyph pixel a whole
+// square of canvas pixels.
+TEST(Raster, SmallCapitalsKeepEveryRowAndColumn) {
+    const std::map<char, std::array<const char*, 7>> capitals = {
+        {'R', {"####.", "#...#", "#...#", "####.", "#.#..", "#..#.", "#...#"}},
+        {'E', {"#####", "#....", "#....", "####.", "#....", "#....", "#####"}},
+        {'D', {"###..", "#..#.", "#...#", "#...#", "#...#", "#..#.", "###.."}},
+        {'A', {".###.", "#...#", "#...#", "#####", "#...#", "#...#", "#...#"}},
+        {'C', {".###.", "#...#", "#....", "#....", "#....", "#...#", ".###."}},
+        {'T', {"#####", "..#..", "..#..", "..#..", "..#..", "..#..", "..#.."}},
+    };
+    const std::string word = "REDACTED";
+    for (const double size : {9.5, 10.0, 12.0, 17.0, 29.0}) {
+        Image image = Image::filled(220, 60);
+        drawText(image, 3.3, 4.6, size, word, {0, 0, 0, 1}, {0, 0, 220, 60});
+        int top = image.height, left = image.width, bottom = -1, inked = 0;
+        for (int y = 0; y < image.height; ++y) {
+            for (int x = 0; x < image.width; ++x) {
+                if (pixel(image, x, y) == white) continue;
+                ++inked;
+                top = std::min(top, y);
+                left = std::min(left, x);
+                bottom = std::max(bottom, y);
+            }
+        }
+        ASSERT_GE(bottom, 0) << "size " << size;
+        // Capitals stand seven glyph rows tall.
+        const int height = bottom - top + 1;
+        ASSERT_EQ(height % 7, 0) << "size " << size << ": " << height << " rows of ink";
+        const int unit = height / 7;
+        EXPECT_GE(unit, 1);
+        int expected = 0;
+        for (std::size_t i = 0; i < word.size(); ++i) {
+            const auto& rows = capitals.at(word[i]);
+            for (int r = 0; r < 7; ++r) {
+                for (int c = 0; c < 5; ++c) {
+                    const bool ink = rows[static_cast<std::size_t>(r)][c] == '#';
+                    expected += ink ? unit * unit : 0;
+                    const int x = left + (static_cast<int>(i) * 6 + c) * unit + unit / 2;
+                    const int y = top + r * unit + unit / 2;
+                    EXPECT_EQ(pixel(image, x, y) != white, ink)
+                        << "size " << size << ", '" << word[i] << "' row " << r << " column " << c;
+                }
+            }
+        }
+        EXPECT_EQ(inked, expected) << "size " << size << ": ink outside the glyphs' squares";
+    }
 }
 
 TEST(Renderer, DrawsTheTreeAsTheHostLaysItOut) {

@@ -152,9 +152,10 @@ void addConsolePages(Router& router, const std::string& token, const std::string
         if (name == "index.html") {
             reply.headers.push_back({"Set-Cookie", cookieName(port()) + "=" + token +
                                                        "; Path=/; HttpOnly; SameSite=Strict"});
+            // blob: for the snapshots and recordings the page makes of the frames itself.
             reply.headers.push_back(
                 {"Content-Security-Policy",
-                 "default-src 'self'; img-src 'self' data:; "
+                 "default-src 'self'; img-src 'self' data: blob:; media-src blob:; "
                  "frame-ancestors 'none'; base-uri 'none'; form-action 'none'"});
             reply.headers.push_back({"Referrer-Policy", "no-referrer"});
         }

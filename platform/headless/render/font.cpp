@@ -51,11 +51,13 @@ constexpr int glyphColumns = 5;
 constexpr int advance = 6;     // columns per character, spacing included
 constexpr int lineUnits = 10;  // a line: one unit of leading, eight rows, one more below
 
-// The size of one glyph pixel. Whole canvas pixels once they reach one: every glyph pixel
-// then covers the same number of canvas pixels wherever the text starts, and stays crisp.
+// The size of one glyph pixel, in whole canvas pixels from half a pixel up: every glyph pixel
+// then covers the same number of canvas pixels wherever the text starts, and stays crisp. A
+// glyph pixel a little under one canvas pixel would drop or merge whole rows (at 9.5 px an E
+// loses a bar), so such text comes out at ten pixels instead.
 double unitFor(double pixelHeight) noexcept {
     const double unit = pixelHeight / lineUnits;
-    return unit >= 1 ? std::round(unit) : unit;
+    return unit >= 0.5 ? std::round(unit) : unit;
 }
 
 // Decodes one character at `i`, advancing `i`; returns its glyph index.

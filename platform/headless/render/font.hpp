@@ -5,7 +5,9 @@
 // character draws as a box, except U+2022 (the dot of secure text fields), a small square.
 //
 // Sizes are font sizes in pixels: a line is that tall and capitals take 70% of it, so a
-// character advances 60% of it, close to the platform's text at the same size.
+// character advances 60% of it, close to the platform's text at the same size. From five
+// pixels up, glyph pixels snap to whole canvas pixels, so the size drawn is the nearest
+// multiple of ten (text at 5 to 14 pixels comes out ten tall); textWidth measures the same.
 
 #include <cstddef>
 #include <string_view>

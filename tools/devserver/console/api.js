@@ -35,6 +35,7 @@ export async function poll() {
   }
   polling = true;
   let delay = POLL_MS;
+  const sent = performance.now();
   try {
     const res = await fetch(`/console/api/state?since=${view.since}`, {
       headers: authHeaders,
@@ -47,7 +48,9 @@ export async function poll() {
       setBackend('down', `backend answered ${res.status}; retrying`);
       delay = RETRY_MS;
     } else {
-      onState(await res.json());
+      const body = await res.json();
+      view.roundTripMs = performance.now() - sent;
+      onState(body);
       setBackend('ok', 'connected');
     }
   } catch {
@@ -70,7 +73,9 @@ function setBackend(state, text) {
   el.textContent = text;
 }
 
-export async function act(what, path, body = {}) {
+// `refused`, when given, hears of a refusal (the error code, the message) instead of the
+// error box.
+export async function act(what, path, body = {}, refused = null) {
   let res;
   try {
     res = await fetch(path, {
@@ -91,17 +96,28 @@ export async function act(what, path, body = {}) {
   poll();
   if (!res.ok) {
     const message = answer && typeof answer.message === 'string' ? answer.message : res.statusText;
-    showError(`${what}: ${message} (${res.status})`);
+    if (refused) refused(answer?.error ?? String(res.status), message);
+    else showError(`${what}: ${message} (${res.status})`);
     return null;
   }
   return answer ?? {};
 }
 
+// A POST that outlives the page, for what must be said as it goes away; nothing hears the answer.
+export function lastWord(path, body) {
+  fetch(path, {
+    method: 'POST',
+    keepalive: true,
+    headers: { ...authHeaders, 'Content-Type': 'application/json' },
+    body: JSON.stringify(body),
+  }).catch(() => {});
+}
+
 // Guides and inputs go out one at a time, in order: a typed word must not overtake the
 // Backspace after it.
 let sendChain = Promise.resolve();
-export function sendInOrder(what, path, body) {
-  sendChain = sendChain.then(() => act(what, path, body));
+export function sendInOrder(what, path, body, refused = null) {
+  sendChain = sendChain.then(() => act(what, path, body, refused));
   return sendChain;
 }
 

@@ -5,7 +5,9 @@
 import { act, poll, pollAgainSoon, startPolling } from './api.js';
 import { $, enc } from './dom.js';
 import { render, renderCaptures, renderLog, select } from './render.js';
-import { frame, marks, stage } from './stage.js';
+import { listenForKeys } from './keys.js';
+import { recorder, snapshot } from './record.js';
+import { frame, marks, sizing, stage } from './stage.js';
 import { MAX_EVENTS, controlOn, deviceById, view } from './state.js';
 import { control, drag, label, laser, tools } from './tools.js';
 
@@ -51,9 +53,20 @@ function wire() {
   $('live-start').addEventListener('click', () =>
     act('Start the live view', `/console/api/devices/${enc(view.selected)}/live`));
   $('live-end').addEventListener('click', () => sessionAction('End the live view', 'end'));
-  $('note-frame-saved').addEventListener('click', () => sessionAction('Snapshot saved', 'note', { kind: 'frameSaved' }));
-  $('note-recording-start').addEventListener('click', () => sessionAction('Start recording', 'note', { kind: 'recordingStarted' }));
-  $('note-recording-stop').addEventListener('click', () => sessionAction('Stop recording', 'note', { kind: 'recordingStopped' }));
+  $('note-frame-saved').addEventListener('click', async () => {
+    if (stage.session) await snapshot(stage.session, view.selected);
+    render();
+  });
+  $('note-recording-start').addEventListener('click', async () => {
+    const start = stage.session && recorder.start(stage.session, view.selected);
+    render();
+    await start;
+    render();
+  });
+  $('note-recording-stop').addEventListener('click', async () => {
+    await recorder.stop();
+    render();
+  });
   $('control-ask').addEventListener('click', () => sessionAction('Ask for control', 'control'));
   $('control-release').addEventListener('click', () => sessionAction('Release control', 'control/end'));
 
@@ -69,6 +82,13 @@ function wire() {
     radio.addEventListener('change', () => tools.choose(radio.value));
   }
   $('log-all-devices').addEventListener('change', renderLog);
+  $('log-kind').addEventListener('change', renderLog);
+  $('device-search').addEventListener('input', () => render());
+  $('stage-enlarge').addEventListener('click', () => sizing.toggle());
+  $('viewer-close').addEventListener('click', () => $('viewer').close());
+  $('viewer').addEventListener('click', (e) => {
+    if (e.target === $('viewer')) $('viewer').close(); // the backdrop
+  });
 
   const node = stage.node;
   node.addEventListener('pointerdown', (e) => {
@@ -120,6 +140,34 @@ function wire() {
   label.box.addEventListener('blur', () => label.hide());
 
   new ResizeObserver(() => marks.draw()).observe(frame.img);
+  new ResizeObserver(() => sizing.fit()).observe(sizing.wrap);
+  window.addEventListener('resize', () => sizing.fit());
+  window.addEventListener('pagehide', () => recorder.abandon());
+
+  listenForKeys({
+    tool(name) {
+      const input = document.querySelector(`input[name="tool"][value="${name}"]`);
+      if (input && !input.disabled) tools.choose(name);
+    },
+    color(i) {
+      const input = document.querySelectorAll('input[name="color"]')[i];
+      if (input) input.checked = true;
+    },
+    clear() {
+      drag.cancel();
+      laser.off();
+      marks.clear();
+    },
+    enlarge: () => sizing.toggle(),
+    cancel() {
+      label.hide();
+      drag.cancel();
+      if (sizing.enlarged) sizing.toggle(false);
+    },
+    end() {
+      if (!$('live-end').disabled) sessionAction('End the live view', 'end');
+    },
+  }, () => controlOn(stage.session));
   // The time left for a screenshot call moves even when nothing else does.
   setInterval(() => {
     const d = deviceById(view.selected);

@@ -40,6 +40,7 @@ export const frame = {
         this.shown = n;
         this.img.dataset.frame = String(n);
         this.img.hidden = false;
+        sizing.fit();
         marks.draw();
       }
     } catch {
@@ -110,6 +111,8 @@ export const stage = {
 };
 
 const MARK_ECHO_MS = 4000; // the device fades its marks after about as long
+const WINDOW_POINTS = 390; // a phone's window, in points, about; the frame does not say
+const FILL_WORD_POINTS = 9.5; // the device's size for the word on a fill
 
 // The console's own picture of the guides it sent: frames carry the app without its overlay,
 // so the agent would otherwise not see what they drew.
@@ -118,6 +121,7 @@ export const marks = {
   list: [],
   preview: null,
   timer: null,
+  version: 0, // counts redraws, for the pictures made of the marks
 
   clear() {
     this.list = [];
@@ -159,15 +163,29 @@ export const marks = {
       return n;
     };
     const shapes = [];
+    const pt = w / WINDOW_POINTS; // one of the app's points, in the stage's pixels
     const add = (b, color, preview) => {
       const opacity = preview ? 0.7 : 1;
-      if (b.kind === 'box' || b.kind === 'fill') {
+      if (b.kind === 'fill') {
+        // As the customer sees it, even while dragged: solid, with the word in white at the
+        // device's size, cut off at the fill's edges.
+        const bw = (b.w ?? 0.16) * w;
+        const bh = (b.h ?? 0.11) * h;
+        const inner = make('svg', { x: b.x * w, y: b.y * h, width: bw, height: bh, 'data-kind': 'fill' });
+        const word = make('text', {
+          x: bw / 2, y: bh / 2, fill: '#fff', 'font-size': FILL_WORD_POINTS * pt, 'font-weight': 700,
+          'letter-spacing': 0.5 * pt, 'text-anchor': 'middle', 'dominant-baseline': 'central',
+          'font-family': 'system-ui, sans-serif',
+        });
+        word.textContent = 'REDACTED';
+        inner.append(make('rect', { width: bw, height: bh, rx: Math.min(6 * pt, bw / 2, bh / 2), fill: color }), word);
+        shapes.push(inner);
+      } else if (b.kind === 'box') {
         const bw = (b.w ?? 0.16) * w;
         const bh = (b.h ?? 0.11) * h;
         shapes.push(make('rect', {
-          x: b.x * w, y: b.y * h, width: bw, height: bh, rx: Math.min(b.kind === 'box' ? 15 : 6, bw / 2, bh / 2) * w / 390,
-          fill: b.kind === 'fill' ? color : 'none', 'fill-opacity': b.kind === 'fill' ? 0.85 * opacity : 0,
-          stroke: color, 'stroke-width': 2.5, opacity,
+          x: b.x * w, y: b.y * h, width: bw, height: bh, rx: Math.min(15 * pt, bw / 2, bh / 2),
+          fill: 'none', stroke: color, 'stroke-width': 2.5, opacity,
         }));
       } else if (b.kind === 'arrow') {
         const x1 = b.x * w, y1 = b.y * h;
@@ -194,5 +212,103 @@ export const marks = {
       else add({ kind: p.kind, x: Math.min(p.from.x, p.to.x), y: Math.min(p.from.y, p.to.y), w: Math.abs(p.to.x - p.from.x), h: Math.abs(p.to.y - p.from.y) }, p.color, true);
     }
     this.svg.replaceChildren(...shapes);
+    this.version++;
+  },
+};
+
+// The picture as large as its place allows, keeping its shape: the width the live card gives
+// it and the height of the window below its top. Enlarged, the stage takes the whole window.
+export const sizing = {
+  wrap: $('stage').closest('.stage-wrap'),
+  enlarged: false,
+
+  fit() {
+    const img = frame.img;
+    const nw = img.naturalWidth;
+    const nh = img.naturalHeight;
+    if (!nw || !nh) return;
+    let width;
+    let height;
+    if (this.enlarged) {
+      width = window.innerWidth - 48;
+      height = window.innerHeight - 90;
+    } else {
+      width = this.wrap.clientWidth;
+      const top = this.wrap.getBoundingClientRect().top + window.scrollY;
+      height = Math.max(MIN_STAGE_HEIGHT, window.innerHeight - top - 48);
+    }
+    const scale = Math.min(width / nw, height / nh);
+    const w = `${Math.floor(nw * scale)}px`;
+    const h = `${Math.floor(nh * scale)}px`;
+    if (img.style.width !== w || img.style.height !== h) {
+      img.style.width = w;
+      img.style.height = h;
+    }
+  },
+
+  toggle(on = !this.enlarged) {
+    this.enlarged = on;
+    this.wrap.classList.toggle('enlarged', on);
+    const button = $('stage-enlarge');
+    button.setAttribute('aria-pressed', String(on));
+    button.textContent = on ? 'Back to the panel' : 'Enlarge';
+    this.fit();
+  },
+};
+
+const MIN_STAGE_HEIGHT = 360;
+
+// The frame with the marks over it, drawn on `canvas` at the frame's own size: what snapshots
+// and recordings keep. The marks come from the stage's drawing, as an image made again only
+// when they change.
+export const picture = {
+  marks: null,
+  marksVersion: -1,
+  marksSize: '',
+  making: null,
+
+  async refreshMarks(w, h) {
+    const size = `${w}x${h}`;
+    if (this.marksVersion === marks.version && this.marksSize === size) return;
+    if (this.making) return this.making;
+    const version = marks.version;
+    const svg = marks.svg.cloneNode(true);
+    svg.setAttribute('xmlns', 'http://www.w3.org/2000/svg');
+    svg.setAttribute('width', String(w));
+    svg.setAttribute('height', String(h));
+    const url = `data:image/svg+xml;charset=utf-8,${encodeURIComponent(new XMLSerializer().serializeToString(svg))}`;
+    this.making = (async () => {
+      const image = new Image();
+      image.src = url;
+      try {
+        await image.decode();
+        this.marks = svg.childElementCount ? image : null;
+        this.marksVersion = version;
+        this.marksSize = size;
+      } catch {
+        // Drawn without marks this time; the next call tries again.
+      } finally {
+        this.making = null;
+      }
+    })();
+    return this.making;
+  },
+
+  // False when there is no frame to draw.
+  async draw(canvas, { wait = true } = {}) {
+    const img = frame.img;
+    const w = img.naturalWidth;
+    const h = img.naturalHeight;
+    if (!w || !h || img.hidden) return false;
+    if (canvas.width !== w || canvas.height !== h) {
+      canvas.width = w;
+      canvas.height = h;
+    }
+    const refresh = this.refreshMarks(w, h);
+    if (wait) await refresh;
+    const ctx = canvas.getContext('2d');
+    ctx.drawImage(img, 0, 0, w, h);
+    if (this.marks) ctx.drawImage(this.marks, 0, 0, w, h);
+    return true;
   },
 };

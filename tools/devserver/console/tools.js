@@ -54,7 +54,11 @@ function guide(body) {
 function input(body) {
   const s = stage.session;
   if (!s) return;
-  sendInOrder(`Send the ${body.action}`, `/console/api/sessions/${enc(s.sessionId)}/input`, body);
+  sendInOrder(`Send the ${body.action}`, `/console/api/sessions/${enc(s.sessionId)}/input`, body,
+    (code, message) => inputFeedback.refused(code, message))
+    .then((answer) => {
+      if (answer) inputFeedback.sent();
+    });
 }
 
 export const laser = {
@@ -231,5 +235,54 @@ export const control = {
     const text = this.text;
     this.text = '';
     input({ action: 'type', text });
+  },
+};
+
+// What became of the agent's input, when it did not simply work: the backend refused to pass
+// it on, or the device said the tap did nothing. Cleared by the next input that went through.
+export const inputFeedback = {
+  sessionId: null,
+  seen: 0, // the device's feedback already shown
+  text: '',
+
+  refused(code, message) {
+    const why = {
+      lease_mismatch: 'Not sent: the control lease lapsed (the device has not confirmed control). Wait for it to confirm again, or ask again.',
+      no_control: 'Not sent: control is not granted.',
+      not_connected: 'Not sent: the device is not connected.',
+      not_active: 'Not sent: the live view is not running.',
+    }[code];
+    this.show(why ?? `Not sent: ${message}`, 'bad');
+  },
+
+  sent() {
+    this.show('', '');
+  },
+
+  sync(s) {
+    const feedback = s?.control?.feedback ?? [];
+    if (!s || s.sessionId !== this.sessionId) {
+      this.sessionId = s?.sessionId ?? null;
+      this.seen = feedback.length;
+      this.show('', '');
+      return;
+    }
+    if (feedback.length > this.seen) {
+      const kind = feedback[feedback.length - 1];
+      this.seen = feedback.length;
+      const said = {
+        menuItemInert: 'The device reports the tap hit a menu item that does nothing: nothing fired.',
+        menuOpened: 'The device reports the tap opened a menu.',
+        locked: 'The device refused the tap: that control is locked.',
+      }[kind];
+      this.show(said ?? `The device reports: ${kind}.`, kind === 'menuOpened' ? '' : 'bad');
+    }
+  },
+
+  show(text, tone) {
+    const node = $('input-feedback');
+    node.hidden = !text;
+    node.className = `input-feedback ${tone}`;
+    setText('input-feedback', text);
   },
 };
