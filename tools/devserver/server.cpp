@@ -301,6 +301,16 @@ std::string Server::consoleUrl() const {
     return impl_->url + "/console?token=" + impl_->consoleToken;
 }
 
+std::string Server::answerBytes(std::string_view bytes) {
+    // Held throughout, so that stop() and start() wait for the router this reads.
+    std::lock_guard lifecycle(impl_->lifecycle);
+    if (!impl_->http) return {};
+    Impl* impl = impl_.get();
+    return devserver::answerBytes(bytes, [impl](RecordedRequest request, int version) {
+        return impl->handle(std::move(request), version);
+    });
+}
+
 std::vector<RecordedRequest> Server::requests() const {
     std::lock_guard lock(impl_->mutex);
     return impl_->requests;
