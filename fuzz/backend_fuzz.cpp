@@ -188,6 +188,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     replaceAll(bytes, kTokenStandIn, backend->token);
     replaceAll(bytes, kDeviceStandIn, backend->deviceId);
     replaceAll(bytes, kPortStandIn, backend->port);
-    checkResponses(backend->server.answerBytes(bytes));
+    const std::string written = backend->server.answerBytes(bytes);
+    // To see what an input got: run it alone with VIRELA_FUZZ_ECHO=1.
+    static const bool echo = std::getenv("VIRELA_FUZZ_ECHO") != nullptr;
+    if (echo) std::fwrite(written.data(), 1, written.size(), stderr);
+    checkResponses(written);
     return 0;
 }
