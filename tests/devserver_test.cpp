@@ -22,6 +22,7 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -98,6 +99,13 @@ class Connection {
         reply.body = buffer_.substr(headEnd + 4, size);
         buffer_.erase(0, headEnd + 4 + size);
         return reply;
+    }
+
+    // Everything the server writes until it closes the connection.
+    std::string readUntilClosed() {
+        while (fill()) {
+        }
+        return std::exchange(buffer_, {});
     }
 
     // True only for an end of stream, not for a read that timed out.
@@ -363,6 +371,28 @@ TEST_F(DevServerTest, QueuedRepliesAndClosesReplaceTheNextRequestsInOrder) {
     ASSERT_TRUE(normal);
     EXPECT_EQ(normal->status, 401);
     EXPECT_EQ(server.requests(path).size(), 4u);
+}
+
+// What the fuzzer drives: the same bytes without a socket get the very bytes a connection
+// writes, request after pipelined request, up to the one that ends the connection.
+TEST_F(DevServerTest, BytesAnsweredWithoutASocketGetWhatAConnectionWrites) {
+    const std::string token = registerDevice("inst-1")["deviceToken"];
+    const std::string bytes =
+        post("/v1/sdk/devices/health", R"({"battery":1})", "X-Virela-Device: " + token + "\r\n") +
+        post("/v1/sdk/devices/health", "{}") + "PUT /v1/sdk/devices HTTP/1.1\r\n\r\n" +
+        "GET /nowhere HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n" + "BROKEN\r\n\r\n" +
+        "GET /assets/logo.png HTTP/1.1\r\n\r\n";
+    Connection connection(server.port());
+    connection.send(bytes);
+    const std::string written = connection.readUntilClosed();
+    EXPECT_EQ(server.answerBytes(bytes), written);
+    std::vector<int> statuses;
+    for (std::size_t at = 0; (at = written.find("HTTP/1.1 ", at)) != std::string::npos; at += 9) {
+        statuses.push_back(std::stoi(written.substr(at + 9, 3)));
+    }
+    EXPECT_EQ(statuses, (std::vector<int>{200, 401, 405, 404, 400}));
+    server.stop();
+    EXPECT_EQ(server.answerBytes(bytes), "");
 }
 
 TEST_F(DevServerTest, SurvivesBrokenClientsAndRestartsOnTheSamePort) {
