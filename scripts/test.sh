@@ -45,6 +45,11 @@ echo "== fuzzing remote input against locked views (a fixed, short run)"
 cmake --build build/fuzz --target virela_input_fuzz -- -j"$jobs"
 mkdir -p build/fuzz/corpus-input
 build/fuzz/fuzz/virela_input_fuzz -runs=20000 -seed=1 build/fuzz/corpus-input 2>&1 | tail -n 1
+echo "== fuzzing the local backend's request handling (a fixed, short run)"
+cmake --build build/fuzz --target virela_backend_fuzz -- -j"$jobs"
+mkdir -p build/fuzz/corpus-backend
+build/fuzz/fuzz/virela_backend_fuzz -runs=20000 -seed=1 -dict=fuzz/backend.dict \
+    build/fuzz/corpus-backend fuzz/corpus/backend 2>&1 | tail -n 1
 
 echo "== tests under address and undefined-behaviour sanitizers"
 cmake -S . -B build/sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVIRELA_SANITIZE=ON \

@@ -1,6 +1,5 @@
 #include "tools/devserver/device_registry.hpp"
 
-#include <algorithm>
 #include <cstdint>
 #include <utility>
 
@@ -16,29 +15,32 @@ DeviceInfo DeviceRegistry::registerDevice(const std::string& apiKey,
                                           const std::optional<std::string>& installId,
                                           std::string body) {
     std::lock_guard lock(mutex_);
-    auto existing = devices_.end();
+    std::size_t at = devices_.size();
     if (installId) {
-        existing = std::find_if(devices_.begin(), devices_.end(), [&](const DeviceInfo& d) {
-            return d.apiKey == apiKey && d.installId == installId;
-        });
+        auto known = byInstall_.find({apiKey, *installId});
+        if (known != byInstall_.end()) at = known->second;
     }
-    if (existing == devices_.end()) {
+    if (at == devices_.size()) {
         DeviceInfo created;
         created.deviceId = freshDeviceId();
         created.apiKey = apiKey;
         created.installId = installId;
         created.supportCode = freshSupportCode();
+        byId_.emplace(created.deviceId, at);
+        byCode_.emplace(created.supportCode, at);
+        if (installId) byInstall_.emplace(std::pair(apiKey, *installId), at);
         devices_.push_back(std::move(created));
-        existing = devices_.end() - 1;
     }
     std::string token;
     do {
         token = tokenPrefix_ + randomHex(40);
-    } while (byToken(token) != nullptr);
-    existing->token = token;
-    existing->tokens.push_back(std::move(token));
-    existing->registration = std::move(body);
-    return *existing;
+    } while (byToken_.contains(token));
+    byToken_.emplace(token, at);
+    DeviceInfo& device = devices_[at];
+    device.token = token;
+    device.tokens.push_back(std::move(token));
+    device.registration = std::move(body);
+    return device;
 }
 
 void DeviceRegistry::setTokenPrefix(std::string prefix) {
@@ -72,7 +74,11 @@ std::optional<std::string> DeviceRegistry::resetSupportCode(std::string_view tok
     DeviceInfo* device = byToken(token);
     if (device == nullptr) return std::nullopt;
     // The current code is still taken while the new one is drawn, so the two always differ.
-    device->supportCode = freshSupportCode();
+    std::string code = freshSupportCode();
+    auto indexed = byCode_.extract(device->supportCode);
+    indexed.key() = code;
+    byCode_.insert(std::move(indexed));
+    device->supportCode = std::move(code);
     return device->supportCode;
 }
 
@@ -94,10 +100,9 @@ std::vector<DeviceInfo> DeviceRegistry::all() const {
 }
 
 const DeviceInfo* DeviceRegistry::lookup(std::string_view idTokenOrCode) const {
-    for (const DeviceInfo& device : devices_) {
-        if (device.deviceId == idTokenOrCode || device.supportCode == idTokenOrCode) {
-            return &device;
-        }
+    for (const auto* index : {&byId_, &byCode_}) {
+        auto it = index->find(idTokenOrCode);
+        if (it != index->end()) return &devices_[it->second];
     }
     return byToken(idTokenOrCode);
 }
@@ -107,13 +112,8 @@ DeviceInfo* DeviceRegistry::byToken(std::string_view token) {
 }
 
 const DeviceInfo* DeviceRegistry::byToken(std::string_view token) const {
-    if (token.empty()) return nullptr;
-    for (const DeviceInfo& device : devices_) {
-        if (std::find(device.tokens.begin(), device.tokens.end(), token) != device.tokens.end()) {
-            return &device;
-        }
-    }
-    return nullptr;
+    auto it = byToken_.find(token);
+    return it != byToken_.end() ? &devices_[it->second] : nullptr;
 }
 
 std::string DeviceRegistry::randomHex(std::size_t digits) {
@@ -131,8 +131,7 @@ std::string DeviceRegistry::freshDeviceId() {
     std::string id;
     do {
         id = "dev_" + randomHex(16);
-    } while (std::any_of(devices_.begin(), devices_.end(),
-                         [&](const DeviceInfo& d) { return d.deviceId == id; }));
+    } while (byId_.contains(id));
     return id;
 }
 
@@ -141,8 +140,7 @@ std::string DeviceRegistry::freshSupportCode() {
     std::string code(7, '-');
     do {
         for (std::size_t i : {0, 1, 2, 4, 5, 6}) code[i] = static_cast<char>('0' + digit(random_));
-    } while (std::any_of(devices_.begin(), devices_.end(),
-                         [&](const DeviceInfo& d) { return d.supportCode == code; }));
+    } while (byCode_.contains(code));
     return code;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <mutex>
 #include <optional>
 #include <random>
@@ -11,7 +12,9 @@
 
 namespace virela::devserver {
 
-// Registered devices, their tokens and support codes. Thread-safe.
+// Registered devices, their tokens and support codes. Thread-safe. Lookups go through indexes,
+// so that a flood of registrations (the demo key is public) does not make every request, and
+// the console's list, slow down with the square of the devices.
 class DeviceRegistry {
   public:
     DeviceRegistry();
@@ -45,6 +48,11 @@ class DeviceRegistry {
 
     mutable std::mutex mutex_;
     std::vector<DeviceInfo> devices_;
+    // Positions in devices_.
+    std::map<std::string, std::size_t, std::less<>> byId_;
+    std::map<std::string, std::size_t, std::less<>> byCode_;
+    std::map<std::string, std::size_t, std::less<>> byToken_;
+    std::map<std::pair<std::string, std::string>, std::size_t> byInstall_;  // key, install id
     std::mt19937_64 random_;
 };
 

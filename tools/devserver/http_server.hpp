@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "tools/devserver/exchange.hpp"
 
@@ -34,5 +35,11 @@ class HttpServer {
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
+
+// Reads requests from `bytes` as a connection does from a peer that sent them and then shut its
+// side, hands each to `handler` on the calling thread and returns every byte the connection
+// would have written, up to the first close or upgrade. Without a socket or any waiting, for
+// fuzzing.
+std::string answerBytes(std::string_view bytes, const RequestHandler& handler);
 
 }  // namespace virela::devserver

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <sstream>
 #include <utility>
 
 #include <boost/asio/buffer.hpp>
@@ -12,6 +13,7 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
 
+#include "tools/devserver/http_server.hpp"
 #include "tools/devserver/websocket_session.hpp"
 
 namespace virela::devserver {
@@ -51,7 +53,53 @@ std::optional<http::request<http::empty_body>> asUpgradeRequest(const RecordedRe
     }
 }
 
+// A peer that sent these bytes and then shut its side, as http::read sees a socket.
+class SentBytes {
+  public:
+    explicit SentBytes(std::string_view bytes) : rest_(bytes) {}
+
+    template <class Buffers>
+    std::size_t read_some(const Buffers& buffers, beast::error_code& ec) {
+        ec = {};
+        if (rest_.empty()) {
+            ec = boost::asio::error::eof;
+            return 0;
+        }
+        const std::size_t n =
+            boost::asio::buffer_copy(buffers, boost::asio::buffer(rest_.data(), rest_.size()));
+        rest_.remove_prefix(n);
+        return n;
+    }
+    template <class Buffers>
+    std::size_t read_some(const Buffers& buffers) {
+        beast::error_code ec;
+        const std::size_t n = read_some(buffers, ec);
+        if (ec) throw beast::system_error(ec);
+        return n;
+    }
+
+  private:
+    std::string_view rest_;
+};
+
+// False when Beast refuses to write the response.
+bool appendBytes(const http::response<http::string_body>& response, std::string& written) {
+    try {
+        std::ostringstream out;
+        out << response;
+        written += out.str();
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 }  // namespace
+
+RecordingParser::RecordingParser() {
+    header_limit(kHeaderLimit);
+    body_limit(kBodyLimit);
+}
 
 void RecordingParser::on_request_impl(http::verb, beast::string_view method,
                                       beast::string_view target, int version, beast::error_code&) {
@@ -83,6 +131,82 @@ std::size_t RecordingParser::on_chunk_body_impl(std::uint64_t, beast::string_vie
     return body.size();
 }
 
+Answer answer(RecordingParser& parser, const RequestHandler& handler) {
+    Answer answered;
+    // HEAD replies would need their body suppressed; closing afterwards keeps framing simple.
+    answered.keepAlive = parser.keep_alive() && parser.request().method != "HEAD";
+    answered.version = parser.version();
+    // Kept aside only for requests that may become a socket; the handler takes the original.
+    if (parser.request().header("Upgrade")) {
+        answered.upgrade = asUpgradeRequest(parser.request(), answered.version);
+    }
+    try {
+        answered.outcome = handler(std::move(parser.request()), answered.version);
+    } catch (const std::exception&) {
+        answered.outcome.reply =
+            jsonError(500, "internal", "The server failed to handle the request.");
+    }
+    return answered;
+}
+
+std::optional<Reply> readFailureReply(const beast::error_code& ec) {
+    if (!isParseError(ec)) return std::nullopt;
+    if (ec == http::error::header_limit) {
+        return jsonError(431, "headers_too_large", "The request headers are too large.");
+    }
+    if (ec == http::error::body_limit) {
+        return jsonError(413, "body_too_large", "The request body is too large.");
+    }
+    return jsonError(400, "bad_request", "Malformed HTTP request.");
+}
+
+std::shared_ptr<http::response<http::string_body>> responseOf(Reply reply, bool keepAlive,
+                                                              int version) {
+    auto response = std::make_shared<http::response<http::string_body>>();
+    try {
+        const int status = reply.status >= 100 && reply.status <= 999 ? reply.status : 500;
+        response->version(version);
+        response->result(static_cast<unsigned>(status));
+        for (const Header& header : reply.headers) response->insert(header.name, header.value);
+        if (!reply.contentType.empty()) {
+            response->set(http::field::content_type, reply.contentType);
+        }
+        if (!hasNoBody(status)) {
+            response->content_length(reply.body.size());
+            response->body() = std::move(reply.body);
+        }
+        response->keep_alive(keepAlive);
+    } catch (const std::exception&) {
+        return nullptr;
+    }
+    return response;
+}
+
+std::string answerBytes(std::string_view bytes, const RequestHandler& handler) {
+    SentBytes peer(bytes);
+    beast::flat_buffer buffer;
+    std::string written;
+    for (;;) {
+        RecordingParser parser;
+        beast::error_code ec;
+        http::read_header(peer, buffer, parser, ec);
+        // A connection would answer "100 Continue" here; this peer has sent its body anyway.
+        if (!ec && !parser.is_done()) http::read(peer, buffer, parser, ec);
+        if (ec) {
+            std::optional<Reply> reply = readFailureReply(ec);
+            auto response = reply ? responseOf(std::move(*reply), false, 11) : nullptr;
+            if (response) appendBytes(*response, written);
+            return written;
+        }
+        Answer answered = answer(parser, handler);
+        // A socket would take the connection over from here.
+        if (answered.outcome.kind != Outcome::Kind::reply) return written;
+        auto response =
+            responseOf(std::move(answered.outcome.reply), answered.keepAlive, answered.version);
+        if (!response || !appendBytes(*response, written) || !answered.keepAlive) return written;
+    }
+}
+
 HttpSession::HttpSession(boost::asio::ip::tcp::socket socket, const RequestHandler& handler,
                          SocketHub& sockets)
     : stream_(std::move(socket)),
@@ -96,8 +220,6 @@ void HttpSession::run() {
 
 void HttpSession::readHeader() {
     parser_.emplace();
-    parser_->header_limit(kHeaderLimit);
-    parser_->body_limit(kBodyLimit);
     stream_.expires_after(kIdleTimeout);
     http::async_read_header(
         stream_, buffer_, *parser_,
@@ -137,60 +259,34 @@ void HttpSession::onBody(beast::error_code ec) {
 }
 
 void HttpSession::respond() {
-    // HEAD replies would need their body suppressed; closing afterwards keeps framing simple.
-    const bool keepAlive = parser_->keep_alive() && parser_->request().method != "HEAD";
-    const int version = parser_->version();
-    // Kept aside only for requests that may become a socket; the handler takes the original.
-    std::optional<http::request<http::empty_body>> upgrade;
-    if (parser_->request().header("Upgrade")) {
-        upgrade = asUpgradeRequest(parser_->request(), version);
-    }
-    Outcome outcome;
-    try {
-        outcome = handler_(std::move(parser_->request()), version);
-    } catch (const std::exception&) {
-        outcome.reply = jsonError(500, "internal", "The server failed to handle the request.");
-    }
+    Answer answered = answer(*parser_, handler_);
     parser_.reset();
+    Outcome& outcome = answered.outcome;
     if (outcome.kind == Outcome::Kind::close) return close();
     if (outcome.kind == Outcome::Kind::upgrade) {
-        if (!upgrade) return close();
+        if (!answered.upgrade) return close();
         // The stream leaves this session, which ends once this handler returns.
         std::make_shared<WebSocketSession>(std::move(stream_), sockets_,
                                            std::move(outcome.deviceId))
-            ->accept(std::move(*upgrade), std::move(outcome.subprotocol));
+            ->accept(std::move(*answered.upgrade), std::move(outcome.subprotocol));
         return;
     }
     if (outcome.holdUntil > std::chrono::steady_clock::now()) {
         hold_.expires_at(outcome.holdUntil);
-        hold_.async_wait([self = shared_from_this(), reply = std::move(outcome.reply), keepAlive,
-                          version](beast::error_code ec) mutable {
+        hold_.async_wait([self = shared_from_this(), reply = std::move(outcome.reply),
+                          keepAlive = answered.keepAlive,
+                          version = answered.version](beast::error_code ec) mutable {
             if (ec) return self->close();
             self->write(std::move(reply), keepAlive, version);
         });
         return;
     }
-    write(std::move(outcome.reply), keepAlive, version);
+    write(std::move(outcome.reply), answered.keepAlive, answered.version);
 }
 
 void HttpSession::write(Reply reply, bool keepAlive, int version) {
-    auto response = std::make_shared<http::response<http::string_body>>();
-    try {
-        const int status = reply.status >= 100 && reply.status <= 999 ? reply.status : 500;
-        response->version(version);
-        response->result(static_cast<unsigned>(status));
-        for (const Header& header : reply.headers) response->insert(header.name, header.value);
-        if (!reply.contentType.empty()) {
-            response->set(http::field::content_type, reply.contentType);
-        }
-        if (!hasNoBody(status)) {
-            response->content_length(reply.body.size());
-            response->body() = std::move(reply.body);
-        }
-        response->keep_alive(keepAlive);
-    } catch (const std::exception&) {
-        return close();
-    }
+    auto response = responseOf(std::move(reply), keepAlive, version);
+    if (!response) return close();
     pending_ = response;
     stream_.expires_after(kWriteTimeout);
     http::async_write(stream_, *response,
@@ -207,15 +303,9 @@ void HttpSession::onWrite(bool keepAlive, beast::error_code ec) {
 }
 
 void HttpSession::failRead(beast::error_code ec) {
-    if (!isParseError(ec)) return close();
-    if (ec == http::error::header_limit) {
-        return write(jsonError(431, "headers_too_large", "The request headers are too large."),
-                     false, 11);
-    }
-    if (ec == http::error::body_limit) {
-        return write(jsonError(413, "body_too_large", "The request body is too large."), false, 11);
-    }
-    write(jsonError(400, "bad_request", "Malformed HTTP request."), false, 11);
+    std::optional<Reply> reply = readFailureReply(ec);
+    if (!reply) return close();
+    write(std::move(*reply), false, 11);
 }
 
 void HttpSession::lingerAndClose() {

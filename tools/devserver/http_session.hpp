@@ -8,6 +8,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/basic_parser.hpp>
+#include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
 
@@ -19,10 +20,12 @@ namespace virela::devserver {
 namespace beast = boost::beast;
 namespace http = boost::beast::http;
 
-// Parses one request straight into a RecordedRequest. Beast's own fields container groups
-// repeated headers together, which would lose the order in which they arrived.
+// Parses one request straight into a RecordedRequest, within the header and body limits of a
+// connection. Beast's own fields container groups repeated headers together, which would lose
+// the order in which they arrived.
 class RecordingParser final : public http::basic_parser<true> {
   public:
+    RecordingParser();
     RecordedRequest& request() { return request_; }
     int version() const { return version_; }
 
@@ -44,6 +47,25 @@ class RecordingParser final : public http::basic_parser<true> {
     RecordedRequest request_;
     int version_ = 11;
 };
+
+// What a connection does once it has read a whole request: the handler's outcome (a handler
+// that throws gets a 500), whether to read another request afterwards, and the HTTP version.
+struct Answer {
+    Outcome outcome;
+    bool keepAlive = false;
+    int version = 11;
+    // For a request that may become a socket: the request again as a Beast message, which the
+    // WebSocket handshake takes.
+    std::optional<http::request<http::empty_body>> upgrade;
+};
+Answer answer(RecordingParser& parser, const RequestHandler& handler);
+
+// The reply to a request that could not be read, or nullopt to close without one.
+std::optional<Reply> readFailureReply(const beast::error_code& ec);
+
+// The reply as the message to write; nullptr when it cannot be written (a header Beast refuses).
+std::shared_ptr<http::response<http::string_body>> responseOf(Reply reply, bool keepAlive,
+                                                              int version);
 
 // One accepted connection: reads requests, hands each to the handler and writes its reply,
 // for as long as the client keeps the connection alive. The session owns the stream, so that

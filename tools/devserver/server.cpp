@@ -26,6 +26,11 @@ namespace virela::devserver {
 
 namespace {
 
+// What a device registers and reports is kept, and its health shown to the console on every
+// poll; with the demo key public, only uploads may be large.
+constexpr std::string_view kDeviceReportPrefix = "/v1/sdk/devices";
+constexpr std::size_t kDeviceReportLimit = 64 * 1024;
+
 bool sendableCloseCode(int code) {
     return (code >= 1000 && code <= 1003) || (code >= 1007 && code <= 1013) ||
            (code >= 3000 && code <= 4999);
@@ -135,6 +140,10 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
             if (!consoleToken.empty() && consoleGuards(request.path) &&
                 !carriesConsoleToken(request, consoleToken, currentPort())) {
                 outcome.reply = consoleRefusal();
+            } else if (request.path.starts_with(kDeviceReportPrefix) &&
+                       request.body.size() > kDeviceReportLimit) {
+                outcome.reply = jsonError(413, "body_too_large",
+                                          "A device's registration or report may hold 64 KiB.");
             } else if (request.path == kSocketPath) {
                 outcome = admitSocket(request, version, registry, sockets.refusing());
             } else {
@@ -300,6 +309,16 @@ std::string Server::consoleUrl() const {
     std::lock_guard lock(impl_->mutex);
     if (impl_->url.empty() || impl_->consoleToken.empty()) return {};
     return impl_->url + "/console?token=" + impl_->consoleToken;
+}
+
+std::string Server::answerBytes(std::string_view bytes) {
+    // Held throughout, so that stop() and start() wait for the router this reads.
+    std::lock_guard lifecycle(impl_->lifecycle);
+    if (!impl_->http) return {};
+    Impl* impl = impl_.get();
+    return devserver::answerBytes(bytes, [impl](RecordedRequest request, int version) {
+        return impl->handle(std::move(request), version);
+    });
 }
 
 std::vector<RecordedRequest> Server::requests() const {

@@ -94,6 +94,12 @@ class Server {
     // url() + "/console?token=" + the token, when started with a console; empty otherwise.
     std::string consoleUrl() const;
 
+    // Answers `bytes` as a connection to the running server would (pipelined requests in turn,
+    // up to the first close or upgrade), but on the calling thread and without a socket; what
+    // the connection would have written, or nothing when not running. For fuzzing the request
+    // handling: onRequest is then called on this thread.
+    std::string answerBytes(std::string_view bytes);
+
     std::vector<RecordedRequest> requests() const;
     std::vector<RecordedRequest> requests(std::string_view path) const;
     void clearRequests();
