@@ -139,12 +139,31 @@ struct Backend {
         live.promptId = "prm_fuzz_live";
         ControlRequest control;
         control.requestId = "ctl_fuzz";
-        if (!server.askScreenshot(deviceId, shot) || !server.requestLive(deviceId, live) ||
+        // The customer allows each in turn, as the backend's rules need before it grants
+        // control or takes images, and the device confirms its leases.
+        if (!server.askScreenshot(deviceId, shot) ||
+            !answer("/v1/sdk/captures/req_fuzz/respond", R"({"allow":true})") ||
+            !server.requestLive(deviceId, live) ||
+            !answer("/v1/sdk/live/live_fuzz/respond", R"({"allow":true})") ||
             !server.activateLive(deviceId, "live_fuzz", "share-1") ||
+            !answer("/v1/sdk/live/live_fuzz/indicator",
+                    R"({"kind":"sharing","generation":"share-1"})") ||
             !server.requestControl(deviceId, "live_fuzz", control) ||
-            !server.grantControl(deviceId, "live_fuzz", "ctl-1")) {
-            fail("the device's socket took no pushes");
+            !answer("/v1/sdk/live/live_fuzz/control/respond",
+                    R"({"allow":true,"requestId":"ctl_fuzz"})") ||
+            !server.grantControl(deviceId, "live_fuzz", "ctl-1") ||
+            !answer("/v1/sdk/live/live_fuzz/indicator",
+                    R"({"kind":"control","generation":"ctl-1"})")) {
+            fail("the device's session could not be set up");
         }
+    }
+
+    // The device's POST of `body` to `path`; true on a 200.
+    bool answer(const std::string& path, const std::string& body) {
+        const std::string written = server.answerBytes(
+            "POST " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Virela-Device: " + token +
+            "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+        return written.starts_with("HTTP/1.1 200");
     }
     ~Backend() {
         // The server first: its sockets close, and the device's reader ends.
