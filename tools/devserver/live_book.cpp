@@ -24,6 +24,11 @@ void endControlWith(LiveRecord& record) {
 
 }  // namespace
 
+void LiveBook::withdrawControl(Entry& entry) {
+    entry.leases.erase("control");
+    entry.controlAllowed = false;
+}
+
 void LiveBook::endSessionOf(Entry& entry) {
     entry.record.state = "ended";
     endControlWith(entry.record);
@@ -263,8 +268,7 @@ bool LiveBook::requestControl(std::string_view sessionId, std::string requestId,
         entry.record.control.requestId = std::move(requestId);
         entry.record.control.state = "requested";
         entry.record.control.generation.reset();
-        entry.leases.erase("control");
-        entry.controlAllowed = false;
+        withdrawControl(entry);
     }
     changed_.notify_all();
     return true;
@@ -300,8 +304,7 @@ void LiveBook::endControl(std::string_view sessionId) {
         std::lock_guard lock(mutex_);
         Entry& entry = entryFor(sessionId);
         entry.record.control.state = "ended";
-        entry.leases.erase("control");
-        entry.controlAllowed = false;
+        withdrawControl(entry);
     }
     changed_.notify_all();
 }
@@ -326,8 +329,7 @@ void LiveBook::answerControl(std::string_view sessionId, bool allow,
         control.answers.push_back({allow, std::move(requestId)});
         if (!allow) {
             control.state = "ended";
-            entry.leases.erase("control");
-            entry.controlAllowed = false;
+            withdrawControl(entry);
         }
     }
     changed_.notify_all();

@@ -118,6 +118,8 @@ class LiveBook {
 
     Entry& entryFor(std::string_view sessionId);  // caller holds mutex_
     static void endSessionOf(Entry& entry);       // caller holds mutex_
+    // No control lease, and no allowance waiting for a grant; caller holds mutex_.
+    static void withdrawControl(Entry& entry);
     const Entry* lookup(std::string_view sessionId) const;
     LiveRecord snapshot(const Entry& entry, bool frames = true) const;
     bool lapsedLocked(const Entry& entry, std::string_view kind) const;

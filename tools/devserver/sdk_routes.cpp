@@ -18,6 +18,7 @@ namespace {
 using nlohmann::json;
 
 constexpr const char* kKeyHeader = "X-Virela-Key";
+constexpr std::size_t kDeviceReportLimit = 64 * 1024;
 
 Reply unauthorized() {
     return jsonError(401, "unauthorized", "Missing or unknown device token.");
@@ -134,69 +135,81 @@ RouteHandler sessionJson(Guard guard, Handle handle) {
 
 void addDeviceRoutes(Router& router, DeviceRegistry& registry, SdkSettings settings) {
     auto shared = std::make_shared<const SdkSettings>(std::move(settings));
+    // What a device registers and reports is kept, and its health shown to the console on every
+    // poll; with the demo key public, only uploads may be large.
+    auto addKept = [&router](const char* path, RouteHandler handle) {
+        router.add(
+            "POST", path,
+            [handle = std::move(handle)](const RecordedRequest& request, const PathParams& params) {
+                if (request.body.size() > kDeviceReportLimit) {
+                    return jsonError(413, "body_too_large",
+                                     "A device's registration or report may hold 64 KiB.");
+                }
+                return handle(request, params);
+            });
+    };
 
-    router.add("POST", "/v1/sdk/devices",
-               [&registry, shared](const RecordedRequest& request, const PathParams&) {
-                   std::optional<std::string> key = request.header(kKeyHeader);
-                   const auto& keys = shared->apiKeys;
-                   if (!key || std::find(keys.begin(), keys.end(), *key) == keys.end()) {
-                       return jsonError(401, "invalid_key", "Missing or unknown API key.");
-                   }
-                   std::optional<json> body = parseObject(request.body);
-                   if (!body) return notAnObject();
-                   std::optional<std::string> installId;
-                   if (!optionalString(*body, "installId", installId)) {
-                       return jsonError(400, "bad_request", "\"installId\" must be a string.");
-                   }
-                   DeviceInfo device = registry.registerDevice(*key, installId, request.body);
-                   return jsonReply({{"deviceId", device.deviceId},
-                                     {"deviceToken", device.token},
-                                     {"supportCode", device.supportCode},
-                                     {"consentCopy", shared->consentCopy},
-                                     {"captureMode", shared->captureMode},
-                                     {"isTest", true}});
-               });
+    addKept("/v1/sdk/devices",
+            [&registry, shared](const RecordedRequest& request, const PathParams&) {
+                std::optional<std::string> key = request.header(kKeyHeader);
+                const auto& keys = shared->apiKeys;
+                if (!key || std::find(keys.begin(), keys.end(), *key) == keys.end()) {
+                    return jsonError(401, "invalid_key", "Missing or unknown API key.");
+                }
+                std::optional<json> body = parseObject(request.body);
+                if (!body) return notAnObject();
+                std::optional<std::string> installId;
+                if (!optionalString(*body, "installId", installId)) {
+                    return jsonError(400, "bad_request", "\"installId\" must be a string.");
+                }
+                DeviceInfo device = registry.registerDevice(*key, installId, request.body);
+                return jsonReply({{"deviceId", device.deviceId},
+                                  {"deviceToken", device.token},
+                                  {"supportCode", device.supportCode},
+                                  {"consentCopy", shared->consentCopy},
+                                  {"captureMode", shared->captureMode},
+                                  {"isTest", true}});
+            });
 
-    router.add("POST", "/v1/sdk/devices/identify",
-               [&registry, shared](const RecordedRequest& request, const PathParams&) {
-                   std::optional<std::string> token = deviceToken(request, registry);
-                   if (!token) return unauthorized();
-                   std::optional<json> body = parseObject(request.body);
-                   if (!body) return notAnObject();
-                   std::optional<std::string> id;
-                   IdentifiedUser user;
-                   if (!optionalString(*body, "id", id) || !id ||
-                       !optionalString(*body, "name", user.name) ||
-                       !optionalString(*body, "phone", user.phone)) {
-                       return jsonError(400, "bad_request",
-                                        "\"id\" must be a string; \"name\" and \"phone\" strings "
-                                        "or null.");
-                   }
-                   user.id = std::move(*id);
-                   if (!registry.identify(*token, user)) return unauthorized();
-                   tell(shared->report, registry, request, report::Identified{std::move(user)});
-                   return jsonReply({{"ok", true}});
-               });
+    addKept("/v1/sdk/devices/identify", [&registry, shared](const RecordedRequest& request,
+                                                            const PathParams&) {
+        std::optional<std::string> token = deviceToken(request, registry);
+        if (!token) return unauthorized();
+        std::optional<json> body = parseObject(request.body);
+        if (!body) return notAnObject();
+        std::optional<std::string> id;
+        IdentifiedUser user;
+        if (!optionalString(*body, "id", id) || !id || !optionalString(*body, "name", user.name) ||
+            !optionalString(*body, "phone", user.phone)) {
+            return jsonError(400, "bad_request",
+                             "\"id\" must be a string; \"name\" and \"phone\" strings "
+                             "or null.");
+        }
+        user.id = std::move(*id);
+        if (!registry.identify(*token, user)) return unauthorized();
+        tell(shared->report, registry, request, report::Identified{std::move(user)});
+        return jsonReply({{"ok", true}});
+    });
 
-    router.add("POST", "/v1/sdk/devices/reset",
-               [&registry](const RecordedRequest& request, const PathParams&) {
-                   std::optional<std::string> token = deviceToken(request, registry);
-                   if (!token) return unauthorized();
-                   if (!parseObject(request.body)) return notAnObject();
-                   std::optional<std::string> code = registry.resetSupportCode(*token);
-                   if (!code) return unauthorized();
-                   return jsonReply({{"supportCode", *code}});
-               });
+    addKept("/v1/sdk/devices/reset",
+            [&registry](const RecordedRequest& request, const PathParams&) {
+                std::optional<std::string> token = deviceToken(request, registry);
+                if (!token) return unauthorized();
+                if (!parseObject(request.body)) return notAnObject();
+                std::optional<std::string> code = registry.resetSupportCode(*token);
+                if (!code) return unauthorized();
+                return jsonReply({{"supportCode", *code}});
+            });
 
-    router.add("POST", "/v1/sdk/devices/health",
-               [&registry, shared](const RecordedRequest& request, const PathParams&) {
-                   std::optional<std::string> token = deviceToken(request, registry);
-                   if (!token) return unauthorized();
-                   if (!parseObject(request.body)) return notAnObject();
-                   if (!registry.storeHealth(*token, request.body)) return unauthorized();
-                   tell(shared->report, registry, request, report::HealthReported{});
-                   return jsonReply({{"ok", true}});
-               });
+    addKept("/v1/sdk/devices/health",
+            [&registry, shared](const RecordedRequest& request, const PathParams&) {
+                std::optional<std::string> token = deviceToken(request, registry);
+                if (!token) return unauthorized();
+                if (!parseObject(request.body)) return notAnObject();
+                if (!registry.storeHealth(*token, request.body)) return unauthorized();
+                tell(shared->report, registry, request, report::HealthReported{});
+                return jsonReply({{"ok", true}});
+            });
 }
 
 void addCaptureRoutes(Router& router, const DeviceRegistry& registry, CaptureBook& book,

@@ -26,11 +26,6 @@ namespace virela::devserver {
 
 namespace {
 
-// What a device registers and reports is kept, and its health shown to the console on every
-// poll; with the demo key public, only uploads may be large.
-constexpr std::string_view kDeviceReportPrefix = "/v1/sdk/devices";
-constexpr std::size_t kDeviceReportLimit = 64 * 1024;
-
 bool sendableCloseCode(int code) {
     return (code >= 1000 && code <= 1003) || (code >= 1007 && code <= 1013) ||
            (code >= 3000 && code <= 4999);
@@ -140,10 +135,6 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
             if (!consoleToken.empty() && consoleGuards(request.path) &&
                 !carriesConsoleToken(request, consoleToken, currentPort())) {
                 outcome.reply = consoleRefusal();
-            } else if (request.path.starts_with(kDeviceReportPrefix) &&
-                       request.body.size() > kDeviceReportLimit) {
-                outcome.reply = jsonError(413, "body_too_large",
-                                          "A device's registration or report may hold 64 KiB.");
             } else if (request.path == kSocketPath) {
                 outcome = admitSocket(request, version, registry, sockets.refusing());
             } else {
@@ -209,7 +200,6 @@ void Server::start(Options options) {
     addCaptureRoutes(impl_->router, impl_->registry, impl_->captures, impl_->live,
                      {fromSeconds(options.sessionSeconds), baseUrl, report});
     addLiveRoutes(impl_->router, impl_->registry, impl_->live, baseUrl, report);
-    // The console's agent watches leases lapse, as with a real backend.
     impl_->live.setLeaseTimes(fromSeconds(options.leaseGraceSeconds),
                               fromSeconds(options.leaseSeconds));
     if (!impl_->consoleToken.empty()) {

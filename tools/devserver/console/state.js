@@ -43,11 +43,16 @@ export function recordingNoted(s) {
 export function outcomes(s) {
   const out = { live: null, control: null };
   if (!s) return out;
-  const said = (answers) => (answers ?? []).map((a) => (typeof a === 'object' && a ? a.allow : a));
+  // The customer's last answer when it refused: "stopped" after an allow, "declined" before one.
+  const refusal = (given) => {
+    const answers = (given ?? []).map((a) => (typeof a === 'object' && a ? a.allow : a));
+    if (!answers.length || answers[answers.length - 1] !== false) return null;
+    return answers.includes(true) ? 'stopped' : 'declined';
+  };
   if (s.state === 'ended') {
-    const answers = said(s.answers);
-    if (answers.length && answers[answers.length - 1] === false) {
-      out.live = answers.includes(true)
+    const refused = refusal(s.answers);
+    if (refused) {
+      out.live = refused === 'stopped'
         ? { state: 'ended by the customer', notice: 'The customer stopped sharing: the live view has ended.' }
         : { state: 'declined', notice: 'The customer declined the live view.' };
     } else {
@@ -59,9 +64,9 @@ export function outcomes(s) {
   }
   const c = s.control;
   if (c && c.state === 'ended') {
-    const answers = said(c.answers);
-    if (answers.length && answers[answers.length - 1] === false) {
-      out.control = answers.includes(true)
+    const refused = refusal(c.answers);
+    if (refused) {
+      out.control = refused === 'stopped'
         ? { state: 'taken back by the customer', notice: 'The customer took back control.' }
         : { state: 'declined by the customer', notice: 'The customer declined control.' };
     } else {
