@@ -1,6 +1,8 @@
 # Writes OUT, a C++ source that builds every file of DIR into the program, for the local
-# backend's console page. Run at build time (cmake -DDIR=... -DOUT=... -P EmbedFiles.cmake);
-# OUT is rewritten only when its text changes, so an unchanged page rebuilds nothing.
+# backend's pages. Run at build time (cmake -DDIR=... -DOUT=... -DHEADER=... -DFUNCTION=...
+# -P EmbedFiles.cmake): OUT defines FUNCTION, declared in HEADER (a path from the source root),
+# which returns a file's bytes by name. OUT is rewritten only when its text changes, so an
+# unchanged page rebuilds nothing.
 file(GLOB names RELATIVE "${DIR}" "${DIR}/*")
 list(SORT names)
 set(arrays "")
@@ -29,13 +31,13 @@ foreach(name IN LISTS names)
 endforeach()
 
 set(text "// Generated from ${DIR} by cmake/EmbedFiles.cmake; do not edit.
-#include \"tools/devserver/console_files.hpp\"
+#include \"${HEADER}\"
 
 namespace virela::devserver {
 namespace {
 ${arrays}}  // namespace
 
-std::optional<std::string_view> embeddedConsoleFile(std::string_view name) {
+std::optional<std::string_view> ${FUNCTION}(std::string_view name) {
 ${lookups}    return std::nullopt;
 }
 

@@ -5,21 +5,14 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
-ensure_packages nodejs
-command -v npm >/dev/null 2>&1 || ensure_packages npm
+ensure_protocol_tools
 
-# A lint reaches nothing beyond this machine: no usage reports (Scarf's install-time one
-# included), no update checks.
+# A lint reaches nothing beyond this machine: no usage reports, no update checks.
 export SCARF_ANALYTICS=false
 export REDOCLY_TELEMETRY=off
 export REDOCLY_SUPPRESS_UPDATE_NOTICE=true
 
-# npm ci only when the lock file changed since the last install, or nothing is installed.
 modules=tests/protocol/node_modules
-if [ ! -f "$modules/.package-lock.json" ] ||
-   [ tests/protocol/package-lock.json -nt "$modules/.package-lock.json" ]; then
-    (cd tests/protocol && npm ci --no-audit --no-fund)
-fi
 
 status=0
 "$modules/.bin/redocly" lint --config docs/protocol/redocly.yaml docs/protocol/openapi.yaml ||

@@ -30,3 +30,18 @@ BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libboost1.81-dev nlohmann-json3
 # What the checks add: tests, benchmarks, clang for the fuzzers and the iOS type-check.
 # locales-all gives the tests a locale whose decimal mark is a comma.
 CHECK_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev locales-all)
+
+# Node and the pinned npm packages of tests/protocol, which lint the protocol documents, render
+# them as the local backend's /docs page (at build time, so before configuring) and generate the
+# realtime fuzzer's seeds. npm ci only when the lock file changed since the last install, or
+# nothing is installed. Run from the repository's root.
+ensure_protocol_tools() {
+    ensure_packages nodejs || return 1
+    command -v npm >/dev/null 2>&1 || ensure_packages npm || return 1
+    local modules=tests/protocol/node_modules
+    if [ ! -f "$modules/.package-lock.json" ] ||
+       [ tests/protocol/package-lock.json -nt "$modules/.package-lock.json" ]; then
+        # No usage report at install time (Scarf's).
+        (cd tests/protocol && SCARF_ANALYTICS=false npm ci --no-audit --no-fund)
+    fi
+}

@@ -7,6 +7,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
 ensure_packages "${BUILD_PACKAGES[@]}" "${CHECK_PACKAGES[@]}"
+# Before configuring: the build renders the protocol reference with them.
+ensure_protocol_tools
 
 jobs="$(nproc)"
 cmake -S . -B build/test -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null

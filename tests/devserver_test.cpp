@@ -1609,6 +1609,49 @@ TEST_F(ConsoleTest, TheTokenGuardsThePageItsApiAndWhatDevicesSentAndNothingElse)
     EXPECT_EQ(roundTrip(server.port(), post("/v1/sdk/devices/health", "{}", auth))->status, 200);
 }
 
+// Public documentation: it needs no token even while the console guards its own pages, and it
+// serves nothing but itself.
+TEST_F(ConsoleTest, TheProtocolReferenceIsPublicWholeAndLoadsNothingFromElsewhere) {
+    auto page = getWith("/docs", "");
+    ASSERT_TRUE(page);
+    ASSERT_EQ(page->status, 200);
+    EXPECT_EQ(headerOf(*page, "Content-Type"), "text/html; charset=utf-8");
+    EXPECT_FALSE(headerOf(*page, "Set-Cookie"));
+    const std::string policy = headerOf(*page, "Content-Security-Policy").value_or("");
+    EXPECT_NE(policy.find("default-src 'none'"), std::string::npos) << policy;
+    EXPECT_EQ(policy.find("script-src"), std::string::npos) << policy;
+    EXPECT_EQ(policy.find("unsafe"), std::string::npos) << policy;
+    for (const std::string other :
+         {"/docs/index.html", "/docs/app.js", "/docs/API.md", "/docs/..%2Fconsole", "/docs/x/y"}) {
+        auto reply = getWith(other, "");
+        ASSERT_TRUE(reply) << other;
+        EXPECT_EQ(reply->status, 404) << other;
+    }
+    if (page->body.find("was not built") != std::string::npos) {
+        GTEST_SKIP() << "built without the reference's tools; /docs says how to get them";
+    }
+
+    // Every operation of both documents, with what a client needs to connect.
+    for (const std::string name :
+         {"registerDevice", "identifyUser",     "resetSupportCode", "reportHealth",
+          "promptShown",    "answerCapture",    "uploadCapture",    "answerLive",
+          "uploadFrame",    "confirmIndicator", "answerControl",    "controlFeedback",
+          ">consent<",      ">capture<",        ">expired<",        ">denied<",
+          ">session<",      ">live<",           ">live-note<",      ">guide<",
+          ">control<",      ">control-input<",  ">ping<",           ">state<",
+          ">view<",         "/sdk/socket",      "virela.device.",   "X-Virela-Device"}) {
+        EXPECT_NE(page->body.find(name), std::string::npos) << name;
+    }
+    auto sheet = getWith("/docs/reference.css", "");
+    ASSERT_TRUE(sheet);
+    EXPECT_EQ(sheet->status, 200);
+    EXPECT_EQ(headerOf(*sheet, "Content-Type"), "text/css; charset=utf-8");
+    // Example values may mention addresses; what the page loads may not.
+    const std::regex loads(R"((src|href|action)\s*=\s*["']?\s*(https?:)?//|url\(|@import|<script)",
+                           std::regex::icase);
+    EXPECT_FALSE(std::regex_search(page->body, loads));
+    EXPECT_FALSE(std::regex_search(sheet->body, loads));
+}
 TEST_F(ConsoleTest, TheCookieAloneChangesNothingAndSessionIdsCannotBeGuessed) {
     const std::string cookie =
         "Cookie: virela_console_" + std::to_string(server.port()) + "=" + kToken + "\r\n";

@@ -304,6 +304,29 @@ test('the console lists the demo device, connected, with its user and health', a
   demoDevice = await text('panel-device-id');
 });
 
+test('the header\'s link opens the protocol reference, styled, with nothing loaded from elsewhere', async () => {
+  const origin = new URL(consoleUrl).origin;
+  const [reference] = await Promise.all([page.waitForEvent('popup'), byId('docs-link').click()]);
+  const requests = [];
+  const refused = [];
+  reference.on('request', (r) => requests.push(r.url()));
+  reference.on('console', (m) => { if (m.type() === 'error') refused.push(m.text()); });
+  try {
+    await reference.reload();
+    await reference.waitForLoadState('load');
+    assert.equal(new URL(reference.url()).pathname, '/docs');
+    assert.match(await reference.title(), /protocol reference/i);
+    assert.ok(await reference.locator('#op-registerDevice').isVisible());
+    assert.ok(await reference.locator('#msg-control-input').count());
+    // The style sheet got past the page's policy: the contents stay beside the text.
+    assert.equal(await reference.locator('nav').evaluate((n) => getComputedStyle(n).position), 'sticky');
+    assert.deepEqual(requests.filter((u) => !u.startsWith(`${origin}/docs`)), []);
+    assert.deepEqual(refused, []);
+  } finally {
+    await reference.close();
+  }
+});
+
 test('a page of another local origin cannot act with the console cookie', async () => {
   const origin = new URL(consoleUrl).origin;
   const token = new URL(consoleUrl).searchParams.get('token');

@@ -17,6 +17,7 @@
 #include "tools/devserver/device_registry.hpp"
 #include "tools/devserver/http_server.hpp"
 #include "tools/devserver/live_book.hpp"
+#include "tools/devserver/reference_pages.hpp"
 #include "tools/devserver/router.hpp"
 #include "tools/devserver/sdk_routes.hpp"
 #include "tools/devserver/socket_admission.hpp"
@@ -200,6 +201,7 @@ void Server::start(Options options) {
     addCaptureRoutes(impl_->router, impl_->registry, impl_->captures, impl_->live,
                      {fromSeconds(options.sessionSeconds), baseUrl, report});
     addLiveRoutes(impl_->router, impl_->registry, impl_->live, baseUrl, report);
+    addReferencePages(impl_->router);
     impl_->live.setLeaseTimes(fromSeconds(options.leaseGraceSeconds),
                               fromSeconds(options.leaseSeconds));
     if (!impl_->consoleToken.empty()) {
