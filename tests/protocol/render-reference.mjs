@@ -36,7 +36,9 @@ function inline(text) {
     .join('');
 }
 
-function markdown(text, headingLevel = 4) {
+// With `headings` (a prefix and a list), each heading gets an id from the prefix and is listed,
+// for the contents.
+function markdown(text, headingLevel = 4, headings = null) {
   if (!text) return '';
   const out = [];
   let paragraph = [];
@@ -55,7 +57,9 @@ function markdown(text, headingLevel = 4) {
       flush();
     } else if (heading) {
       flush();
-      out.push(`<h${headingLevel}>${inline(heading[1])}</h${headingLevel}>`);
+      const id = headings ? ` id="${headings.prefix}-${slug(heading[1].toLowerCase())}"` : '';
+      headings?.list.push({ id: `${headings.prefix}-${slug(heading[1].toLowerCase())}`, text: heading[1] });
+      out.push(`<h${headingLevel}${id}>${inline(heading[1])}</h${headingLevel}>`);
     } else if (item) {
       if (paragraph.length) flush();
       list ??= [];
@@ -310,7 +314,8 @@ function renderAsyncApi(doc) {
   const nav = [];
   const body = [];
   body.push(`<section id="socket"><h2>Realtime socket <span class="version">${escape(doc.info.title)} ${escape(doc.info.version)}</span></h2>`);
-  body.push(markdown(doc.info.description));
+  const sections = { prefix: 'socket', list: [] };
+  body.push(markdown(doc.info.description, 4, sections));
 
   body.push('<h3 id="socket-channel">Servers, channel and credential</h3>');
   for (const [name, server] of Object.entries(doc.servers ?? {})) {
@@ -332,6 +337,8 @@ function renderAsyncApi(doc) {
   }
 
   nav.push('<li><a href="#socket">Realtime socket</a><ul>');
+  for (const { id, text } of sections.list) nav.push(`<li><a href="#${id}">${inline(text)}</a></li>`);
+  nav.push('<li><a href="#socket-channel">Servers, channel and credential</a></li>');
   const groups = [
     ['receive', 'Pushed by the backend', 'socket-push'],
     ['send', 'Sent by the device', 'socket-device'],
@@ -403,6 +410,7 @@ h5 { margin: 14px 0 4px; font-size: 13px; text-transform: uppercase; letter-spac
 code { font: 13px ui-monospace, SFMono-Regular, Menlo, monospace; background: var(--code); padding: 0 3px; border-radius: 3px; }
 code.path { font-size: 15px; background: none; }
 pre.example { margin: 4px 0 10px; padding: 8px 12px; background: var(--code); border-radius: 4px; overflow: auto;
+  white-space: pre-wrap; overflow-wrap: anywhere;
   font: 12.5px/1.45 ui-monospace, monospace; }
 .example-name, .media, .schema-type, .constraints { margin: 6px 0 2px; font-size: 13px; color: var(--muted); }
 table.schema { width: 100%; border-collapse: collapse; margin: 6px 0 10px; font-size: 13.5px; }
