@@ -572,6 +572,7 @@ int main(int argc, char** argv) {
     }
     say("virela-devserver listening on " + server.url());
     if (options.consoleToken) say("console: " + server.consoleUrl());
+    say("protocol reference: " + server.url() + "/docs");
 
     // Commands from stdin until a signal; a closed stdin just leaves the signal to wait for.
     Console console;
