@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds everything and runs every check: unit and integration tests (plainly and under the
 # address and undefined-behaviour sanitizers), the console's tests in a real browser, the lint of
-# the protocol documents, a short fuzzing run, a short benchmark run, and the iOS type-check
-# (skipped, with a message, when VIRELA_IOS_SDK is not set).
+# the protocol documents, the API reference (which fails on an undocumented public name), a short
+# fuzzing run, a short benchmark run, and the iOS type-check (skipped, with a message, when
+# VIRELA_IOS_SDK is not set).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -17,6 +18,9 @@ build/test/bench/virela_bench --benchmark_min_time=0.01 >/dev/null
 
 echo "== iOS type-check"
 scripts/check-ios.sh
+
+echo "== the API reference, with every public name documented"
+scripts/api-reference.sh
 
 echo "== tests"
 ctest --test-dir build/test --output-on-failure -j"$jobs"
