@@ -1,3 +1,6 @@
+/// @file
+/// The library's own errors: their domain, their userInfo keys, and VIRError to read them.
+
 #import <Foundation/Foundation.h>
 
 #import <VirelaAgentObjC/VIRDefines.h>
