@@ -2,10 +2,11 @@
 # Type-checks the iOS binding for arm64-apple-ios15.0 against an iOS SDK's headers: every .mm and
 # .cpp of the Objective-C++ target, the core's .cpp files, and every public header on its own and
 # through the umbrella header as a plain Objective-C client (and a Clang module, as Swift's
-# importer builds it) sees them. Nothing is built or linked: we cannot build for iOS on Linux,
-# but clang can tell us whether the code compiles there. Swift is NOT compiled here: there is no
-# Swift toolchain for iOS on this machine, so the files under platform/ios/swift and
-# platform/ios/tests/swift are checked by reading them.
+# importer builds it) sees them, and the Objective-C examples of docs/guide.md. Nothing is built
+# or linked: we cannot build for iOS on Linux, but clang can tell us whether the code compiles
+# there. Swift is NOT compiled here: there is no Swift toolchain for iOS on this machine, so the
+# files under platform/ios/swift and platform/ios/tests/swift (and the guide's Swift examples)
+# are checked by reading them.
 #
 #   VIRELA_IOS_SDK=/path/to/iPhoneOS16.5.sdk scripts/check-ios.sh
 #
@@ -160,6 +161,16 @@ report "${status}" "platform/ios/objc/include/${umbrella} (as the module VirelaA
 while IFS= read -r -d '' file; do
     check c++ "${file}"
 done < <(find "${objc}/src" "${root}/core" -name '*.cpp' -print0 | sort -z)
+
+# The guide's Objective-C examples, each a complete file, as an app's Objective-C sees them.
+guide_objc="${scratch}/guide-objc"
+"${root}/tests/guide/extract-snippets.sh" objc m "${root}/docs/guide.md" "${guide_objc}" >/dev/null
+while IFS= read -r -d '' file; do
+    status=0
+    "${cxx}" -x objective-c "${target[@]}" -fobjc-arc -fsyntax-only -I"${public}" -Wall -Wextra \
+        -Werror "${file}" || status=$?
+    report "${status}" "docs/guide.md, Objective-C example $(basename "${file}" .m)"
+done < <(find "${guide_objc}" -name '*.m' -print0 | sort -z)
 
 echo "ios check: ${checked} checked, ${failed} failed"
 [[ ${failed} -eq 0 ]]

@@ -27,9 +27,10 @@ ensure_packages() {
 # What the library, the local backend and the demo need to build.
 BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libboost1.81-dev nlohmann-json3-dev libssl-dev
                 libpng-dev libjpeg62-turbo-dev ca-certificates)
-# What the checks add: tests, benchmarks, clang for the fuzzers and the iOS type-check.
-# locales-all gives the tests a locale whose decimal mark is a comma.
-CHECK_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev locales-all)
+# What the checks add: tests, benchmarks, clang for the fuzzers and the iOS type-check, Doxygen
+# for the API reference. locales-all gives the tests a locale whose decimal mark is a comma.
+CHECK_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev locales-all
+                doxygen)
 
 # Node and the pinned npm packages of tests/protocol, which lint the protocol documents, render
 # them as the local backend's /docs page (at build time, so before configuring) and generate the

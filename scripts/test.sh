@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds everything and runs every check: unit and integration tests (plainly and under the
 # address and undefined-behaviour sanitizers), the console's tests in a real browser, the lint of
-# the protocol documents, a short fuzzing run, a short benchmark run, and the iOS type-check
-# (skipped, with a message, when VIRELA_IOS_SDK is not set).
+# the protocol documents, the API reference (which fails on an undocumented public name), the
+# guide's C++ examples against the installed package, a short fuzzing run, a short benchmark
+# run, and the iOS type-check (skipped, with a message, when VIRELA_IOS_SDK is not set).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -19,6 +20,9 @@ build/test/bench/virela_bench --benchmark_min_time=0.01 >/dev/null
 
 echo "== iOS type-check"
 scripts/check-ios.sh
+
+echo "== the API reference, with every public name documented"
+scripts/api-reference.sh
 
 echo "== tests"
 ctest --test-dir build/test --output-on-failure -j"$jobs"
@@ -38,6 +42,9 @@ cmake -S tests/consumer -B build/test/consumer -G Ninja -DCMAKE_BUILD_TYPE=RelWi
       -DCMAKE_PREFIX_PATH="$PWD/build/test/install" >/dev/null
 cmake --build build/test/consumer >/dev/null
 build/test/consumer/virela-consumer build/test/consumer/state
+
+echo "== the guide's C++ examples, built against the installed package and run"
+tests/guide/check-snippets.sh build/test/install build/test/guide
 
 echo "== fuzzing the realtime dispatcher (a fixed, short run; see README for a longer one)"
 CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVIRELA_FUZZ=ON \

@@ -48,6 +48,7 @@ void usage(std::ostream& out) {
            "  capture DEVICE REQ   tell the device to capture for request REQ\n"
            "  expire DEVICE        tell the device its prompt expired\n"
            "  deny DEVICE          tell the device the request was withdrawn\n"
+           "  endcall DEVICE       end the call, and with it every screenshot allowance\n"
            "  captures             list the screenshot requests and their state\n"
            "  live DEVICE [SESSION] ask to watch the device live\n"
            "  activate DEVICE SESSION [GEN]\n"

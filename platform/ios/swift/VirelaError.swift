@@ -1,15 +1,16 @@
 import Foundation
 @_exported import VirelaAgentObjC
 
-/// A failed backend request: the one error type the library itself produces. `configure` throws
-/// it and `onError` receives it; other failures arrive as the platform's errors (a URLError for
-/// the network, a CocoaError for a reply that cannot be decoded).
+/// A failed backend request, or a capture that could not be made: the one error type the library
+/// itself produces. `configure` throws it and `onError` receives it; other failures arrive as the
+/// platform's errors (a URLError for the network, a CocoaError for a reply that cannot be decoded).
 public struct VirelaError: Error, Hashable, Sendable {
     /// The HTTP status of the failed request; 0 when there was no HTTP response.
     public let status: Int
-    /// The backend's machine code, "unknown" when it gave none, "no_response" without a response.
+    /// The backend's machine code, "unknown" when it gave none, "no_response" without a response;
+    /// "no_window" or "encode_failed" for a capture that could not be made.
     public let code: String
-    /// The backend's message, or "Request failed." / "No HTTP response.".
+    /// The backend's message, or "Request failed." / "No HTTP response.", or the capture's.
     public let message: String
 
     init(status: Int, code: String, message: String) {

@@ -11,8 +11,10 @@ NS_ASSUME_NONNULL_BEGIN
 /// until it is registered again. Swift uses `VirelaCallbacks`.
 VIR_EXPORT NS_REFINED_FOR_SWIFT @interface VIRCallbacks : NSObject
 
+/// A set with no callbacks; set the properties to add some.
 - (instancetype)init NS_DESIGNATED_INITIALIZER;
 // clang-format off (a Swift name cannot be wrapped)
+/// A set with the given callbacks; each may be nil.
 - (instancetype)initWithOnRequestShown:(nullable void (^)(void))onRequestShown
                              onAllowed:(nullable void (^)(VIRCaptureResult* result))onAllowed
                               onDenied:(nullable void (^)(void))onDenied

@@ -1,3 +1,6 @@
+/// @file
+/// How the backend has the customer asked for captures, with the backend's raw values.
+
 #import <Foundation/Foundation.h>
 
 #import <VirelaAgentObjC/VIRDefines.h>

@@ -1,4 +1,5 @@
-// Macros the public headers share. Pure Objective-C: no C++ appears in a public header.
+/// @file
+/// Macros the public headers share. Pure Objective-C: no C++ appears in a public header.
 
 #import <Foundation/Foundation.h>
 

@@ -13,8 +13,10 @@ VIR_EXPORT VIR_SENDABLE NS_REFINED_FOR_SWIFT @interface VIREnvironment : NSObjec
 /// Any base URL (staging, tests). Request paths are resolved against it, so a path component
 /// of `url` is replaced by the library's absolute paths.
 + (instancetype)customWithURL:(NSURL*)url NS_SWIFT_NAME(custom(_:));
+/// @cond unavailable
 - (instancetype)init NS_UNAVAILABLE;
 + (instancetype)new NS_UNAVAILABLE;
+/// @endcond
 
 /// YES for the production service.
 @property(nonatomic, readonly, getter=isLive) BOOL live;

@@ -9,14 +9,20 @@ NS_ASSUME_NONNULL_BEGIN
 /// `VirelaRedaction`.
 VIR_EXPORT VIR_SENDABLE NS_REFINED_FOR_SWIFT @interface VIRRedaction : NSObject
 
+/// A style painting `color` with `label` centred on it in `labelColor`.
 - (instancetype)initWithColor:(UIColor*)color
                         label:(NSString*)label
                    labelColor:(UIColor*)labelColor NS_DESIGNATED_INITIALIZER;
+/// @cond unavailable
 - (instancetype)init NS_UNAVAILABLE;
 + (instancetype)new NS_UNAVAILABLE;
+/// @endcond
 
+/// The fill.
 @property(nonatomic, readonly) UIColor* color;
+/// The text drawn on the fill.
 @property(nonatomic, copy, readonly) NSString* label;
+/// The colour of that text.
 @property(nonatomic, readonly) UIColor* labelColor;
 
 @end

@@ -14,12 +14,15 @@ NS_SWIFT_NAME(ThemedLayerView)
 
 /// `apply` receives the view, so it need not capture it (which would keep the view alive).
 - (instancetype)initWithApply:(void (^)(VIRThemedLayerView* view))apply NS_DESIGNATED_INITIALIZER;
-- (instancetype)initWithFrame:(CGRect)frame NS_UNAVAILABLE;
 /// Made in code only: decoding one from a storyboard or nib stops the process.
 - (nullable instancetype)initWithCoder:(NSCoder*)coder NS_UNAVAILABLE;
+/// @cond unavailable
+- (instancetype)initWithFrame:(CGRect)frame NS_UNAVAILABLE;
 - (instancetype)init NS_UNAVAILABLE;
 + (instancetype)new NS_UNAVAILABLE;
+/// @endcond
 
+/// The action given at creation, run on each change of appearance.
 @property(nonatomic, copy, readonly) void (^apply)(VIRThemedLayerView* view);
 
 @end

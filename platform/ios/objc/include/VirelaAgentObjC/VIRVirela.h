@@ -13,8 +13,10 @@ NS_ASSUME_NONNULL_BEGIN
 /// runs. A nil where an object is required is logged and the call does nothing.
 VIR_EXPORT NS_REFINED_FOR_SWIFT @interface VIRVirela : NSObject
 
+/// @cond unavailable
 - (instancetype)init NS_UNAVAILABLE;
 + (instancetype)new NS_UNAVAILABLE;
+/// @endcond
 
 /// Registers the device and opens the realtime channel; starts over when called again.
 ///
@@ -34,7 +36,7 @@ VIR_EXPORT NS_REFINED_FOR_SWIFT @interface VIRVirela : NSObject
 /// Replaces the whole set of callbacks; there is one set per process.
 + (void)registerCallbacks:(VIRCallbacks*)callbacks NS_SWIFT_NAME(on(_:));
 
-/// Replaces the default redaction style (#E23B37 with "REDACTED" in white). It applies to views
+/// Replaces the default redaction style (`#E23B37` with "REDACTED" in white). It applies to views
 /// marked from now on, including views marked again; views marked earlier keep the style they
 /// were given. A colour without RGB components (a pattern image) leaves that colour of the
 /// current style in place.

@@ -1,6 +1,7 @@
-// VirelaAgent for Objective-C: `@import VirelaAgentObjC;` or
-// `#import <VirelaAgentObjC/VirelaAgentObjC.h>`. Swift code imports VirelaAgent, which
-// re-exports this module under Swift's own names.
+/// @file
+/// VirelaAgent for Objective-C: `@import VirelaAgentObjC;` or
+/// `#import <VirelaAgentObjC/VirelaAgentObjC.h>`. Swift code imports VirelaAgent, which
+/// re-exports this module under Swift's own names.
 
 #import <VirelaAgentObjC/UIView+VirelaRedaction.h>
 #import <VirelaAgentObjC/VIRCallbacks.h>
