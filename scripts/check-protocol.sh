@@ -2,7 +2,8 @@
 # Lints the protocol documents in docs/protocol: openapi.yaml with Redocly CLI (its recommended
 # rules, as docs/protocol/redocly.yaml adjusts them) and asyncapi.yaml with the AsyncAPI parser,
 # tests the reference page rendered from both, and checks that the realtime fuzzer's seeds are
-# still the ones asyncapi.yaml gives. Fails on any error. Installs Node and the pinned npm packages when missing.
+# still the ones asyncapi.yaml gives. Fails on any error. Installs Node and the pinned npm packages
+# when missing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
