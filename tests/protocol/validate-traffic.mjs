@@ -125,7 +125,12 @@ const errorsOf = (validate) => validate.errors.map((e) => `${e.instancePath || '
   (e.params?.additionalProperty ? ` (${e.params.additionalProperty})` : '')).join('; ');
 
 async function files(input) {
-  if ((await stat(input)).isDirectory()) {
+  const found = await stat(input).catch(() => null);
+  if (!found) {
+    console.error(`validate-traffic: no such file or folder: ${input}`);
+    process.exit(2);
+  }
+  if (found.isDirectory()) {
     return (await readdir(input)).filter((f) => f.endsWith('.jsonl')).sort()
       .map((f) => path.join(input, f));
   }
@@ -271,6 +276,27 @@ function checkUpgrade(where, line, tokens) {
   }
 }
 
+function checkRecord(where, line, tokens, connections) {
+  if (line.t === 'skipped') return count(skipped, `${line.scope} ${line.method}`);
+  if (line.t === 'http') return checkHttp(where, line, tokens);
+  if (line.t === 'upgrade') return checkUpgrade(where, line, tokens);
+  if (line.t !== 'ws') return failures.push(`${where}: unknown record ${line.t}`);
+  const conn = connections.get(line.conn) ?? { backendEnded: false };
+  connections.set(line.conn, conn);
+  if (line.event === 'text' || line.event === 'binary') return checkFrame(where, line);
+  if (line.event === 'close' || line.event === 'drop') { conn.backendEnded = true; return; }
+  if (line.event === 'closed') {
+    // Without a close frame (1006) a connection simply ended; after the backend's own close or
+    // cut any code is the device's echo. Otherwise the device closed it.
+    count(closes, line.code);
+    if (line.code !== 1006 && !conn.backendEnded && !deviceCloseCodes.includes(line.code)) {
+      failures.push(`${where}: the device closed its socket with ${line.code}`);
+    }
+    return;
+  }
+  if (line.event !== 'open') failures.push(`${where}: unknown socket event ${line.event}`);
+}
+
 for (const input of args.inputs) {
   for (const file of await files(input)) {
     // Tokens are per backend, and each backend has a file of its own.
@@ -283,22 +309,12 @@ for (const input of args.inputs) {
       let line;
       try { line = JSON.parse(text); } catch { failures.push(`${where}: not a JSON line`); continue; }
       checked += 1;
-      if (line.t === 'skipped') { count(skipped, `${line.scope} ${line.method}`); continue; }
-      if (line.t === 'http') { checkHttp(where, line, tokens); continue; }
-      if (line.t === 'upgrade') { checkUpgrade(where, line, tokens); continue; }
-      if (line.t !== 'ws') { failures.push(`${where}: unknown record ${line.t}`); continue; }
-      const conn = connections.get(line.conn) ?? { backendEnded: false };
-      connections.set(line.conn, conn);
-      if (line.event === 'text' || line.event === 'binary') checkFrame(where, line);
-      else if (line.event === 'close' || line.event === 'drop') conn.backendEnded = true;
-      else if (line.event === 'closed') {
-        // Without a close frame (1006) a connection simply ended; after the backend's own close
-        // or cut any code is the device's echo. Otherwise the device closed it.
-        count(closes, line.code);
-        if (line.code !== 1006 && !conn.backendEnded && !deviceCloseCodes.includes(line.code)) {
-          failures.push(`${where}: the device closed its socket with ${line.code}`);
-        }
-      } else if (line.event !== 'open') failures.push(`${where}: unknown socket event ${line.event}`);
+      try {
+        checkRecord(where, line, tokens, connections);
+      } catch (e) {
+        // A record missing what its kind carries: the recorder and this checker disagree.
+        failures.push(`${where}: malformed ${line?.t ?? ''} record (${e.message})`);
+      }
     }
   }
 }
