@@ -223,7 +223,7 @@ function checkHttp(where, line, tokens) {
 }
 
 // The value that tells the variants of one message apart, for the coverage table.
-const variantOf = (id, value) => {
+const variantOf = (value) => {
   const p = value?.payload ?? value;
   return (typeof p === 'object' && p !== null && (p.state ?? p.kind ?? p.action)) || null;
 };
@@ -253,7 +253,7 @@ function checkFrame(where, line) {
   if (accepted.length > 1) fail(`ambiguous: ${accepted.map((m) => m.id).join(', ')}`);
   const message = accepted[0];
   message.seen += 1;
-  count(message.variants, variantOf(message.id, value) ?? '-');
+  count(message.variants, variantOf(value) ?? '-');
 }
 
 function checkUpgrade(where, line, tokens) {
