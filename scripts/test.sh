@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Builds everything and runs every check: unit and integration tests (plainly and under the
 # address and undefined-behaviour sanitizers), the console's tests in a real browser, the lint of
-# the protocol documents, the API reference (which fails on an undocumented public name), the
-# guide's C++ examples against the installed package, a short fuzzing run, a short benchmark
-# run, and the iOS type-check (skipped, with a message, when VIRELA_IOS_SDK is not set).
+# the protocol documents and the check of real traffic against them, the API reference (which
+# fails on an undocumented public name), the guide's C++ examples against the installed package,
+# a short fuzzing run, a short benchmark run, and the iOS type-check (skipped, with a message,
+# when VIRELA_IOS_SDK is not set).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -32,6 +33,9 @@ VIRELA_DEMO=build/test/apps/demo/virela-demo scripts/browser-test.sh
 
 echo "== the protocol documents, linted"
 scripts/check-protocol.sh
+
+echo "== the protocol documents, held to the traffic of the integration tests and the demo"
+scripts/check-traffic.sh
 
 echo "== the installed package, used by a program outside the tree"
 # Install what was just built, then build one small program against it with find_package and

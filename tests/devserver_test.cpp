@@ -12,6 +12,8 @@
 #include <condition_variable>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <latch>
 #include <memory>
 #include <mutex>
@@ -441,6 +443,7 @@ class SocketTest : public DevServerTest {
         Options options;
         options.port = port;
         options.consoleToken = consoleToken;
+        options.trafficLog = trafficLog;
         options.leaseGraceSeconds = leaseSeconds.first;
         options.leaseSeconds = leaseSeconds.second;
         options.onSocketEvent = [this](const SocketEvent& event) {
@@ -470,6 +473,7 @@ class SocketTest : public DevServerTest {
     }
 
     std::optional<std::string> consoleToken;
+    std::string trafficLog;
     // The grace for a lease's first confirmation and the time each confirmation holds.
     std::pair<double, double> leaseSeconds{5, 15};
 
@@ -996,6 +1000,85 @@ TEST_F(ScreenshotTest, UploadsWithoutAWholeFormAndAPngFilePartAreRefused) {
 }
 
 // A device with its socket open, watched live.
+// The traffic log, as the check of docs/protocol reads it: device routes and the socket as they
+// went, a multipart body as its framing whatever its shape, everything else named skipped.
+class TrafficTest : public ScreenshotTest {
+  protected:
+    TrafficTest() {
+        consoleToken = kConsole;
+        trafficLog = (std::filesystem::temp_directory_path() /
+                      ("virela-traffic-" + std::to_string(::getpid()) + ".jsonl"))
+                         .string();
+        std::filesystem::remove(trafficLog);
+    }
+    ~TrafficTest() override { std::filesystem::remove(trafficLog); }
+
+    std::vector<json> lines() const {
+        std::ifstream in(trafficLog);
+        std::vector<json> parsed;
+        for (std::string line; std::getline(in, line);) parsed.push_back(json::parse(line));
+        return parsed;
+    }
+    static json find(const std::vector<json>& lines, const json& like) {
+        for (const json& line : lines) {
+            if (std::all_of(like.items().begin(), like.items().end(), [&](const auto& item) {
+                    return line.value(item.key(), json()) == item.value();
+                })) {
+                return line;
+            }
+        }
+        return json();
+    }
+
+    static constexpr const char* kConsole = "0123456789abcdef0123456789abcdef";
+};
+
+TEST_F(TrafficTest, DeviceRoutesAndTheSocketAreRecordedAsTheyWentAndTheRestIsSkipped) {
+    // Bytes before the first part, two parts, no final delimiter.
+    ASSERT_TRUE(upload("r1", "multipart/form-data; boundary=b1",
+                       "junk\r\n" + filePart("b1", "file", kPng) + filePart("b1", "more", "x")));
+    ASSERT_TRUE(roundTrip(server.port(), "GET /console/api/state?token=" + std::string(kConsole) +
+                                             " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
+    ASSERT_TRUE(roundTrip(server.port(), "GET /assets/logo.png HTTP/1.1\r\nHost: x\r\n\r\n"));
+    ASSERT_TRUE(server.pushText(deviceId, "{not json"));
+    ASSERT_TRUE(server.askScreenshot(deviceId));
+    socket->sendFrame(1, "ping");
+    ASSERT_TRUE(server.waitForFrames(deviceId, 1, 5s));
+    server.stop();
+
+    const auto all = lines();
+    const json registration = find(all, {{"t", "http"}, {"path", "/v1/sdk/devices"}});
+    EXPECT_EQ(registration["headers"], (json{{"x-virela-key", {"vk_demo_local"}}}));
+    EXPECT_EQ(json::parse(registration["reply"]["body"].get<std::string>())["deviceToken"], token);
+
+    const json form = find(all, {{"t", "http"}, {"path", "/v1/sdk/captures/r1/upload"}});
+    EXPECT_EQ(form["status"], 400);
+    EXPECT_EQ(form["headers"]["x-virela-device"], json{token});
+    const json& framing = form["multipart"];
+    EXPECT_EQ(framing["preamble"], "junk\r\n");
+    EXPECT_EQ(framing["closed"], false);
+    ASSERT_EQ(framing["parts"].size(), 2u);
+    EXPECT_EQ(framing["parts"][0]["head"],
+              "Content-Disposition: form-data; name=\"file\"; filename=\"capture.png\"\r\n"
+              "Content-Type: image/png");
+    EXPECT_EQ(framing["parts"][0]["size"], kPng.size());
+    EXPECT_EQ(framing["parts"][0]["magic"], "89504e470d0a1a0a");
+    EXPECT_FALSE(form.contains("body"));
+
+    // The console's token stays out of the log: skipped requests are named by path alone.
+    EXPECT_EQ(find(all, {{"t", "skipped"}, {"scope", "console"}})["path"], "/console/api/state");
+    EXPECT_EQ(find(all, {{"t", "skipped"}, {"scope", "other"}})["path"], "/assets/logo.png");
+
+    const json opened = find(all, {{"t", "upgrade"}});
+    EXPECT_EQ(opened["protocols"], json{"virela.device." + token});
+    EXPECT_EQ(opened["status"], 101);
+    EXPECT_EQ(opened["chosen"], "virela.device." + token);
+    EXPECT_EQ(find(all, {{"t", "ws"}, {"dir", "out"}, {"data", "{not json"}})["crafted"], true);
+    EXPECT_FALSE(find(all, {{"t", "ws"}, {"dir", "out"}, {"crafted", json()}}).is_null());
+    EXPECT_FALSE(find(all, {{"t", "ws"}, {"dir", "in"}, {"data", "ping"}}).is_null());
+    EXPECT_EQ(find(all, {{"t", "ws"}, {"event", "closed"}})["code"], 1006);
+}
+
 class LiveTest : public ScreenshotTest {
   protected:
     std::optional<RawReply> postLive(const std::string& sessionId, const std::string& what,

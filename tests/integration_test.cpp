@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <mutex>
@@ -28,6 +29,18 @@ namespace {
 
 using nlohmann::json;
 
+// With VIRELA_TRAFFIC_DIR set, every backend a test starts records the device traffic to a file of
+// its own there (the process id keeps parallel runs apart), for
+// tests/protocol/validate-traffic.mjs.
+std::string trafficFile() {
+    const char* dir = std::getenv("VIRELA_TRAFFIC_DIR");
+    if (dir == nullptr || *dir == '\0') return {};
+    static std::atomic<int> backends{0};
+    return (std::filesystem::path(dir) / ("integration-" + std::to_string(::getpid()) + "-" +
+                                          std::to_string(++backends) + ".jsonl"))
+        .string();
+}
+
 std::filesystem::path freshStateDir() {
     auto dir = std::filesystem::temp_directory_path() /
                ("virela-it-" + std::to_string(::getpid()) + "-" +
@@ -44,7 +57,9 @@ class Integration : public ::testing::Test {
         options.stateDirectory = stateDir;
         adjust(options);
         runtime = std::make_unique<headless::Runtime>(options);
-        backend.start(backendOptions());
+        devserver::Options served = backendOptions();
+        served.trafficLog = traffic;
+        backend.start(served);
         base = *Url::parse(serverUrl());
         client = runtime->runOnMain([&] { return VirelaClient::create(runtime->platform()); });
     }
@@ -90,6 +105,7 @@ class Integration : public ::testing::Test {
         }
     }
 
+    const std::string traffic = trafficFile();
     std::filesystem::path stateDir;
     std::unique_ptr<headless::Runtime> runtime;
     devserver::Server backend;
@@ -133,16 +149,18 @@ TEST_F(Integration, ConfigureRegistersOverHttpWithTheKeyThenUsesTheToken) {
 
 TEST_F(Integration, ErrorModelOverRealHttp) {
     ASSERT_EQ(configure(), nullptr);
-    backend.queueReply("/v1/sdk/x", {204, "", ""});
-    auto empty = post("/v1/sdk/x");
+    // Any route will do; the reset takes the empty body that post() sends.
+    const std::string route = "/v1/sdk/devices/reset";
+    backend.queueReply(route, {204, "", ""});
+    auto empty = post(route);
     ASSERT_TRUE(empty);
     EXPECT_EQ(empty.body, "");
 
-    backend.queueReply("/v1/sdk/x", {500, R"({"message":"x"})"});
-    EXPECT_EQ(virelaError(post("/v1/sdk/x").error), VirelaError(500, "unknown", "x"));
+    backend.queueReply(route, {500, R"({"message":"x"})"});
+    EXPECT_EQ(virelaError(post(route).error), VirelaError(500, "unknown", "x"));
 
-    backend.queueReply("/v1/sdk/x", {401, "<html><body>Unauthorized</body></html>", "text/html"});
-    EXPECT_EQ(virelaError(post("/v1/sdk/x").error), VirelaError(401, "unknown", "Request failed."));
+    backend.queueReply(route, {401, "<html><body>Unauthorized</body></html>", "text/html"});
+    EXPECT_EQ(virelaError(post(route).error), VirelaError(401, "unknown", "Request failed."));
 
     auto rejected = virelaError(configure("not-a-key"));
     EXPECT_EQ(rejected.status(), 401);
@@ -364,6 +382,7 @@ TEST_F(Channel, ComesBackAfterADroppedConnectionAndABackendRestart) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // a retry or two fails
     devserver::Options options;
     options.port = port;
+    options.trafficLog = traffic;
     backend.start(options);
     ASSERT_TRUE(backend.waitForConnection(deviceId, std::chrono::seconds(10), 3));
     backend.pushText(deviceId, R"({"type":"denied","payload":{}})");
@@ -676,6 +695,121 @@ TEST_F(Integration, RemoteControlActsOnlyUnderTheLeaseAndNeverOnASecureField) {
     EXPECT_FALSE(switchOn());  // still as the last granted tap left it
     std::lock_guard lock(mutex);
     EXPECT_EQ(remote, (std::vector<bool>{true, false}));
+}
+
+// The heartbeat runs on the client's clock: a manual one shows it without waiting 25 seconds.
+TEST_F(Integration, TheHeartbeatReachesTheBackendAsPlainText) {
+    using namespace std::chrono_literals;
+    auto clock = std::make_shared<ManualClock>();
+    runtime->runOnMain(
+        [&] { client = VirelaClient::create(runtime->platform(), {.clock = clock}); });
+    ASSERT_EQ(configure(), nullptr);
+    const auto deviceId = runtime->runOnMain([&] { return client->registration()->deviceId; });
+    ASSERT_TRUE(backend.waitForConnection(deviceId, 5s));
+    runtime->runOnMain([&] { clock->advance(24.9); });
+    runtime->runOnMain([&] { clock->advance(0.1); });
+    ASSERT_TRUE(backend.waitForFrames(deviceId, 1, 5s));
+    EXPECT_EQ(backend.framesFrom(deviceId), std::vector<std::string>{"ping"});
+}
+
+// What the other tests leave out: an expired prompt, the rarer guides, notes and inputs, and a
+// backend that refuses frames or no longer knows the session while the device still shares it.
+TEST_F(Integration, RefusalsAndTheRarerPushesOfAScreenshotAndALiveSession) {
+    using namespace std::chrono_literals;
+    std::mutex mutex;
+    std::vector<std::string> heard;
+    const auto hear = [&](std::string what) {
+        std::lock_guard lock(mutex);
+        heard.push_back(std::move(what));
+    };
+    const auto heardSoFar = [&] {
+        std::lock_guard lock(mutex);
+        return heard;
+    };
+    runtime->runOnMain([&] {
+        auto window = headless::makeAppWindow(*runtime->host(), {390, 844});
+        headless::add(*window, headless::textField({16, 100, 358, 44}, ""));
+        client->setCallbacks(
+            {.onExpired = [&] { hear("expired"); },
+             .onError = [&](const VirelaErrorValue& e) { hear("error: " + describe(e)); },
+             .onRemoteControl = [&](bool active) { hear(active ? "control" : "no control"); },
+             .onLiveEnded = [&](const LiveSession& s) { hear("ended " + s.sessionId); }});
+    });
+    ASSERT_EQ(configure(), nullptr);
+    const auto deviceId = runtime->runOnMain([&] { return client->registration()->deviceId; });
+    ASSERT_TRUE(backend.waitForConnection(deviceId, 5s));
+    const auto& prompts = runtime->prompts();
+
+    // The prompt expires at the backend's word.
+    ASSERT_TRUE(backend.askScreenshot(deviceId));
+    ASSERT_TRUE(eventually(*runtime, [&] { return prompts->sheet().has_value(); }));
+    ASSERT_TRUE(backend.sendExpired(deviceId));
+    ASSERT_TRUE(eventually(*runtime, [&] { return !prompts->sheet().has_value(); }));
+    ASSERT_TRUE(eventually(*runtime, [&] { return heardSoFar().size() == 1; }));
+    EXPECT_EQ(heardSoFar(), std::vector<std::string>{"expired"});
+
+    // A live session the backend starts, with a fill and a label it then takes back.
+    const std::string id = "s-more";
+    ASSERT_TRUE(backend.activateLive(deviceId, id, "g1"));
+    ASSERT_TRUE(backend.waitForLiveFrames(id, 1, 5s));
+    devserver::Guide fill;
+    fill.kind = "fill";
+    fill.color = "#00AA00";
+    ASSERT_TRUE(backend.sendGuide(deviceId, id, fill));
+    devserver::Guide laser;
+    laser.x = laser.y = 0.5;
+    ASSERT_TRUE(backend.sendGuide(deviceId, id, laser));
+    ASSERT_TRUE(eventually(*runtime, [&] {
+        auto state = runtime->overlay()->state();
+        return state && state->marks.size() == 1 && state->laser;
+    }));
+    laser.kind = "laser-off";
+    ASSERT_TRUE(backend.sendGuide(deviceId, id, laser));
+    ASSERT_TRUE(eventually(*runtime, [&] { return !runtime->overlay()->state()->laser; }));
+    devserver::LiveNote stopped;
+    stopped.kind = "recordingStopped";
+    ASSERT_TRUE(backend.sendLiveNote(deviceId, id, stopped));
+
+    // Control granted, a key pressed, then ended by the backend.
+    ASSERT_TRUE(backend.requestControl(deviceId, id));
+    ASSERT_TRUE(eventually(*runtime, [&] { return prompts->sheet().has_value(); }));
+    ASSERT_TRUE(runtime->runOnMain([&] { return prompts->press("Allow control"); }));
+    ASSERT_TRUE(backend.waitForControlAnswer(id, 5s));
+    const std::size_t confirmed = backend.liveSession(id)->indicators.size();
+    ASSERT_TRUE(backend.grantControl(deviceId, id, "c1"));
+    ASSERT_TRUE(backend.waitForIndicator(id, confirmed + 1, 5s));
+    ASSERT_TRUE(backend.sendInput(deviceId, id, devserver::ControlInput::pressKey("enter")));
+    ASSERT_TRUE(backend.endControl(deviceId, id));
+    ASSERT_TRUE(eventually(*runtime, [&] { return heardSoFar().back() == "no control"; }));
+
+    // The sharing lease is refused: frames are dropped by the backend, the device shares on.
+    backend.refuseIndicator("sharing");
+    ASSERT_TRUE(backend.activateLive(deviceId, id, "g2"));
+    ASSERT_TRUE(backend.waitForIndicator(id, confirmed + 2, 5s));
+    const std::string framePath = "/v1/sdk/live/" + id + "/frame";
+    const std::size_t kept = backend.liveSession(id)->frames;
+    const std::size_t sent = backend.requests(framePath).size();
+    for (int i = 0; i < 500 && backend.requests(framePath).size() < sent + 2; ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(backend.liveSession(id)->frames, kept);
+    EXPECT_TRUE(runtime->runOnMain([&] { return runtime->overlay()->state().has_value(); }));
+    backend.refuseIndicator("sharing", false);
+
+    // The backend ends the session while the device cannot hear it: the next frame's 410 ends
+    // sharing on the device.
+    backend.refuseConnections(10s);
+    backend.dropConnection(deviceId);
+    EXPECT_FALSE(backend.endLive(deviceId, id));  // no socket to hear it
+    ASSERT_TRUE(eventually(*runtime, [&] { return heardSoFar().back() == "ended " + id; }));
+    backend.refuseConnections(0ms);
+
+    // Once back, a session the backend ends with a push.
+    ASSERT_TRUE(backend.waitForConnection(deviceId, 10s, 2));
+    ASSERT_TRUE(backend.activateLive(deviceId, "s-last", "g1"));
+    ASSERT_TRUE(backend.waitForLiveFrames("s-last", 1, 5s));
+    ASSERT_TRUE(backend.endLive(deviceId, "s-last"));
+    ASSERT_TRUE(eventually(*runtime, [&] { return heardSoFar().back() == "ended s-last"; }));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <optional>
@@ -140,11 +141,17 @@ int main(int argc, char** argv) {
         virela::devserver::Options backendOptions;
         // A short allowed call, so that the banner's countdown visibly moves.
         backendOptions.sessionSeconds = 62;
+        backendOptions.trafficLog = options->traffic.value_or("");
         if (options->console) {
             backendOptions.consoleToken = virela::devserver::freshConsoleToken();
             backendOptions.consoleDirectory = options->consoleDir.value_or("");
         }
-        backend.start(backendOptions);
+        try {
+            backend.start(backendOptions);
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "virela-demo: %s\n", e.what());
+            return 1;
+        }
         baseUrl = backend.url();
         say("local backend listening on " + baseUrl);
         if (options->console) say("console: " + backend.consoleUrl());

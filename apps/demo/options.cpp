@@ -11,6 +11,7 @@ void printUsage(std::FILE* out) {
         "usage: virela-demo [--base-url URL] [--key KEY] [--state-dir DIR] [--stay SECONDS]\n"
         "                   [--out DIR] [--consent allow|deny|ask] [--console [--console-dir "
         "DIR]]\n"
+        "                   [--traffic FILE]\n"
         "\n"
         "Without --base-url the demo starts the local backend on 127.0.0.1, plays the agent's\n"
         "side of a short session against it and stops. With --console it starts the local\n"
@@ -26,7 +27,9 @@ void printUsage(std::FILE* out) {
         "  --consent ANSWER  how the customer answers consent sheets: allow (default), deny, or\n"
         "                    ask (the sheet is printed and you answer at the terminal)\n"
         "  --console         play the agent yourself, in the browser console of the local backend\n"
-        "  --console-dir DIR serve the console's files from DIR instead of the built-in copies\n",
+        "  --console-dir DIR serve the console's files from DIR instead of the built-in copies\n"
+        "  --traffic FILE    append what the device and the local backend say to each other to\n"
+        "                    FILE, one JSON object a line, to check it against docs/protocol\n",
         out);
 }
 
@@ -74,6 +77,8 @@ std::optional<Options> parseOptions(int argc, char** argv) {
             options.console = true;
         } else if (arg == "--console-dir" && (v = value())) {
             options.consoleDir = *v;
+        } else if (arg == "--traffic" && (v = value())) {
+            options.traffic = *v;
         } else if (arg == "--stay" && (v = value())) {
             options.staySeconds = seconds(*v);
             if (!options.staySeconds) return std::nullopt;
@@ -81,6 +86,11 @@ std::optional<Options> parseOptions(int argc, char** argv) {
             std::fprintf(stderr, "virela-demo: unexpected argument '%s'\n", arg.c_str());
             return std::nullopt;
         }
+    }
+    if (options.traffic && options.baseUrl) {
+        std::fprintf(stderr,
+                     "virela-demo: --traffic records the local backend; leave out --base-url\n");
+        return std::nullopt;
     }
     if (options.console && options.baseUrl) {
         std::fprintf(stderr,

@@ -19,6 +19,7 @@ struct Options {
     ConsentPolicy consent = ConsentPolicy::allow;
     bool console = false;  // a person plays the agent in the local backend's console
     std::optional<std::string> consoleDir;
+    std::optional<std::string> traffic;  // where the local backend records the device traffic
     bool help = false;
 };
 

@@ -29,7 +29,7 @@ using virela::devserver::SocketEvent;
 
 void usage(std::ostream& out) {
     out << "usage: virela-devserver [--port N] [--listen ADDRESS] [--key KEY]... [--no-console]\n"
-           "                       [--console-dir DIR]\n"
+           "                       [--console-dir DIR] [--traffic FILE]\n"
            "  --port N    listen on 127.0.0.1:N (default 0: any free port)\n"
            "  --listen ADDRESS     listen on ADDRESS instead of 127.0.0.1, e.g. 0.0.0.0 for every\n"
            "                       interface: other machines can then reach the backend, and\n"
@@ -38,6 +38,8 @@ void usage(std::ostream& out) {
            "              default vk_demo_local)\n"
            "  --no-console         do not serve the agent's console at /console\n"
            "  --console-dir DIR    serve the console's files from DIR (for working on them)\n"
+           "  --traffic FILE       append the devices' traffic to FILE as JSON lines, for\n"
+           "                       tests/protocol/validate-traffic.mjs\n"
            "The console's address, with its token, is printed at start.\n"
            "commands on stdin, one a line (DEVICE: id, token or support code):\n"
            "  push DEVICE TEXT     send TEXT as a text frame to the device's socket\n"
@@ -528,6 +530,8 @@ int main(int argc, char** argv) {
             options.consoleToken.reset();
         } else if (arg == "--console-dir" && hasValue) {
             options.consoleDirectory = argv[++i];
+        } else if (arg == "--traffic" && hasValue && argv[i + 1][0] != '\0') {
+            options.trafficLog = argv[++i];
         } else {
             std::cerr << "virela-devserver: bad argument \"" << arg << "\"\n";
             usage(std::cerr);

@@ -22,6 +22,7 @@
 #include "tools/devserver/sdk_routes.hpp"
 #include "tools/devserver/socket_admission.hpp"
 #include "tools/devserver/socket_hub.hpp"
+#include "tools/devserver/traffic_log.hpp"
 
 namespace virela::devserver {
 
@@ -93,6 +94,7 @@ struct Server::Impl {
     Router router;
     std::string consoleToken;  // empty: no console
     std::function<void(const RecordedRequest&, int)> onRequest;
+    std::shared_ptr<TrafficLog> traffic;  // null: not recording
     bool keepRequests = true;
 
     Outcome handle(RecordedRequest request, int version);
@@ -153,6 +155,22 @@ Outcome Server::Impl::handle(RecordedRequest request, int version) {
             // An observer's failure is not the client's problem.
         }
     }
+    if (traffic) {
+        try {
+            if (request.path == kSocketPath) {
+                const int status = outcome.kind == Outcome::Kind::upgrade ? 101
+                                   : outcome.kind == Outcome::Kind::close ? 0
+                                                                          : outcome.reply.status;
+                traffic->upgrade(request, status, outcome.deviceId, outcome.subprotocol);
+            } else {
+                traffic->request(request,
+                                 outcome.kind == Outcome::Kind::close ? nullptr : &outcome.reply,
+                                 injected.has_value());
+            }
+        } catch (const std::exception&) {
+            // A log that cannot be written is the tester's problem, not the client's.
+        }
+    }
     // Recorded before the reply goes out, so a client that has its answer finds it here.
     if (!keepRequests) return outcome;
     std::lock_guard lock(mutex);
@@ -183,6 +201,9 @@ Server::~Server() {
 void Server::start(Options options) {
     std::lock_guard lifecycle(impl_->lifecycle);
     if (impl_->http) throw std::logic_error("devserver is already running");
+    // Opened first, so that a log that cannot be opened leaves the server as it was.
+    impl_->traffic =
+        options.trafficLog.empty() ? nullptr : std::make_shared<TrafficLog>(options.trafficLog);
 
     impl_->router = Router();
     impl_->registry.setTokenPrefix(options.tokenPrefix);
@@ -214,7 +235,7 @@ void Server::start(Options options) {
     impl_->agent.setDefaults(options.consentCopy, options.promptSeconds);
 
     if (impl_->consoleToken.empty()) {
-        impl_->sockets.open(std::move(options.onSocketEvent));
+        impl_->sockets.open(std::move(options.onSocketEvent), impl_->traffic);
     } else {
         impl_->sockets.open(
             [impl, observer = std::move(options.onSocketEvent)](const SocketEvent& event) {
@@ -224,7 +245,8 @@ void Server::start(Options options) {
                     // As above: the journal never takes a socket down.
                 }
                 if (observer) observer(event);
-            });
+            },
+            impl_->traffic);
     }
     std::unique_ptr<HttpServer> http;
     try {
@@ -351,11 +373,11 @@ std::vector<DeviceInfo> Server::devices() const {
 }
 
 bool Server::pushText(std::string_view device, std::string text) {
-    return impl_->sockets.send(device, {Outgoing::Kind::text, std::move(text), 0});
+    return impl_->sockets.send(device, {Outgoing::Kind::text, std::move(text), 0, true});
 }
 
 bool Server::pushBinary(std::string_view device, std::string bytes) {
-    return impl_->sockets.send(device, {Outgoing::Kind::binary, std::move(bytes), 0});
+    return impl_->sockets.send(device, {Outgoing::Kind::binary, std::move(bytes), 0, true});
 }
 
 std::vector<std::string> Server::framesFrom(std::string_view device) const {

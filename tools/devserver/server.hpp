@@ -59,6 +59,11 @@ struct Options {
     // stop() drops come from the thread calling stop(). Must not call stop() or wait on the
     // server; pushing from here is fine.
     std::function<void(const SocketEvent&)> onSocketEvent;
+    // Append every exchange on the device routes and every frame of the device sockets to this
+    // file, one JSON object a line (see traffic_log.hpp), for checking real traffic against the
+    // protocol documents. Empty: nothing is recorded. start() throws std::runtime_error when the
+    // file cannot be opened.
+    std::string trafficLog;
 };
 
 // 128 random bits as 32 hex digits, for Options::consoleToken.

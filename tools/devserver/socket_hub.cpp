@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "tools/devserver/traffic_log.hpp"
 #include "tools/devserver/websocket_session.hpp"
 
 namespace virela::devserver {
@@ -18,22 +19,26 @@ constexpr std::size_t kKeptTextPerDevice = std::size_t{64} * 1024 * 1024;
 
 SocketHub::SocketHub(Resolver resolve) : resolve_(std::move(resolve)) {}
 
-void SocketHub::open(EventHandler onEvent) {
+void SocketHub::open(EventHandler onEvent, std::shared_ptr<TrafficLog> traffic) {
     std::lock_guard lock(mutex_);
     open_ = true;
+    traffic_ = std::move(traffic);
     onEvent_ = onEvent ? std::make_shared<const EventHandler>(std::move(onEvent)) : nullptr;
 }
 
 void SocketHub::shutdown() {
     std::vector<std::shared_ptr<WebSocketSession>> ended;
+    std::shared_ptr<TrafficLog> traffic;
     {
         std::lock_guard lock(mutex_);
         open_ = false;
         ended.swap(live_);
+        traffic = std::exchange(traffic_, nullptr);
         for (auto& entry : devices_) entry.second.current.reset();
     }
     changed_.notify_all();
     for (const auto& session : ended) {
+        if (traffic) traffic->closed(session->connection(), session->deviceId(), 1006);
         emit({SocketEvent::Kind::closed, session->deviceId(), {}, 1006});
     }
     std::lock_guard lock(mutex_);
@@ -60,6 +65,13 @@ bool SocketHub::attach(const std::shared_ptr<WebSocketSession>& session) {
         replaced = std::exchange(device.current, session);
         ++device.accepted;
         live_.push_back(session);
+        if (traffic_) {
+            traffic_->opened(session->connection(), session->deviceId());
+            if (replaced) {
+                traffic_->closeSent(replaced->connection(), replaced->deviceId(),
+                                    kReplacedCloseCode);
+            }
+        }
     }
     changed_.notify_all();
     if (replaced) {
@@ -71,10 +83,13 @@ bool SocketHub::attach(const std::shared_ptr<WebSocketSession>& session) {
 }
 
 void SocketHub::received(const WebSocketSession& session, std::string frame, bool text) {
-    if (text) {
+    {
         std::lock_guard lock(mutex_);
+        if (traffic_) {
+            traffic_->frame(session.connection(), session.deviceId(), true, text, frame, false);
+        }
         Device& device = devices_[session.deviceId()];
-        if (device.textBytes + frame.size() <= kKeptTextPerDevice) {
+        if (text && device.textBytes + frame.size() <= kKeptTextPerDevice) {
             device.textBytes += frame.size();
             device.texts.push_back(frame);
         }
@@ -91,6 +106,7 @@ void SocketHub::detach(const WebSocketSession& session, int closeCode) {
                                [&](const auto& candidate) { return candidate.get() == &session; });
         if (it == live_.end()) return;
         live_.erase(it);
+        if (traffic_) traffic_->closed(session.connection(), session.deviceId(), closeCode);
         auto device = devices_.find(session.deviceId());
         if (device != devices_.end() && device->second.current.get() == &session) {
             device->second.current.reset();
@@ -106,6 +122,16 @@ bool SocketHub::send(std::string_view device, Outgoing message) {
         Device* target = open_ ? find(device) : nullptr;
         if (target == nullptr || !target->current) return false;
         const bool closing = message.kind == Outgoing::Kind::close;
+        if (traffic_) {
+            const WebSocketSession& to = *target->current;
+            if (closing) {
+                traffic_->closeSent(to.connection(), to.deviceId(), message.code);
+            } else {
+                traffic_->frame(to.connection(), to.deviceId(), false,
+                                message.kind == Outgoing::Kind::text, message.data,
+                                message.crafted);
+            }
+        }
         // Posted under the lock: shutdown() cannot let the io_context go in the meantime.
         target->current->post(std::move(message));
         if (!closing) return true;
@@ -120,6 +146,7 @@ void SocketHub::drop(std::string_view device) {
         std::lock_guard lock(mutex_);
         Device* target = open_ ? find(device) : nullptr;
         if (target == nullptr || !target->current) return;
+        if (traffic_) traffic_->dropped(target->current->connection(), target->current->deviceId());
         target->current->postDrop();
         target->current.reset();
     }

@@ -16,6 +16,7 @@
 
 namespace virela::devserver {
 
+class TrafficLog;
 class WebSocketSession;
 
 // One message for a device's socket.
@@ -24,6 +25,9 @@ struct Outgoing {
     Kind kind = Kind::text;
     std::string data;  // the frame, or the reason of a close
     int code = 0;      // for close
+    // Written by hand by a test (Server::pushText), not by the agent: the traffic log says so,
+    // as such a frame may be malformed on purpose.
+    bool crafted = false;
 };
 
 // The devices' sockets: which one is current for each device, what each device sent, and the
@@ -39,7 +43,8 @@ class SocketHub {
     explicit SocketHub(Resolver resolve);
 
     // Starts accepting sessions for a run of the server.
-    void open(EventHandler onEvent);
+    // `traffic`, when given, hears every frame both ways and every open and close.
+    void open(EventHandler onEvent, std::shared_ptr<TrafficLog> traffic = nullptr);
     // Ends a run: sessions are no longer accepted or sent to, and those still open are reported
     // closed with 1006. Call once the server thread has stopped and before its io_context is
     // destroyed, so that nothing is posted to a dead context.
@@ -87,6 +92,7 @@ class SocketHub {
     mutable std::condition_variable changed_;
     bool open_ = false;
     std::shared_ptr<const EventHandler> onEvent_;
+    std::shared_ptr<TrafficLog> traffic_;
     std::map<std::string, Device, std::less<>> devices_;
     // Every attached session until it ends, current or being replaced or closed.
     std::vector<std::shared_ptr<WebSocketSession>> live_;

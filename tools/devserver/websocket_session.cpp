@@ -1,5 +1,6 @@
 #include "tools/devserver/websocket_session.hpp"
 
+#include <atomic>
 #include <cstdint>
 #include <utility>
 
@@ -26,13 +27,16 @@ constexpr std::size_t kQueueLimit = std::size_t{32} * 1024 * 1024;
 constexpr int kNoStatusCode = 1005;
 constexpr int kAbnormalCode = 1006;
 
+std::atomic<std::uint64_t> nextConnection{0};
+
 }  // namespace
 
 WebSocketSession::WebSocketSession(beast::tcp_stream stream, SocketHub& hub, std::string deviceId)
     : ws_(std::move(stream)),
       executor_(ws_.get_executor()),
       hub_(hub),
-      deviceId_(std::move(deviceId)) {}
+      deviceId_(std::move(deviceId)),
+      connection_(nextConnection.fetch_add(1) + 1) {}
 
 void WebSocketSession::accept(http::request<http::empty_body> request, std::string subprotocol) {
     request_ = std::move(request);

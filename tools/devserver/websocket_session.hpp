@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>
@@ -27,6 +28,8 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
                 std::string subprotocol);
 
     const std::string& deviceId() const { return deviceId_; }
+    // Unique among the sessions of this process, for telling connections apart in a log.
+    std::uint64_t connection() const { return connection_; }
 
     // Queue a message on the server thread. Only while the io_context lives.
     void post(Outgoing message);
@@ -60,6 +63,7 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
     bool dropped_ = false;
     SocketHub& hub_;
     const std::string deviceId_;
+    const std::uint64_t connection_;
 };
 
 }  // namespace virela::devserver
