@@ -56,7 +56,7 @@ CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo 
 cmake --build build/fuzz --target virela_dispatch_fuzz -- -j"$jobs"
 mkdir -p build/fuzz/corpus
 build/fuzz/fuzz/virela_dispatch_fuzz -runs=100000 -seed=1 -dict=fuzz/dispatch.dict \
-    build/fuzz/corpus fuzz/corpus/dispatch fuzz/corpus/dispatch-extra 2>&1 | tail -n 1
+    build/fuzz/corpus fuzz/corpus/dispatch 2>&1 | tail -n 1
 echo "== fuzzing remote input against locked views (a fixed, short run)"
 cmake --build build/fuzz --target virela_input_fuzz -- -j"$jobs"
 mkdir -p build/fuzz/corpus-input
