@@ -8,8 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
-ensure_packages nodejs
-command -v npm >/dev/null 2>&1 || ensure_packages npm
+ensure_protocol_tools
 
 build="${BUILD:-build/test}"
 tests="$build/tests/virela_integration_tests"
@@ -20,12 +19,6 @@ for program in "$tests" "$demo"; do
         exit 1
     fi
 done
-modules=tests/protocol/node_modules
-if [ ! -f "$modules/.package-lock.json" ] ||
-   [ tests/protocol/package-lock.json -nt "$modules/.package-lock.json" ]; then
-    (cd tests/protocol && npm ci --no-audit --no-fund)
-fi
-
 started=$SECONDS
 traffic="$build/traffic"
 rm -rf "$traffic"
