@@ -81,7 +81,7 @@ for (const [template, item] of Object.entries(openapi.paths)) {
     operations.push({ id: op.operationId, method: method.toUpperCase(), template, op, names,
                       pattern: new RegExp(`^${source}$`),
                       where: `/paths/${escape(template)}/${method}`,
-                      seen: 0, statuses: new Map() });
+                      seen: 0, statuses: new Map(), keys: new Set() });
   }
 }
 
@@ -201,13 +201,15 @@ function checkHttp(where, line, tokens) {
   if (line.canned) { canned += 1; return; }
   if (line.status === 0) return fail('closed without a reply');
   const status = String(line.status);
-  let key = status;
-  if (!op.responses[status]) {
+  // The exact status, else its range ("2XX"), else `default`, which stands for failures only.
+  let key = [status, `${status[0]}XX`].find((k) => op.responses[k]);
+  if (!key) {
     if (line.status >= 200 && line.status < 300) return fail(`success status ${status} is not listed`);
     if (!op.responses.default) return fail(`status ${status} is not listed`);
     key = 'default';
   }
-  count(match.statuses, key === 'default' ? `${status} (default)` : status);
+  count(match.statuses, key === status ? status : `${status} (${key})`);
+  match.keys.add(key);
   const response = deref(openapi, op.responses[key]);
   const replyMedia = (line.reply?.contentType ?? '').split(';')[0].trim().toLowerCase();
   if (!response.content) return;
@@ -334,7 +336,7 @@ console.log(`traffic: ${checked} records checked`);
 console.log('\nHTTP operations (openapi.yaml): seen, statuses seen; documented statuses never seen');
 for (const o of operations) {
   const documented = Object.keys(o.op.responses).filter((s) => s !== 'default');
-  const never = documented.filter((s) => !o.statuses.has(s));
+  const never = documented.filter((s) => !o.keys.has(s));
   console.log(`  ${pad(o.id, 20)} ${pad(o.seen || unseen(o.id), 6)} ${pad(listed(o.statuses), 34)}` +
               (never.length ? ` not seen: ${never.join(' ')}` : ''));
 }
