@@ -13,6 +13,7 @@ import { readFileSync, writeFileSync, readdirSync, unlinkSync, mkdirSync, exists
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 import yaml from 'js-yaml';
+import { resolve as resolveIn } from './references.mjs';
 
 const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
 const source = 'docs/protocol/asyncapi.yaml';
@@ -21,18 +22,7 @@ const corpusDir = 'fuzz/corpus/dispatch';
 
 const doc = yaml.load(readFileSync(path.join(root, source), 'utf8'));
 
-function lookup(ref) {
-  let node = doc;
-  for (const key of ref.replace(/^#\//, '').split('/')) {
-    node = node?.[key];
-    if (node === undefined) throw new Error(`unresolved reference ${ref}`);
-  }
-  return node;
-}
-const resolve = (node) => {
-  while (node && typeof node === 'object' && typeof node.$ref === 'string') node = lookup(node.$ref);
-  return node;
-};
+const resolve = (node) => resolveIn(doc, node);
 
 // The pushes: the messages of every operation the device receives, in document order.
 const pushes = [];
@@ -46,8 +36,6 @@ if (!pushes.length) throw new Error(`${source} describes no push`);
 const tokens = new Set();
 const addString = (value) => tokens.add(JSON.stringify(String(value)));
 function collect(input, seen = new Set()) {
-  // A member that refers to a shared schema may list its own examples beside the reference.
-  if (input?.$ref) for (const value of input.examples ?? []) if (typeof value === 'string') addString(value);
   const schema = resolve(input);
   if (!schema || typeof schema !== 'object' || seen.has(schema)) return;
   seen.add(schema);

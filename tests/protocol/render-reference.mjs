@@ -8,6 +8,7 @@ import { readFileSync, writeFileSync, mkdirSync } from 'node:fs';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 import yaml from 'js-yaml';
+import { resolveNamed } from './references.mjs';
 
 // ---- text ---------------------------------------------------------------------------------
 
@@ -79,32 +80,6 @@ const json = (value) =>
   `<pre class="example">${escape(typeof value === 'string' ? value : JSON.stringify(value, null, 2))}</pre>`;
 
 // ---- schemas ------------------------------------------------------------------------------
-
-// Resolves a local reference ("#/components/schemas/X"); members beside a $ref (a description,
-// as both documents write them) override the target's.
-function resolver(doc) {
-  const lookup = (ref) => {
-    if (!ref.startsWith('#/')) throw new Error(`only local references are supported: ${ref}`);
-    let node = doc;
-    for (const key of ref.slice(2).split('/')) {
-      node = node?.[key.replaceAll('~1', '/').replaceAll('~0', '~')];
-      if (node === undefined) throw new Error(`unresolved reference ${ref}`);
-    }
-    return node;
-  };
-  const resolve = (node) => {
-    let name = null;
-    let seen = 0;
-    while (node && typeof node === 'object' && typeof node.$ref === 'string') {
-      if (++seen > 32) throw new Error(`reference loop at ${node.$ref}`);
-      name ??= node.$ref.split('/').pop();
-      const { $ref, ...beside } = node;
-      node = { ...lookup($ref), ...beside };
-    }
-    return { node, name };
-  };
-  return resolve;
-}
 
 function typeOf(schema) {
   if (schema.const !== undefined) return `const ${JSON.stringify(schema.const)}`;
@@ -211,7 +186,7 @@ function content(body, resolve) {
 }
 
 function renderOpenApi(doc) {
-  const resolve = (node) => resolver(doc)(node);
+  const resolve = (node) => resolveNamed(doc, node);
   const schemes = doc.components?.securitySchemes ?? {};
   const operations = [];
   for (const [route, item] of Object.entries(doc.paths ?? {})) {
@@ -310,7 +285,7 @@ function renderOpenApi(doc) {
 // ---- AsyncAPI -----------------------------------------------------------------------------
 
 function renderAsyncApi(doc) {
-  const resolve = (node) => resolver(doc)(node);
+  const resolve = (node) => resolveNamed(doc, node);
   const nav = [];
   const body = [];
   body.push(`<section id="socket"><h2>Realtime socket <span class="version">${escape(doc.info.title)} ${escape(doc.info.version)}</span></h2>`);

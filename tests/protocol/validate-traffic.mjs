@@ -20,6 +20,7 @@ import yaml from 'js-yaml';
 import Ajv2020 from 'ajv/dist/2020.js';
 import Ajv from 'ajv';
 import addFormats from 'ajv-formats';
+import { lookup, resolve } from './references.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const args = { openapi: path.join(here, '../../docs/protocol/openapi.yaml'),
@@ -38,15 +39,6 @@ if (args.inputs.length === 0 || args.inputs.some((a) => a === undefined)) {
 }
 
 // ---- the documents
-
-const pointer = (doc, ref) => ref.replace(/^#\//, '').split('/')
-  .map((p) => p.replace(/~1/g, '/').replace(/~0/g, '~'))
-  .reduce((node, key) => (node === undefined ? undefined : node[key]), doc);
-// Follows $ref for the objects that are not schemas (responses, parameters).
-const deref = (doc, node) => {
-  while (node && typeof node.$ref === 'string') node = pointer(doc, node.$ref);
-  return node;
-};
 
 const openapi = yaml.load(await readFile(args.openapi, 'utf8'));
 const asyncapi = yaml.load(await readFile(args.asyncapi, 'utf8'));
@@ -88,9 +80,9 @@ for (const [template, item] of Object.entries(openapi.paths)) {
 const messages = [];
 for (const [opName, op] of Object.entries(asyncapi.operations)) {
   for (const ref of op.messages) {
-    const channelMessage = pointer(asyncapi, ref.$ref);
+    const channelMessage = lookup(asyncapi, ref.$ref);
     const id = channelMessage.$ref.split('/').pop();
-    const message = deref(asyncapi, channelMessage);
+    const message = resolve(asyncapi, channelMessage);
     messages.push({ id, name: message.name, operation: opName,
                     dir: op.action === 'receive' ? 'out' : 'in', message,
                     validate: schemaAt(ajvSocket, 'asyncapi', `/components/messages/${id}/payload`),
@@ -145,7 +137,7 @@ function checkHttp(where, line, tokens) {
   match.seen += 1;
   const params = line.path.match(match.pattern).slice(1);
   for (const [i, name] of match.names.entries()) {
-    const at = (op.parameters ?? []).findIndex((p) => deref(openapi, p).name === name);
+    const at = (op.parameters ?? []).findIndex((p) => resolve(openapi, p).name === name);
     if (at < 0) { fail(`path parameter ${name} is not documented`); continue; }
     const validate = schemaAt(ajvHttp, 'openapi',
                               `${placeOf(op.parameters[at], `${match.where}/parameters/${at}`)}/schema`);
@@ -210,7 +202,7 @@ function checkHttp(where, line, tokens) {
   }
   count(match.statuses, key === status ? status : `${status} (${key})`);
   match.keys.add(key);
-  const response = deref(openapi, op.responses[key]);
+  const response = resolve(openapi, op.responses[key]);
   const replyMedia = (line.reply?.contentType ?? '').split(';')[0].trim().toLowerCase();
   if (!response.content) return;
   if (!response.content[replyMedia]) return fail(`${status} reply as ${replyMedia || 'no type'}`);

@@ -1,8 +1,6 @@
 #include "tools/devserver/traffic_log.hpp"
 
-#include <algorithm>
 #include <array>
-#include <cctype>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
@@ -23,10 +21,12 @@ constexpr std::size_t kKeptBody = 64 * 1024;
 constexpr std::size_t kKeptFraming = 512;
 constexpr std::size_t kMagicBytes = 8;
 
-constexpr std::array<std::string_view, 3> kHeadersThatMatter = {"X-Virela-Key", "X-Virela-Device",
-                                                                "Content-Type"};
+// By the lowercase names the log gives them; matched whatever their case on the wire.
+constexpr std::array<std::string_view, 3> kHeadersThatMatter = {"x-virela-key", "x-virela-device",
+                                                                "content-type"};
 
-// Text as JSON can carry it: invalid UTF-8 is replaced rather than failing the line.
+// At most `limit` bytes of text; invalid UTF-8, a character cut here included, is replaced when
+// the line is written rather than failing it.
 ordered_json text(std::string_view bytes, std::size_t limit) {
     return std::string(bytes.substr(0, limit));
 }
@@ -41,7 +41,7 @@ std::string hex(std::string_view bytes) {
     return out;
 }
 
-// Every value of the headers a device route reads, by lowercase name, duplicates kept.
+// Every value of the headers a device route reads, duplicates kept.
 ordered_json headersThatMatter(const std::vector<Header>& headers) {
     ordered_json out = ordered_json::object();
     for (std::string_view name : kHeadersThatMatter) {
@@ -49,10 +49,7 @@ ordered_json headersThatMatter(const std::vector<Header>& headers) {
         for (const Header& header : headers) {
             if (equalsIgnoringCase(header.name, name)) values.push_back(text(header.value, 1024));
         }
-        std::string key(name);
-        std::transform(key.begin(), key.end(), key.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        if (!values.empty()) out[key] = std::move(values);
+        if (!values.empty()) out[std::string(name)] = std::move(values);
     }
     return out;
 }
